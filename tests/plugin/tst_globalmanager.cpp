@@ -1,0 +1,303 @@
+#include "plugin/globalmanager.h"
+#include "logcapture.h"
+#include "scriptedserver.h"
+
+#include <zephyrtide/manager.h>
+#include <zephyrtide/reply.h>
+
+#include <QDir>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QThread>
+#include <QTimer>
+
+using Zephyrtide::Error;
+using Zephyrtide::Manager;
+using Zephyrtide::Reply;
+
+// A host manager whose answers the test scripts.
+class ScriptedManager : public Manager
+{
+public:
+    enum Mode { NullReply, FailedStatus, NeverFinishes };
+    explicit ScriptedManager(Mode mode) : m_mode(mode) {}
+
+    Reply *request(const QString &name, HttpRequestType, HttpEncryptType, const QVariantMap &params,
+                   CloudAuthentication, const QVariantMap &) override
+    {
+        ++calls;
+        if (m_mode == NullReply)
+            return nullptr;
+        lastReply = new Reply(name, params, this);
+        if (m_mode == FailedStatus)
+            lastReply->setStatus(Error::ContentNotFound);
+        return lastReply;
+    }
+
+    int calls = 0;
+    QPointer<Reply> lastReply;
+
+private:
+    Mode m_mode;
+};
+
+class tst_GlobalManager : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase() { QStandardPaths::setTestModeEnabled(true); }
+    void cleanup() { GlobalManager::destroy(); }
+
+    void instanceIsCreatedOnceAndDestroyed();
+    void finishDeliversOnce();
+    void failOnNullReplyLogs();
+    void answerWords_data();
+    void answerWords();
+    void networkErrorRanges_data();
+    void networkErrorRanges();
+    void requestWithoutManager();
+    void requestWithNullReply();
+    void requestWithFailedStatus();
+    void contextDestroyedWhileWaiting();
+    void requestOverHttp_data();
+    void requestOverHttp();
+    void makePath();
+};
+
+void tst_GlobalManager::instanceIsCreatedOnceAndDestroyed()
+{
+    QCOMPARE(GlobalManager::existingInstance(), nullptr);
+    LogCapture log;
+    GlobalManager *first = GlobalManager::instance();
+    QCOMPARE(GlobalManager::instance(), first);
+    QCOMPARE(log.count(QStringLiteral("zephyrtide dll"), QtInfoMsg), 1);
+    QCOMPARE(QMetaType::type("ZTErrorCode"), qMetaTypeId<Error::ErrorCode>());
+    QCOMPARE(QMetaType::type("ZTHttpRequestType"), qMetaTypeId<Manager::HttpRequestType>());
+    QCOMPARE(QMetaType::type("ZTEncryptType"), qMetaTypeId<Manager::HttpEncryptType>());
+    GlobalManager::destroy();
+    QCOMPARE(GlobalManager::existingInstance(), nullptr);
+}
+
+void tst_GlobalManager::finishDeliversOnce()
+{
+    LogCapture log;
+    Reply reply;
+    QSignalSpy finished(&reply, &Reply::finished);
+    GlobalManager::instance()->success(&reply, QStringLiteral("first"));
+    GlobalManager::instance()->fail(&reply, Error::ParseError);
+    QCOMPARE(finished.count(), 1);
+    const QVariantMap map = finished.first().first().toMap();
+    QCOMPARE(map.keys(), QStringList({"errorCode", "result", "status"}));
+    QCOMPARE(map.value("status").toString(), QStringLiteral("success"));
+    QCOMPARE(map.value("result").toString(), QStringLiteral("first"));
+    QCOMPARE(map.value("errorCode").toInt(), 0);
+    QCOMPARE(log.count(QStringLiteral("already finished"), QtDebugMsg), 1);
+}
+
+void tst_GlobalManager::failOnNullReplyLogs()
+{
+    LogCapture log;
+    GlobalManager::instance()->fail(nullptr, Error::ParseError);
+    GlobalManager::instance()->success(nullptr, QVariant());
+    QCOMPARE(log.count(QStringLiteral("request reply is empty"), QtCriticalMsg), 2);
+}
+
+void tst_GlobalManager::answerWords_data()
+{
+    QTest::addColumn<QString>("status");
+    QTest::addColumn<QString>("result");
+    QTest::addColumn<int>("code");
+
+    QTest::newRow("success") << "success" << "anything" << 0;
+    QTest::newRow("status containing success") << "was success" << "" << 0;
+    QTest::newRow("Success capitalised is not success") << "Success" << "" << 20630;
+    QTest::newRow("unknown word") << "fail" << "quota" << 20630;
+    QTest::newRow("require") << "fail" << "require" << 20693;
+    QTest::newRow("authErr") << "fail" << "authErr" << 20706;
+    QTest::newRow("parseErr") << "fail" << "parseErr" << 20695;
+    QTest::newRow("illegalErr") << "fail" << "illegalErr" << 20707;
+    QTest::newRow("hasCaptcha") << "fail" << "hasCaptcha" << 20709;
+    QTest::newRow("hasValidCode") << "fail" << "hasValidCode" << 20710;
+    QTest::newRow("notExist") << "fail" << "notExist" << 20712;
+    QTest::newRow("USERNOTEXIST in capitals: 20708, not 20712") << "fail" << "USERNOTEXIST" << 20708;
+    QTest::newRow("notexist lower case") << "fail" << "file notexist" << 20712;
+    QTest::newRow("require beats authErr") << "fail" << "authErr require" << 20693;
+    QTest::newRow("authErr beats parseErr") << "fail" << "parseErr authErr" << 20706;
+    QTest::newRow("illegalErr beats notExist") << "fail" << "notExist illegalErr" << 20707;
+}
+
+void tst_GlobalManager::answerWords()
+{
+    QFETCH(QString, status);
+    QFETCH(QString, result);
+    QFETCH(int, code);
+
+    Reply reply;
+    QSignalSpy finished(&reply, &Reply::finished);
+    GlobalManager::instance()->checkResult(&reply, {{"status", status}, {"result", result}});
+    QCOMPARE(finished.count(), 1);
+    const QVariantMap map = finished.first().first().toMap();
+    QCOMPARE(map.value("errorCode").toInt(), code);
+    QCOMPARE(map.value("status").toString(), code == 0 ? QStringLiteral("success") : QStringLiteral("fail"));
+    QCOMPARE(map.value("result").isValid(), code == 0);
+}
+
+void tst_GlobalManager::networkErrorRanges_data()
+{
+    QTest::addColumn<int>("error");
+    QTest::addColumn<int>("code");
+    QTest::newRow("ConnectionRefused") << 1 << 20480;
+    QTest::newRow("UnknownNetworkError") << 99 << 20578;
+    QTest::newRow("100, last of the first range") << 100 << 20579;
+    QTest::newRow("ProxyConnectionRefused") << 101 << 20511;
+    QTest::newRow("200, last of the proxy range") << 200 << 20610;
+    QTest::newRow("ContentAccessDenied") << 201 << 20541;
+    QTest::newRow("300, last of the content range") << 300 << 20640;
+    QTest::newRow("ProtocolUnknownError") << 301 << 20571;
+    QTest::newRow("400, last of the protocol range") << 400 << 20670;
+    QTest::newRow("InternalServerError") << 401 << 20601;
+    QTest::newRow("UnknownServerError") << 499 << 20699;
+}
+
+void tst_GlobalManager::networkErrorRanges()
+{
+    QFETCH(int, error);
+    QFETCH(int, code);
+    LogCapture log;
+    QCOMPARE(int(GlobalManager::networkErrorCode(QNetworkReply::NetworkError(error))), code);
+    QCOMPARE(log.count(QStringLiteral("http error"), QtCriticalMsg), 1);
+}
+
+void tst_GlobalManager::requestWithoutManager()
+{
+    LogCapture log;
+    ScriptedManager host(ScriptedManager::NeverFinishes);
+    QVariant result;
+    const auto code = GlobalManager::instance()->request(this, result, "http://127.0.0.1:1/x",
+                                                         Manager::Post, Manager::NoEncryption, {}, {},
+                                                         {}, Manager::NoAuthentication, 0);
+    QCOMPARE(code, Error::NoManager);
+    QCOMPARE(host.calls, 0);
+    QCOMPARE(log.count(QStringLiteral("global manager is empty"), QtCriticalMsg), 1);
+}
+
+void tst_GlobalManager::requestWithNullReply()
+{
+    LogCapture log;
+    ScriptedManager host(ScriptedManager::NullReply);
+    GlobalManager::instance()->setManager(&host);
+    QVariant result;
+    QCOMPARE(GlobalManager::instance()->request(this, result, "http://127.0.0.1:1/x", {}),
+             Error::NoManager);
+    QCOMPARE(host.calls, 1);
+    QCOMPARE(log.count(QStringLiteral("reply is nullptr"), QtCriticalMsg), 1);
+}
+
+void tst_GlobalManager::requestWithFailedStatus()
+{
+    ScriptedManager host(ScriptedManager::FailedStatus);
+    GlobalManager::instance()->setManager(&host);
+    QVariant result;
+    QCOMPARE(GlobalManager::instance()->request(this, result, "http://127.0.0.1:1/x", {}),
+             Error::ContentNotFound);
+    // The host's reply is released rather than leaked.
+    QTRY_VERIFY_WITH_TIMEOUT(host.lastReply.isNull(), 5000);
+}
+
+void tst_GlobalManager::contextDestroyedWhileWaiting()
+{
+    ScriptedManager host(ScriptedManager::NeverFinishes);
+    GlobalManager::instance()->setManager(&host);
+    auto *context = new QObject; // deleted by the timer below
+    QTimer::singleShot(50, context, [context] { context->deleteLater(); });
+    QVariant result;
+    QSignalSpy *abortSpy = nullptr;
+    // The reply exists only once the request is made; watch it from inside the loop.
+    QTimer::singleShot(10, this, [&] {
+        if (host.lastReply)
+            abortSpy = new QSignalSpy(host.lastReply.data(), &Reply::abort);
+    });
+    const auto code = GlobalManager::instance()->request(context, result, "http://127.0.0.1:1/x", {});
+    QCOMPARE(code, Error::Aborted);
+    QVERIFY(abortSpy);
+    QCOMPARE(abortSpy->count(), 1);
+    delete abortSpy;
+    QTRY_VERIFY_WITH_TIMEOUT(host.lastReply.isNull(), 5000);
+}
+
+void tst_GlobalManager::requestOverHttp_data()
+{
+    QTest::addColumn<bool>("managerOnOtherThread");
+    QTest::newRow("manager on the caller's thread") << false;
+    QTest::newRow("manager on its own thread") << true;
+}
+
+void tst_GlobalManager::requestOverHttp()
+{
+    QFETCH(bool, managerOnOtherThread);
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.enqueue(ScriptedResponse::json(R"({"status":"success","result":{"n":7}})"));
+    server.enqueue(ScriptedResponse::json(R"({"status":"fail","result":"notExist"})"));
+
+    QThread thread;
+    Manager host;
+    host.setConfigData({{"token", "secret"}});
+    if (managerOnOtherThread) {
+        host.moveToThread(&thread);
+        thread.start();
+    }
+    GlobalManager::instance()->setManager(&host);
+
+    QVariant result;
+    auto code = GlobalManager::instance()->request(this, result, server.baseUrl() + "/a",
+                                                   Manager::Post, Manager::NoEncryption,
+                                                   {{"X-Test", "1"}}, {{"fileName", "a.txt"}},
+                                                   {{"q", "v"}}, Manager::UserAuthentication, 0);
+    QCOMPARE(code, Error::NoError);
+    QCOMPARE(result.toMap().value("n").toInt(), 7);
+    QCOMPARE(server.requestCount(), 1);
+    const ScriptedRequest sent = server.requests().first();
+    QCOMPARE(sent.method, QByteArray("POST"));
+    QCOMPARE(sent.target, QByteArray("/a?q=v"));
+    QCOMPARE(sent.header("X-Test"), QByteArray("1"));
+    QCOMPARE(sent.header("Authorization"), QByteArray("Bearer secret"));
+    QCOMPARE(QJsonDocument::fromJson(sent.body).object().value("fileName").toString(), QStringLiteral("a.txt"));
+
+    code = GlobalManager::instance()->request(this, result, server.baseUrl() + "/b", {});
+    QCOMPARE(code, Error::GeneralFailure);
+    QCOMPARE(result.toString(), QStringLiteral("notExist"));
+    QCOMPARE(GlobalManager::instance()->configData().value("token").toString(), QStringLiteral("secret"));
+
+    if (managerOnOtherThread) {
+        // Hand the manager back before it is destroyed on this thread.
+        QThread *testThread = QThread::currentThread();
+        QMetaObject::invokeMethod(&host, [&] { host.moveToThread(testThread); },
+                                  Qt::BlockingQueuedConnection);
+        thread.quit();
+        thread.wait();
+    }
+}
+
+void tst_GlobalManager::makePath()
+{
+    QTemporaryDir dir;
+    const QString nested = dir.path() + "/a/b/c";
+    QVERIFY(GlobalManager::makePath(nested));
+    QVERIFY(QDir(nested).exists());
+    QVERIFY(GlobalManager::makePath(nested));
+
+    QFile blocker(dir.path() + "/file");
+    QVERIFY(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    LogCapture log;
+    QVERIFY(!GlobalManager::makePath(dir.path() + "/file/sub"));
+    QCOMPARE(log.count(QStringLiteral("path create fail"), QtCriticalMsg), 1);
+}
+
+QTEST_MAIN(tst_GlobalManager)
+#include "tst_globalmanager.moc"

@@ -1,0 +1,50 @@
+#include "hostcall.h"
+
+#include <zephyrtide/reply.h>
+
+#include <QTest>
+
+HostCall::HostCall(QObject *root, const char *slot, const QVariantMap &params)
+    : m_reply(new Zephyrtide::Reply(QString::fromLatin1(slot), params))
+{
+    Zephyrtide::Reply *reply = m_reply.data();
+    QObject::connect(reply, &Zephyrtide::Reply::finished,
+                     [this](const QVariantMap &map) { m_results.append(map); });
+    QObject::connect(reply, &Zephyrtide::Reply::downloadProgress,
+                     [this](qint64 done, qint64 total) { progress.append({done, total}); });
+    QObject::connect(reply, &Zephyrtide::Reply::uploadProgress,
+                     [this](qint64 done, qint64 total) { progress.append({done, total}); });
+    QObject::connect(reply, &Zephyrtide::Reply::keepAlive, [this] { ++keepAlives; });
+    QObject::connect(reply, &Zephyrtide::Reply::oneErrorOccurred,
+                     [this](const QString &name, Zephyrtide::Error::ErrorCode code) {
+                         itemErrors.append({name, code});
+                     });
+    m_invoked = QMetaObject::invokeMethod(root, slot, Qt::DirectConnection,
+                                          Q_ARG(Zephyrtide::Reply *, reply),
+                                          Q_ARG(QVariantMap, params));
+    if (!m_invoked)
+        qWarning("HostCall: no slot %s(Zephyrtide::Reply*,QVariantMap)", slot);
+}
+
+HostCall::~HostCall()
+{
+    // The plugin may still hold connections to the reply; let it go from the loop.
+    m_reply.take()->deleteLater();
+}
+
+QVariantMap HostCall::wait(int timeoutMs)
+{
+    if (m_results.isEmpty())
+        (void)QTest::qWaitFor([this] { return !m_results.isEmpty(); }, timeoutMs);
+    return result();
+}
+
+int HostCall::errorCode() const
+{
+    return result().value(QStringLiteral("errorCode"), -1).toInt();
+}
+
+bool HostCall::succeeded() const
+{
+    return result().value(QStringLiteral("status")).toString() == QLatin1String("success");
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QList>
+#include <QPair>
+#include <QScopedPointer>
+#include <QVariantMap>
+
+#include <zephyrtide/error.h>
+
+class QObject;
+namespace Zephyrtide {
+class Reply;
+}
+
+// Calls a command slot of the plugin by name, as the host does, with a fresh
+// reply whose signals are recorded from before the call. Slots that wait in a
+// nested loop return only when they are done, so some replies are finished by
+// the time the constructor returns.
+class HostCall
+{
+public:
+    HostCall(QObject *root, const char *slot, const QVariantMap &params = QVariantMap());
+    ~HostCall();
+
+    bool invoked() const { return m_invoked; }
+    Zephyrtide::Reply *reply() const { return m_reply.data(); }
+
+    // Waits (bounded) for finished() and returns its map; empty on time-out.
+    QVariantMap wait(int timeoutMs = 20000);
+    QVariantMap result() const { return m_results.value(0); }
+    int finishedCount() const { return m_results.size(); }
+    int errorCode() const;
+    bool succeeded() const;
+
+    QList<QPair<qint64, qint64>> progress; // download or upload progress, as emitted
+    int keepAlives = 0;
+    QList<QPair<QString, Zephyrtide::Error::ErrorCode>> itemErrors;
+
+private:
+    QScopedPointer<Zephyrtide::Reply> m_reply;
+    QList<QVariantMap> m_results;
+    bool m_invoked = false;
+};

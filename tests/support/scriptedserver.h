@@ -1,0 +1,109 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+#include <QMetaType>
+#include <QPair>
+#include <QTcpServer>
+#include <QUrl>
+
+#include <functional>
+
+class QTcpSocket;
+
+// A request as the server received it.
+struct ScriptedRequest
+{
+    QByteArray method;
+    QByteArray target; // path and query, as sent
+    QList<QPair<QByteArray, QByteArray>> headers;
+    QByteArray body;
+
+    QUrl url() const { return QUrl(QString::fromLatin1(target)); }
+    QString path() const { return url().path(); }
+    QByteArray header(const QByteArray &name) const; // case-insensitive, first match
+};
+
+// What the server answers, and how.
+struct ScriptedResponse
+{
+    int status = 200;
+    QList<QPair<QByteArray, QByteArray>> headers;
+    QByteArray body;
+    int delayMs = 0;            // wait this long before answering
+    qint64 dropAfterBytes = -1; // close the connection after this many body bytes
+    bool closeWithoutAnswer = false;
+    bool hold = false;          // answer only when release() is called
+
+    ScriptedResponse &header(const QByteArray &name, const QByteArray &value)
+    {
+        headers.append({name, value});
+        return *this;
+    }
+
+    static ScriptedResponse json(const QByteArray &json, int status = 200);
+    // Serves content honouring a "Range: bytes=a-b" header: 206 with
+    // Content-Range (end clamped), 416 past the end, 200 without a range.
+    static ScriptedResponse file(const QByteArray &content, const ScriptedRequest &request,
+                                 const QByteArray &etag = QByteArray(),
+                                 const QByteArray &fileName = QByteArray());
+};
+
+Q_DECLARE_METATYPE(ScriptedResponse)
+
+// An in-process HTTP/1.1 server on 127.0.0.1 for tests: each request is answered
+// by the handler (or the next queued response, else 404) and recorded. It also
+// counts how many requests were open at once.
+class ScriptedServer : public QTcpServer
+{
+    Q_OBJECT
+public:
+    using Handler = std::function<ScriptedResponse(const ScriptedRequest &)>;
+
+    explicit ScriptedServer(QObject *parent = nullptr);
+    ~ScriptedServer() override;
+
+    bool start(); // listens on 127.0.0.1, port 0
+    QString baseUrl() const; // "http://127.0.0.1:port"
+
+    void setHandler(Handler handler);
+    void enqueue(const ScriptedResponse &response);
+
+    QList<ScriptedRequest> requests() const { return m_requests; }
+    int requestCount() const { return m_requests.size(); }
+    int openRequests() const { return m_open; }
+    int maxOpenRequests() const { return m_maxOpen; }
+    int heldCount() const { return m_held.size(); }
+    qint64 bodyBytesSent() const { return m_bodyBytesSent; }
+
+    // Answers held responses, oldest first; all of them with n < 0.
+    void release(int n = -1);
+    // Closes every open connection at once.
+    void dropAll();
+
+Q_SIGNALS:
+    void requestReceived(const ScriptedRequest &request);
+
+protected:
+    void incomingConnection(qintptr socketDescriptor) override;
+
+private:
+    struct Held
+    {
+        QTcpSocket *socket;
+        ScriptedResponse response;
+    };
+    void readFrom(QTcpSocket *socket);
+    void dispatch(QTcpSocket *socket, const ScriptedRequest &request);
+    void answer(QTcpSocket *socket, const ScriptedResponse &response);
+
+    Handler m_handler;
+    QList<ScriptedResponse> m_queue;
+    QList<ScriptedRequest> m_requests;
+    QList<Held> m_held;
+    QHash<QTcpSocket *, QByteArray> m_buffers;
+    int m_open = 0;
+    int m_maxOpen = 0;
+    qint64 m_bodyBytesSent = 0;
+};
