@@ -1,0 +1,168 @@
+#include "networkmanager.h"
+
+#include "networkreply.h"
+#include "plugin/logging.h"
+#include "plugin/threadcall.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr int KeepAliveIntervalMs = 4000;
+
+Zephyrtide::Manager::HttpRequestType verbName(int type)
+{
+    return static_cast<Zephyrtide::Manager::HttpRequestType>(type);
+}
+
+} // namespace
+
+NetworkManager::NetworkManager(QObject *parent)
+    : QObject(parent)
+    , m_access(new QNetworkAccessManager)
+{
+    qCDebug(ztLog) << "NetworkManager thread id " << QThread::currentThread();
+}
+
+NetworkManager::~NetworkManager() = default;
+
+NetworkReply *NetworkManager::get(const QNetworkRequest &request)
+{
+    return requestRemote(request, QByteArray(), PendingRequest::Get);
+}
+
+NetworkReply *NetworkManager::post(const QNetworkRequest &request, const QByteArray &body)
+{
+    return requestRemote(request, body, PendingRequest::Post);
+}
+
+NetworkReply *NetworkManager::put(const QNetworkRequest &request, const QByteArray &body)
+{
+    return requestRemote(request, body, PendingRequest::Put);
+}
+
+NetworkReply *NetworkManager::requestRemote(const QNetworkRequest &request, const QByteArray &body,
+                                            int type)
+{
+    auto *reply = new NetworkReply; // owned by the caller, who gets it below
+    reply->setManager(this);
+    qCDebug(ztLog) << "requestRemote" << request.url() << request.rawHeaderList() << verbName(type) << reply;
+
+    auto record = QSharedPointer<PendingRequest>::create();
+    record->request = request;
+    record->type = type;
+    record->body = body;
+    record->reply = reply;
+    reply->setRecord(record);
+
+    // "At most netLimit" on purpose: with 3, a fourth transfer still starts.
+    if (m_waiting.isEmpty() && m_requesting.size() <= m_netLimit) {
+        qCDebug(ztLog) << "requesttiiiiiiiii ngg" << request.url();
+        m_requesting.append(record);
+        reply->attach(issue(*record));
+    } else {
+        QTimer &timer = reply->keepAliveTimer();
+        timer.setInterval(KeepAliveIntervalMs);
+        connect(&timer, &QTimer::timeout, reply, &NetworkReply::keepAlive);
+        timer.start();
+        m_waiting.append(record);
+        qCDebug(ztLog) << "waitinnnnggggggggggg" << request.url() << m_waiting.size();
+    }
+
+    connect(reply, &NetworkReply::finished, this, &NetworkManager::onReplyFinished);
+    connect(reply, &NetworkReply::errorOccurred, this, &NetworkManager::onReplyFinished);
+    connect(reply, &QObject::destroyed, this, qOverload<QObject *>(&NetworkManager::onDestroyed));
+    return reply;
+}
+
+QNetworkReply *NetworkManager::issue(const PendingRequest &record)
+{
+    QNetworkAccessManager *access = m_access.data();
+    return callOnThreadOf(access, [access, &record]() -> QNetworkReply * {
+        switch (record.type) {
+        case PendingRequest::Post:
+            return access->post(record.request, record.body);
+        case PendingRequest::Put:
+            return access->put(record.request, record.body);
+        default:
+            return access->get(record.request);
+        }
+    });
+}
+
+void NetworkManager::startNext()
+{
+    if (m_waiting.isEmpty() || m_requesting.size() > m_netLimit)
+        return;
+    qCDebug(ztLog) << "before requesting url " << m_waiting.size();
+    QSharedPointer<PendingRequest> record = m_waiting.takeFirst();
+    qCDebug(ztLog) << "insert requesting url " << record->request.url() << m_waiting.size();
+    qCDebug(ztLog) << "thread id " << QThread::currentThread() << m_access;
+
+    record->reply->attach(issue(*record));
+    m_requesting.append(record);
+}
+
+void NetworkManager::onReplyFinished()
+{
+    auto *reply = qobject_cast<NetworkReply *>(sender());
+    if (!reply)
+        return;
+    const QUrl url = reply->reply() ? reply->reply()->request().url() : QUrl();
+    qCDebug(ztLog) << "finisheddddddddddddd url " << url << "request size" << m_requesting.size();
+    removeRecordsOf(m_requesting, reply);
+    qCDebug(ztLog) << "after size" << m_requesting.size() << m_netLimit << m_waiting.isEmpty();
+    startNext();
+}
+
+void NetworkManager::onDestroyed(QObject *obj)
+{
+    if (!obj) {
+        qCDebug(ztLog) << "error sender destroy";
+        return;
+    }
+    qCDebug(ztLog) << "delet reply before" << m_requesting.size() << m_waiting.size();
+    bool found = false;
+    removeRecordsOf(m_requesting, obj, &found);
+    if (!found)
+        removeRecordsOf(m_waiting, obj);
+    qCDebug(ztLog) << "delet reply " << m_requesting.size() << m_waiting.size();
+    startNext();
+}
+
+void NetworkManager::onDestroyed()
+{
+    onDestroyed(sender());
+}
+
+void NetworkManager::removeRecordsOf(QList<QSharedPointer<PendingRequest>> &list, const QObject *reply,
+                                     bool *found)
+{
+    const auto end = std::remove_if(list.begin(), list.end(),
+                                    [reply](const QSharedPointer<PendingRequest> &record) {
+                                        return record->reply == reply;
+                                    });
+    const int removed = int(list.end() - end);
+    list.erase(end, list.end());
+    if (found)
+        *found = removed > 0;
+}
+
+void NetworkManager::setNetLimit(Zephyrtide::Manager::NetLimit level)
+{
+    // The level is compared with the limit itself, not with the level that set it.
+    if (int(level) == m_netLimit)
+        return;
+    qCDebug(ztLog) << "netlimit cahngggggg" << level;
+    switch (level) {
+    case Zephyrtide::Manager::Unlimited:
+        m_netLimit = 99;
+        break;
+    case Zephyrtide::Manager::Low:
+        m_netLimit = 1;
+        break;
+    default:
+        m_netLimit = 3;
+        break;
+    }
+}

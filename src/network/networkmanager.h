@@ -1,0 +1,61 @@
+#pragma once
+
+#include "pendingrequest.h"
+
+#include <zephyrtide/manager.h>
+
+#include <QList>
+#include <QNetworkAccessManager>
+#include <QObject>
+#include <QSharedPointer>
+#include <QThread>
+
+class NetworkReply;
+
+// A queue with a concurrency limit in front of one QNetworkAccessManager.
+// get()/post()/put() return at once a NetworkReply that stands for the transfer
+// whether it starts now or waits; connect to it before returning to the event
+// loop and no signal is lost. Transfers start in arrival order; each finish,
+// error or deleted reply lets the next waiting one start. Up to netLimit + 1
+// transfers run at once (4 by default).
+//
+// Not a singleton: each engine that needs HTTP makes its own, with its own limit.
+class NetworkManager : public QObject
+{
+    Q_OBJECT
+public:
+    explicit NetworkManager(QObject *parent = nullptr);
+    ~NetworkManager() override;
+
+    NetworkReply *get(const QNetworkRequest &request);
+    NetworkReply *post(const QNetworkRequest &request, const QByteArray &body);
+    NetworkReply *put(const QNetworkRequest &request, const QByteArray &body);
+    NetworkReply *requestRemote(const QNetworkRequest &request, const QByteArray &body, int type);
+
+    // Unlimited (0) lifts the limit, Low (2) allows two at once, any other level four.
+    void setNetLimit(Zephyrtide::Manager::NetLimit level);
+    int netLimit() const { return m_netLimit; }
+    int runningCount() const { return m_requesting.size(); }
+    int waitingCount() const { return m_waiting.size(); }
+
+    // Sends record on the access manager's thread and returns its QNetworkReply.
+    QNetworkReply *issue(const PendingRequest &record);
+
+public Q_SLOTS:
+    void onDestroyed(QObject *obj);
+    void onDestroyed();
+    void onReplyFinished();
+
+private:
+    void startNext();
+    static void removeRecordsOf(QList<QSharedPointer<PendingRequest>> &list, const QObject *reply,
+                                bool *found = nullptr);
+
+    QList<QSharedPointer<PendingRequest>> m_requesting;
+    QList<QSharedPointer<PendingRequest>> m_waiting;
+    QSharedPointer<QNetworkAccessManager> m_access;
+    // Kept unstarted: the access manager stays on the thread that made this
+    // manager; issue() already copes with callers on other threads.
+    QThread m_thread;
+    int m_netLimit = 3;
+};

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <QByteArray>
+#include <QNetworkRequest>
+
+class NetworkReply;
+
+// One transfer as the caller asked for it. Shared between the queue and the
+// reply that stands for it, so that a retry can send it again.
+struct PendingRequest
+{
+    enum Verb { Post = 0, Get = 1, Put = 2 }; // any value but Post and Put means GET
+
+    QNetworkRequest request;
+    int type = Get;
+    QByteArray body;
+    NetworkReply *reply = nullptr; // identity only; the caller owns the reply
+};
