@@ -2,6 +2,7 @@
 
 #include "globalmanager.h"
 #include "logging.h"
+#include "upload/uploadglobal.h"
 
 #include <zephyrtide/manager.h>
 #include <zephyrtide/reply.h>
@@ -23,10 +24,12 @@ ZTServer::~ZTServer()
 {
     qCDebug(ztLog) << "__cdecl ZTServer::~ZTServer(void)" << "ZTServer unload";
     GlobalManager::destroy();
+    UploadGlobal::destroy();
 }
 
 void ZTServer::zt_set_manager(Zephyrtide::Manager *manager)
 {
+    UploadGlobal::instance()->setManager(manager);
     GlobalManager::instance()->setManager(manager);
 }
 

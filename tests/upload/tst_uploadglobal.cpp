@@ -1,0 +1,596 @@
+#include "commands/encryption.h"
+#include "logcapture.h"
+#include "plugin/ztserver.h"
+#include "upload/fileitem.h"
+#include "upload/uploadglobal.h"
+
+#include <zephyrtide/manager.h>
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QLoggingCategory>
+#include <QRegularExpression>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QThread>
+#include <QTimer>
+
+#include <memory>
+#include <vector>
+
+namespace QTest {
+template <>
+char *toString(const Upload::State &state)
+{
+    return qstrdup(QMetaEnum::fromType<Upload::State>().valueToKey(state));
+}
+} // namespace QTest
+
+// The upload-session cache and file item init, against a settings store in a
+// temporary folder.
+class tst_UploadGlobal : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void settingsLandInTemporaryFolder();
+    void initBuildsItem_data();
+    void initBuildsItem();
+    void initRefuses_data();
+    void initRefuses();
+    void contentType_data();
+    void contentType();
+    void cacheSetGetRemove();
+    void twoItems();
+    void sameFileFindsEntry();
+    void changedFileGetsNewIdentifier_data();
+    void changedFileGetsNewIdentifier();
+    void storedTextIsNotPlain();
+    void damagedCacheReadsEmpty_data();
+    void damagedCacheReadsEmpty();
+    void removeAllEmptiesCache();
+    void sessionValid_data();
+    void sessionValid();
+    void cacheTimerLeavesCache();
+    void concurrentWritesKeepEveryEntry();
+    void rootReachesUploadGlobal();
+
+private:
+    QString settingsFile() const
+    {
+        return m_settingsDir.filePath(QStringLiteral("Marbelnix/Zephyrtide.conf"));
+    }
+    static std::unique_ptr<QSettings> store()
+    {
+        return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
+                                           QStringLiteral("Marbelnix"),
+                                           QStringLiteral("Zephyrtide"));
+    }
+    QString makeFile(const QString &name, const QByteArray &content = "hello, cache\n")
+    {
+        const QString path = m_files->filePath(name);
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly))
+            return QString();
+        file.write(content);
+        return path;
+    }
+    static QVariantMap paramsFor(const QString &path)
+    {
+        return {{"filePath", path}, {"category", "PhotoVault"}, {"private", false},
+                {"userID", "u-1001"}, {"preview", true},         {"source", 1}};
+    }
+    // A session as the single-file uploader leaves it after "/upload/info".
+    static void giveSession(FileItem &item, const QString &uploadID)
+    {
+        item.uploadID = uploadID;
+        item.chunkSize = 4;
+        item.totalChunks = 4;
+        item.uploadedChunk = 1;
+        item.expires = 3600;
+        item.method = QStringLiteral("PUT");
+        item.currentRequestTime = QDateTime::currentDateTime();
+        item.chunks = {QVariantMap{{"url", "http://127.0.0.1/c?partNumber=2"},
+                                   {"headers", QVariantMap{{"x-part", 2}}},
+                                   {"bytesSent", 3}}};
+        item.bytesSent = 7;
+        item.bucket = QStringLiteral("Zephyrtide");
+        item.dfsID = QStringLiteral("Zephyrtide");
+        item.cdnURL = QStringLiteral("http://cdn.example/f");
+    }
+
+    QTemporaryDir m_settingsDir;
+    QScopedPointer<QTemporaryDir> m_files;
+};
+
+void tst_UploadGlobal::initTestCase()
+{
+    QLoggingCategory::setFilterRules(QStringLiteral("zephyrtide.dll.debug=true"));
+    QStandardPaths::setTestModeEnabled(true);
+    QVERIFY(m_settingsDir.isValid());
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settingsDir.path());
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settingsDir.path());
+}
+
+void tst_UploadGlobal::init()
+{
+    m_files.reset(new QTemporaryDir);
+    QVERIFY(m_files->isValid());
+    store()->clear();
+}
+
+void tst_UploadGlobal::cleanup()
+{
+    UploadGlobal::destroy();
+    store()->clear();
+    m_files.reset();
+}
+
+void tst_UploadGlobal::settingsLandInTemporaryFolder()
+{
+    UploadGlobal *global = UploadGlobal::instance();
+    QCOMPARE(global->readValue(QStringLiteral("probe")), QVariant());
+    global->writeValue(QStringLiteral("probe"), QVariantMap{{"a", 1}});
+
+    QCOMPARE(store()->fileName(), settingsFile());
+    QVERIFY(QFileInfo(settingsFile()).isFile());
+    QVERIFY(store()->contains(QStringLiteral("probe")));
+    QCOMPARE(global->readValue(QStringLiteral("probe")), QVariant(QVariantMap{{"a", 1}}));
+    // Names are matched exactly.
+    QCOMPARE(global->readValue(QStringLiteral("Probe")), QVariant());
+}
+
+void tst_UploadGlobal::initBuildsItem_data()
+{
+    QTest::addColumn<QVariantMap>("extra");
+
+    QTest::newRow("public") << QVariantMap();
+    QTest::newRow("private") << QVariantMap{{"private", true}};
+    QTest::newRow("no user, no source") << QVariantMap{{"userID", QVariant()}, {"source", QVariant()}};
+    QTest::newRow("non-ASCII category and user")
+        << QVariantMap{{"category", "相册"}, {"userID", "Zoë"}};
+}
+
+void tst_UploadGlobal::initBuildsItem()
+{
+    QFETCH(QVariantMap, extra);
+    const QString path = makeFile(QStringLiteral("notes.txt"), QByteArray(1234, 'n'));
+    QVariantMap params = paramsFor(path);
+    for (auto it = extra.cbegin(); it != extra.cend(); ++it) {
+        if (it.value().isValid())
+            params.insert(it.key(), it.value());
+        else
+            params.remove(it.key());
+    }
+
+    FileItem item;
+    QVERIFY(UploadGlobal::instance()->initFileItem(item, params));
+
+    QCOMPARE(item.state, Upload::Initialised);
+    QCOMPARE(item.filePath, path);
+    QCOMPARE(item.fileName, QStringLiteral("notes.txt"));
+    QCOMPARE(item.totalSize, qint64(1234));
+    QCOMPARE(item.category, params.value("category").toString());
+    QCOMPARE(item.isPrivate, params.value("private").toBool());
+    QCOMPARE(item.userID, params.value("userID").toString());
+    QVERIFY(item.preview);
+    QCOMPARE(item.source, params.value("source", 0).toUInt());
+    QCOMPARE(item.originParams, params);
+
+    // The identifier the server sees as "fileMD5": path, size, metadata-change
+    // time, category, the private flag as one character, user id.
+    const QString seed = path + QStringLiteral("1234")
+                         + QFileInfo(path).fileTime(QFileDevice::FileMetadataChangeTime)
+                               .toString(Qt::TextDate)
+                         + item.category + QChar(item.isPrivate ? 1 : 0) + item.userID;
+    QCOMPARE(item.identifier,
+             QString::fromLatin1(QCryptographicHash::hash(seed.toUtf8(), QCryptographicHash::Md5)
+                                     .toHex()));
+    QVERIFY(QRegularExpression(QStringLiteral("^[0-9a-f]{32}$")).match(item.identifier).hasMatch());
+}
+
+void tst_UploadGlobal::initRefuses_data()
+{
+    QTest::addColumn<QString>("filePath");
+    QTest::addColumn<QVariant>("category");
+
+    QTest::newRow("empty path") << QString() << QVariant("PhotoVault");
+    QTest::newRow("no file there") << QStringLiteral("missing.txt") << QVariant("PhotoVault");
+    QTest::newRow("a folder") << QStringLiteral(".") << QVariant("PhotoVault");
+    QTest::newRow("empty category, file exists") << QStringLiteral("exists.txt") << QVariant("");
+    QTest::newRow("no category, file exists") << QStringLiteral("exists.txt") << QVariant();
+}
+
+void tst_UploadGlobal::initRefuses()
+{
+    QFETCH(QString, filePath);
+    QFETCH(QVariant, category);
+    makeFile(QStringLiteral("exists.txt"));
+    if (!filePath.isEmpty())
+        filePath = m_files->filePath(filePath);
+    QVariantMap params = paramsFor(filePath);
+    params.remove(QStringLiteral("category"));
+    if (category.isValid())
+        params.insert(QStringLiteral("category"), category);
+
+    LogCapture log;
+    FileItem item;
+    QVERIFY(!UploadGlobal::instance()->initFileItem(item, params));
+    QVERIFY(item.state != Upload::Initialised);
+    QCOMPARE(log.count(QStringLiteral("init fail "), QtCriticalMsg), 1);
+}
+
+void tst_UploadGlobal::contentType_data()
+{
+    QTest::addColumn<QString>("fileName");
+    QTest::addColumn<QVariant>("given");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("absent: from the name") << "notes.txt" << QVariant() << "text/plain";
+    QTest::newRow("absent: json") << "answer.json" << QVariant() << "application/json";
+    QTest::newRow("given") << "notes.txt" << QVariant("application/x-vault") << "application/x-vault";
+    QTest::newRow("given empty stays empty") << "notes.txt" << QVariant("") << "";
+}
+
+void tst_UploadGlobal::contentType()
+{
+    QFETCH(QString, fileName);
+    QFETCH(QVariant, given);
+    QFETCH(QString, expected);
+
+    QVariantMap params = paramsFor(makeFile(fileName, "{\"a\": 1}\n"));
+    if (given.isValid())
+        params.insert(QStringLiteral("contentType"), given);
+    FileItem item;
+    QVERIFY(UploadGlobal::instance()->initFileItem(item, params));
+    QCOMPARE(item.contentType, expected);
+}
+
+void tst_UploadGlobal::cacheSetGetRemove()
+{
+    UploadGlobal *global = UploadGlobal::instance();
+    FileItem item;
+    QVERIFY(global->initFileItem(item, paramsFor(makeFile(QStringLiteral("a.bin")))));
+    giveSession(item, QStringLiteral("session-a"));
+    item.totalSize = (qint64(1) << 36) + 5; // beyond 32 bits
+    item.source = 2;
+
+    LogCapture log;
+    QVERIFY(global->getInfo(item.identifier).isEmpty());
+    global->setInfo(item);
+    QCOMPARE(log.count(QStringLiteral("upload set info"), QtInfoMsg), 1);
+    QCOMPARE(log.count(item.identifier, QtInfoMsg), 1);
+
+    const QVariantMap entry = global->getInfo(item.identifier);
+    QCOMPARE(entry.keys(),
+             QStringList({"bucket", "bytesSent", "category", "cdnURL", "contentType",
+                          "currentRequestTime", "dfsID", "fileName", "filePath", "identifier",
+                          "originParams", "preview", "private", "source", "totalChunks",
+                          "totalSize", "uploadInfo", "uploadedChunk", "userID"}));
+    QCOMPARE(entry.value("uploadInfo").toMap().keys(),
+             QStringList({"chunkSize", "chunks", "expires", "method", "uploadID"}));
+
+    // Every persisted field comes back with its type, through the JSON of the cache.
+    FileItem restored;
+    restored.fromCacheMap(entry);
+    QCOMPARE(restored.toCacheMap(), item.toCacheMap());
+    QCOMPARE(restored.totalSize, item.totalSize);
+    QCOMPARE(restored.currentRequestTime, item.currentRequestTime);
+    QCOMPARE(restored.chunks, item.chunks);
+
+    global->removeInfo(item);
+    QCOMPARE(log.count(QStringLiteral("upload remove info"), QtDebugMsg), 1);
+    QVERIFY(global->getInfo(item.identifier).isEmpty());
+    // Removing what is not there changes nothing and does not fail.
+    global->removeInfo(item);
+    QVERIFY(global->getInfo(item.identifier).isEmpty());
+}
+
+void tst_UploadGlobal::twoItems()
+{
+    UploadGlobal *global = UploadGlobal::instance();
+    FileItem first;
+    FileItem second;
+    QVERIFY(global->initFileItem(first, paramsFor(makeFile(QStringLiteral("one.bin")))));
+    QVERIFY(global->initFileItem(second, paramsFor(makeFile(QStringLiteral("two.bin")))));
+    QVERIFY(first.identifier != second.identifier);
+    giveSession(first, QStringLiteral("session-1"));
+    giveSession(second, QStringLiteral("session-2"));
+
+    global->setInfo(first);
+    global->setInfo(second);
+    QCOMPARE(global->readValue(QStringLiteral("uploadInfo")).toMap().size(), 2);
+    QCOMPARE(global->getInfo(first.identifier).value("uploadInfo").toMap().value("uploadID"),
+             QVariant("session-1"));
+    QCOMPARE(global->getInfo(second.identifier).value("uploadInfo").toMap().value("uploadID"),
+             QVariant("session-2"));
+
+    // A later write of the same item replaces its entry.
+    second.uploadedChunk = 3;
+    global->setInfo(second);
+    QCOMPARE(global->readValue(QStringLiteral("uploadInfo")).toMap().size(), 2);
+    QCOMPARE(global->getInfo(second.identifier).value("uploadedChunk").toInt(), 3);
+
+    global->removeInfo(first);
+    QVERIFY(global->getInfo(first.identifier).isEmpty());
+    QCOMPARE(global->getInfo(second.identifier).value("uploadInfo").toMap().value("uploadID"),
+             QVariant("session-2"));
+}
+
+void tst_UploadGlobal::sameFileFindsEntry()
+{
+    UploadGlobal *global = UploadGlobal::instance();
+    const QString path = makeFile(QStringLiteral("resume.bin"));
+    LogCapture log;
+
+    FileItem first;
+    QVERIFY(global->initFileItem(first, paramsFor(path)));
+    QCOMPARE(log.count(QStringLiteral("local info exist")), 0);
+    giveSession(first, QStringLiteral("session-r"));
+    global->setInfo(first);
+
+    // Parameters outside the identifier differ; the earlier run's entry wins.
+    QVariantMap again = paramsFor(path);
+    again.insert(QStringLiteral("preview"), false);
+    again.insert(QStringLiteral("contentType"), QStringLiteral("application/x-other"));
+    again.insert(QStringLiteral("note"), QStringLiteral("second run"));
+    FileItem second;
+    QVERIFY(global->initFileItem(second, again));
+    QCOMPARE(log.count(QStringLiteral("local info exist"), QtDebugMsg), 1);
+    QCOMPARE(second.state, Upload::Initialised);
+    QCOMPARE(second.identifier, first.identifier);
+    QCOMPARE(second.uploadID, QStringLiteral("session-r"));
+    QCOMPARE(second.chunks, first.chunks);
+    QCOMPARE(second.uploadedChunk, 1);
+    QCOMPARE(second.bytesSent, qint64(7));
+    QCOMPARE(second.currentRequestTime, first.currentRequestTime);
+    QCOMPARE(second.preview, true);
+    QCOMPARE(second.contentType, first.contentType);
+    QCOMPARE(second.originParams, first.originParams);
+}
+
+void tst_UploadGlobal::changedFileGetsNewIdentifier_data()
+{
+    QTest::addColumn<bool>("resize");
+    QTest::newRow("touched (metadata time)") << false;
+    QTest::newRow("resized") << true;
+}
+
+void tst_UploadGlobal::changedFileGetsNewIdentifier()
+{
+    QFETCH(bool, resize);
+    UploadGlobal *global = UploadGlobal::instance();
+    const QString path = makeFile(QStringLiteral("changing.bin"));
+
+    FileItem before;
+    QVERIFY(global->initFileItem(before, paramsFor(path)));
+    giveSession(before, QStringLiteral("session-old"));
+    global->setInfo(before);
+
+    if (resize) {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::Append));
+        file.write("+");
+    } else {
+        // The time enters the identifier with whole seconds: touch until the
+        // second has changed.
+        const auto timeText = [&] {
+            return QFileInfo(path).fileTime(QFileDevice::FileMetadataChangeTime)
+                .toString(Qt::TextDate);
+        };
+        const QString old = timeText();
+        const QFile::Permissions permissions = QFile::permissions(path);
+        bool flip = false;
+        QTRY_VERIFY_WITH_TIMEOUT(
+            (flip = !flip,
+             QFile::setPermissions(path, flip ? permissions | QFile::ExeOwner : permissions),
+             timeText() != old),
+            5000);
+        QCOMPARE(QFileInfo(path).size(), qint64(13));
+    }
+
+    LogCapture log;
+    FileItem after;
+    QVERIFY(global->initFileItem(after, paramsFor(path)));
+    QVERIFY(after.identifier != before.identifier);
+    QCOMPARE(log.count(QStringLiteral("local info exist")), 0);
+    QVERIFY(after.uploadID.isEmpty());
+    QVERIFY(after.chunks.isEmpty());
+}
+
+void tst_UploadGlobal::storedTextIsNotPlain()
+{
+    UploadGlobal *global = UploadGlobal::instance();
+    FileItem item;
+    QVERIFY(global->initFileItem(item, paramsFor(makeFile(QStringLiteral("holiday-photos.zip")))));
+    giveSession(item, QStringLiteral("session-secret"));
+    global->setInfo(item);
+
+    const QString stored = store()->value(QStringLiteral("uploadInfo")).toString();
+    QVERIFY(QRegularExpression(QStringLiteral("^[A-Za-z0-9+/]+={0,2}$")).match(stored).hasMatch());
+
+    QFile raw(settingsFile());
+    QVERIFY(raw.open(QIODevice::ReadOnly));
+    const QByteArray bytes = raw.readAll();
+    QVERIFY(bytes.contains("uploadInfo"));
+    for (const QString &plain : {item.identifier, QStringLiteral("holiday-photos"),
+                                 QStringLiteral("PhotoVault"), QStringLiteral("u-1001"),
+                                 QStringLiteral("session-secret"), QStringLiteral("partNumber")})
+        QVERIFY2(!bytes.contains(plain.toUtf8()), qPrintable(plain));
+
+    // It is the record form: the process-wide Encryption reads it back.
+    QVariantMap cache;
+    QVERIFY(Encryption::instance()->deserializeFileToData(stored, cache));
+    QCOMPARE(cache.keys(), QStringList({item.identifier}));
+}
+
+void tst_UploadGlobal::damagedCacheReadsEmpty_data()
+{
+    QTest::addColumn<QString>("text");
+
+    const QVariantMap cache{{"0123456789abcdef0123456789abcdef", QVariantMap{{"category", "x"}}}};
+    const QString good = Encryption::instance()->serializeDataToFile(cache);
+    QTest::newRow("not base64") << QStringLiteral("%%% damaged %%%");
+    QTest::newRow("under another key")
+        << Encryption(QByteArray(16, 'o')).serializeDataToFile(cache);
+    QTest::newRow("truncated") << good.left(good.size() / 2);
+    QTest::newRow("empty") << QString();
+}
+
+void tst_UploadGlobal::damagedCacheReadsEmpty()
+{
+    QFETCH(QString, text);
+    store()->setValue(QStringLiteral("uploadInfo"), text);
+
+    UploadGlobal *global = UploadGlobal::instance();
+    FileItem item;
+    LogCapture log;
+    QVERIFY(global->initFileItem(item, paramsFor(makeFile(QStringLiteral("fresh.bin")))));
+    QCOMPARE(log.count(QStringLiteral("upload cache unreadable"), QtCriticalMsg), 1);
+    QCOMPARE(global->readValue(QStringLiteral("uploadInfo")), QVariant(QVariantMap()));
+
+    // The next write replaces the damaged value with a good cache.
+    giveSession(item, QStringLiteral("session-f"));
+    global->setInfo(item);
+    QCOMPARE(global->readValue(QStringLiteral("uploadInfo")).toMap().keys(),
+             QStringList({item.identifier}));
+}
+
+void tst_UploadGlobal::removeAllEmptiesCache()
+{
+    UploadGlobal *global = UploadGlobal::instance();
+    FileItem first;
+    FileItem second;
+    QVERIFY(global->initFileItem(first, paramsFor(makeFile(QStringLiteral("one.bin")))));
+    QVERIFY(global->initFileItem(second, paramsFor(makeFile(QStringLiteral("two.bin")))));
+    global->setInfo(first);
+    global->setInfo(second);
+
+    QCOMPARE(global->removeAll(), Zephyrtide::Error::NoError);
+    QVERIFY(global->getInfo(first.identifier).isEmpty());
+    QVERIFY(global->getInfo(second.identifier).isEmpty());
+    // An empty map is stored, not the value dropped.
+    QVERIFY(store()->contains(QStringLiteral("uploadInfo")));
+    QCOMPARE(global->readValue(QStringLiteral("uploadInfo")), QVariant(QVariantMap()));
+}
+
+void tst_UploadGlobal::sessionValid_data()
+{
+    QTest::addColumn<QString>("uploadID");
+    QTest::addColumn<int>("age");
+    QTest::addColumn<qint64>("expires");
+    QTest::addColumn<bool>("valid");
+
+    QTest::newRow("no session") << "" << 10 << qint64(3600) << false;
+    QTest::newRow("fresh") << "s" << 10 << qint64(3600) << true;
+    QTest::newRow("exactly at expires: kept") << "s" << 3600 << qint64(3600) << true;
+    QTest::newRow("one second past: replaced") << "s" << 3601 << qint64(3600) << false;
+    QTest::newRow("zero lifetime, same second") << "s" << 0 << qint64(0) << true;
+}
+
+void tst_UploadGlobal::sessionValid()
+{
+    QFETCH(QString, uploadID);
+    QFETCH(int, age);
+    QFETCH(qint64, expires);
+    QFETCH(bool, valid);
+
+    const QDateTime now = QDateTime::currentDateTime();
+    FileItem item;
+    item.uploadID = uploadID;
+    item.expires = expires;
+    item.currentRequestTime = now.addSecs(-age);
+
+    LogCapture log;
+    QCOMPARE(item.sessionValid(now), valid);
+    QCOMPARE(log.count(QStringLiteral("expires"), QtDebugMsg), 1);
+}
+
+void tst_UploadGlobal::cacheTimerLeavesCache()
+{
+    UploadGlobal *global = UploadGlobal::instance();
+    const QList<QTimer *> timers = global->findChildren<QTimer *>();
+    QCOMPARE(timers.size(), 1);
+    QTimer *timer = timers.first();
+    QVERIFY(timer->isActive());
+    QVERIFY(!timer->isSingleShot());
+    QCOMPARE(timer->interval(), 86400000);
+
+    FileItem item;
+    QVERIFY(global->initFileItem(item, paramsFor(makeFile(QStringLiteral("kept.bin")))));
+    giveSession(item, QStringLiteral("session-k"));
+    global->setInfo(item);
+    const QString before = store()->value(QStringLiteral("uploadInfo")).toString();
+
+    // Let the day pass quickly: the timer fires, and nothing leaves the cache.
+    QSignalSpy fired(timer, &QTimer::timeout);
+    timer->setInterval(5);
+    QVERIFY(fired.wait(5000));
+    timer->setInterval(86400000);
+    global->clearCache();
+
+    QCOMPARE(store()->value(QStringLiteral("uploadInfo")).toString(), before);
+    QCOMPARE(global->getInfo(item.identifier).value("uploadInfo").toMap().value("uploadID"),
+             QVariant("session-k"));
+}
+
+void tst_UploadGlobal::concurrentWritesKeepEveryEntry()
+{
+    UploadGlobal *global = UploadGlobal::instance();
+    constexpr int Threads = 4;
+    constexpr int ItemsPerThread = 6;
+
+    std::vector<std::unique_ptr<QThread>> threads;
+    for (int t = 0; t < Threads; ++t) {
+        threads.emplace_back(QThread::create([global, t] {
+            for (int i = 0; i < ItemsPerThread; ++i) {
+                FileItem item;
+                item.identifier = QStringLiteral("thread%1-item%2").arg(t).arg(i);
+                item.category = QStringLiteral("PhotoVault");
+                global->setInfo(item);
+            }
+        }));
+        threads.back()->start();
+    }
+    for (const auto &thread : threads)
+        QVERIFY(thread->wait(60000));
+
+    // Each write is a read-modify-write of the whole value: none may be lost.
+    QCOMPARE(global->readValue(QStringLiteral("uploadInfo")).toMap().size(),
+             Threads * ItemsPerThread);
+}
+
+void tst_UploadGlobal::rootReachesUploadGlobal()
+{
+    auto host = std::make_unique<Zephyrtide::Manager>();
+    auto root = std::make_unique<ZTServer>();
+    QVERIFY(QMetaObject::invokeMethod(root.get(), "zt_set_manager",
+                                      Q_ARG(Zephyrtide::Manager *, host.get())));
+    QVERIFY(UploadGlobal::existingInstance());
+    QCOMPARE(UploadGlobal::instance()->manager(), host.get());
+
+    // Stored unconditionally, a null manager too.
+    QVERIFY(QMetaObject::invokeMethod(root.get(), "zt_set_manager",
+                                      Q_ARG(Zephyrtide::Manager *, nullptr)));
+    QCOMPARE(UploadGlobal::instance()->manager(), nullptr);
+
+    // Only watched: a host manager that goes away leaves no dangling pointer.
+    QVERIFY(QMetaObject::invokeMethod(root.get(), "zt_set_manager",
+                                      Q_ARG(Zephyrtide::Manager *, host.get())));
+    host.reset();
+    QCOMPARE(UploadGlobal::instance()->manager(), nullptr);
+
+    root.reset();
+    QCOMPARE(UploadGlobal::existingInstance(), nullptr);
+}
+
+QTEST_MAIN(tst_UploadGlobal)
+#include "tst_uploadglobal.moc"
