@@ -2,6 +2,7 @@
 
 #include "globalmanager.h"
 #include "logging.h"
+#include "commands/startupload.h"
 #include "upload/uploadglobal.h"
 
 #include <zephyrtide/manager.h>
@@ -17,6 +18,7 @@ constexpr int SetAddressDelayMs = 50;
 ZTServer::ZTServer(QObject *parent)
     : QObject(parent)
 {
+    m_startUpload = new StartUpload(this);
     GlobalManager::instance();
 }
 
@@ -40,9 +42,12 @@ void ZTServer::zt_apply(Zephyrtide::Reply *reply, QVariantMap params)
 
 void ZTServer::zt_apply_startUpload(Zephyrtide::Reply *reply, QVariantMap params)
 {
-    Q_UNUSED(params)
-    qCCritical(ztLog) << "upload is not available";
-    GlobalManager::instance()->fail(reply, Zephyrtide::Error::NoManager);
+    if (!m_startUpload) {
+        qCCritical(ztLog) << "upload is not available";
+        GlobalManager::instance()->fail(reply, Zephyrtide::Error::NoManager);
+        return;
+    }
+    m_startUpload->zt_apply_start(reply, params);
 }
 
 void ZTServer::zt_apply_startDownload(Zephyrtide::Reply *reply, QVariantMap params)

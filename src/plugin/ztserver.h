@@ -4,6 +4,8 @@
 #include <QPointer>
 #include <QVariantMap>
 
+class StartUpload;
+
 namespace Zephyrtide {
 class Manager;
 class Reply;
@@ -34,5 +36,5 @@ private:
     void requestFileService(Zephyrtide::Reply *reply, const QString &path, const QVariantMap &body);
 
     QObject *m_startDownload = nullptr; // child
-    QObject *m_startUpload = nullptr;   // child
+    StartUpload *m_startUpload = nullptr; // child
 };

@@ -1,0 +1,133 @@
+#include "cloudchunkuploader.h"
+
+#include "chunkitem.h"
+#include "network/networkmanager.h"
+#include "network/networkreply.h"
+#include "plugin/logging.h"
+#include "uploadglobal.h"
+
+#include <QCryptographicHash>
+#include <QNetworkRequest>
+#include <QSslConfiguration>
+
+CloudChunkUploader::CloudChunkUploader(QObject *parent)
+    : QObject(parent)
+{
+}
+
+CloudChunkUploader::~CloudChunkUploader()
+{
+    qCDebug(ztLog) << "CloudChunkUploader destructing...";
+}
+
+bool CloudChunkUploader::setItem(const QSharedPointer<ChunkItem> &item)
+{
+    stop();
+    m_index = -1;
+    m_item.reset();
+    if (!item || item->partNumber < 0 || item->chunkSize < 1) {
+        qCCritical(ztLog) << "chunk item error " << (item ? item->partNumber : -1)
+                          << (item ? item->chunkSize : 0);
+        return false;
+    }
+    m_item = item;
+    return true;
+}
+
+bool CloudChunkUploader::start()
+{
+    if (!m_item || m_item->chunkSize == 0 || m_item->url.isEmpty()) {
+        qCCritical(ztLog) << "chunk item error ";
+        if (m_item)
+            m_item->state = Upload::Failed;
+        Q_EMIT errorOccurred(Zephyrtide::Error::GeneralFailure);
+        return false;
+    }
+    if (m_item->state == Upload::Running) {
+        Q_EMIT errorOccurred(Zephyrtide::Error::AlreadyRunning);
+        return false;
+    }
+    m_item->state = Upload::Running;
+    const ZTErrorCode code = send();
+    if (code != Zephyrtide::Error::NoError) {
+        qCCritical(ztLog) << "chunk error" << code;
+        m_item->state = Upload::Failed;
+        Q_EMIT errorOccurred(code);
+        return false;
+    }
+    return true;
+}
+
+ZTErrorCode CloudChunkUploader::send()
+{
+    const QUrl url(m_item->url, QUrl::TolerantMode);
+    if (!url.isValid()) {
+        qCCritical(ztLog) << "url not valid";
+        return Zephyrtide::Error::InvalidChunkUrl;
+    }
+    QNetworkRequest request;
+    for (auto it = m_item->headers.cbegin(); it != m_item->headers.cend(); ++it) {
+        qCDebug(ztLog) << "chunk header" << it.key() << it.value();
+        request.setRawHeader(it.key().toUtf8(), it.value().toString().toUtf8());
+    }
+    // The service reads the body as raw bytes whatever this says.
+    request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
+    request.setRawHeader("fileMD5",
+                         QCryptographicHash::hash(m_item->data, QCryptographicHash::Md5).toBase64());
+    request.setUrl(url);
+    request.setSslConfiguration(QSslConfiguration::defaultConfiguration());
+
+    UploadGlobal *global = UploadGlobal::instance();
+    QSharedPointer<NetworkManager> manager = global->networkManager();
+    if (!manager) {
+        // One queue for all chunks of all files, so they share its limit.
+        manager = QSharedPointer<NetworkManager>::create();
+        global->setNetworkManager(manager);
+    }
+    m_reply = QSharedPointer<NetworkReply>(manager->requestRemote(request, m_item->data, 0),
+                                           &QObject::deleteLater);
+    connect(this, &CloudChunkUploader::abort, m_reply.data(), &NetworkReply::abort);
+    connect(m_reply.data(), &NetworkReply::finished, this, &CloudChunkUploader::onReplyFinished);
+    connect(m_reply.data(), &NetworkReply::errorOccurred, this, &CloudChunkUploader::onReplyError);
+    connect(m_reply.data(), &NetworkReply::uploadProgress, this,
+            &CloudChunkUploader::onUploadProgress, Qt::DirectConnection);
+    return Zephyrtide::Error::NoError;
+}
+
+void CloudChunkUploader::stop()
+{
+    qCDebug(ztLog) << "stop chunk " << m_index;
+    if (m_reply) {
+        m_reply->disconnect(this);
+        Q_EMIT abort();
+    }
+    if (m_index >= 0 && m_item && m_item->state == Upload::Running)
+        m_item->state = Upload::Stopped;
+}
+
+void CloudChunkUploader::onUploadProgress(qlonglong bytesSent, qlonglong bytesTotal)
+{
+    if (bytesSent > bytesTotal || bytesTotal <= 0)
+        return;
+    if (m_item && m_index < 1) {
+        m_item->state = Upload::Running;
+        m_item->bytesSent = bytesSent;
+    }
+    Q_EMIT progress(bytesSent, bytesTotal);
+}
+
+void CloudChunkUploader::onReplyError(QNetworkReply::NetworkError error)
+{
+    qCCritical(ztLog) << "error" << (m_item ? m_item->partNumber : -1) << (m_item ? m_item->url : QString())
+                      << error;
+    if (m_item)
+        m_item->state = Upload::Failed;
+    Q_EMIT errorOccurred(static_cast<ZTErrorCode>(20480 + int(error)));
+}
+
+void CloudChunkUploader::onReplyFinished()
+{
+    if (m_item && m_item->state == Upload::Running)
+        m_item->state = Upload::Finished;
+    Q_EMIT finished();
+}

@@ -1,0 +1,362 @@
+#include "cloudsinglefileuploader.h"
+
+#include "chunkitem.h"
+#include "cloudchunkuploader.h"
+#include "fileitem.h"
+#include "plugin/globalmanager.h"
+#include "plugin/logging.h"
+#include "uploadglobal.h"
+
+#include <QFile>
+#include <QPointer>
+#include <QUrlQuery>
+
+#include <algorithm>
+
+namespace {
+
+int partNumberOf(const QString &url)
+{
+    return QUrlQuery(QUrl(url, QUrl::TolerantMode)).queryItemValue(QStringLiteral("partNumber")).toInt();
+}
+
+int partNumberOf(const QVariant &descriptor)
+{
+    return partNumberOf(descriptor.toMap().value(QStringLiteral("url")).toString());
+}
+
+} // namespace
+
+CloudSingleFileUploader::CloudSingleFileUploader(QObject *parent)
+    : QObject(parent)
+{
+}
+
+CloudSingleFileUploader::~CloudSingleFileUploader()
+{
+    qCDebug(ztLog) << "CloudSingleFileUploader destructing...";
+}
+
+void CloudSingleFileUploader::setFileItem(const QSharedPointer<FileItem> &item)
+{
+    m_item = item;
+}
+
+bool CloudSingleFileUploader::start()
+{
+    if (!m_item) {
+        qCCritical(ztLog) << "error file item";
+        Q_EMIT errorOccurred(Zephyrtide::Error::GeneralFailure);
+        return false;
+    }
+    if (m_item->state == Upload::Running) {
+        qCWarning(ztLog) << "error file item";
+        Q_EMIT errorOccurred(Zephyrtide::Error::AlreadyRunning);
+        return false;
+    }
+    m_item->state = Upload::Running;
+
+    QPointer<CloudSingleFileUploader> self(this);
+    QVariantMap answer;
+    const ZTErrorCode code = requestCloudUploadInfo(answer);
+    if (!self)
+        return false; // the job was dropped while the service answered
+    if (code != Zephyrtide::Error::NoError) {
+        qCCritical(ztLog) << "get uploadinfo error";
+        m_item->state = Upload::Failed;
+        Q_EMIT errorOccurred(code);
+        return false;
+    }
+    qCInfo(ztLog) << "get upload success" << m_item->fileName;
+    UploadGlobal::instance();
+
+    if (m_item->uploadID.isEmpty() || !m_item->sessionValid())
+        applyUploadInfo(answer);
+
+    const bool exist = answer.value(QStringLiteral("exist")).toBool();
+    qCInfo(ztLog) << "upload infofofo" << m_item->fileName << m_item->chunks.size()
+                  << m_item->pendingChunks.size() << m_item->bytesSent << m_item->totalChunks
+                  << m_item->uploadedChunk << m_item->chunkSize << m_item->category << m_item->expires
+                  << m_item->currentRequestTime
+                  << static_cast<Zephyrtide::Manager::HttpRequestSource>(m_item->source)
+                  << m_item->totalSize;
+    if (exist) {
+        qCInfo(ztLog) << "get upload exist" << m_item->fileName;
+        finishUpload();
+        return true;
+    }
+    if (!m_item->chunks.isEmpty()) {
+        const ZTErrorCode prepared = prepareChunks();
+        if (prepared != Zephyrtide::Error::NoError) {
+            m_item->state = Upload::Failed;
+            Q_EMIT errorOccurred(prepared);
+            return false;
+        }
+        return launchChunks();
+    }
+
+    // Every chunk went in an earlier run.
+    qCInfo(ztLog) << "get upload complete" << m_item->fileName;
+    const ZTErrorCode completed = requestCloudCompleteUpload();
+    if (!self)
+        return false;
+    if (completed != Zephyrtide::Error::NoError) {
+        qCCritical(ztLog) << "complete errro";
+        m_item->state = Upload::Failed;
+        Q_EMIT errorOccurred(completed);
+        return false;
+    }
+    finishUpload();
+    return true;
+}
+
+bool CloudSingleFileUploader::launchChunks()
+{
+    m_chunkUploaders.clear();
+    const auto pending = m_item->pendingChunks;
+    for (const QSharedPointer<ChunkItem> &chunk : pending) {
+        auto uploader = QSharedPointer<CloudChunkUploader>::create();
+        uploader->setItem(chunk);
+        connect(uploader.data(), &CloudChunkUploader::finished, this, &CloudSingleFileUploader::onFinished);
+        connect(uploader.data(), &CloudChunkUploader::progress, this,
+                &CloudSingleFileUploader::onUploadProgress);
+        connect(uploader.data(), &CloudChunkUploader::errorOccurred, this,
+                &CloudSingleFileUploader::onErrorOccurred);
+        m_chunkUploaders.append(uploader);
+        if (!uploader->start()) {
+            stop();
+            qCCritical(ztLog) << "error" << "bool __cdecl CloudSingleFileUploader::start(void)";
+            return false;
+        }
+        if (m_item->state != Upload::Running && m_item->state != Upload::Finished) {
+            qCCritical(ztLog) << "errorrrrrrrrrrrrrrr";
+            break;
+        }
+    }
+    ++m_runs;
+    return true;
+}
+
+void CloudSingleFileUploader::finishUpload()
+{
+    m_item->state = Upload::Finished;
+    m_item->bytesSent = m_item->totalSize;
+    Q_EMIT progress(m_item->totalSize, m_item->totalSize);
+    Q_EMIT finished();
+}
+
+void CloudSingleFileUploader::stop()
+{
+    if (!m_item || m_item->state != Upload::Running)
+        return;
+    m_item->state = Upload::Stopped;
+    for (const auto &uploader : qAsConst(m_chunkUploaders))
+        uploader->stop();
+    writeCache();
+}
+
+void CloudSingleFileUploader::writeCache()
+{
+    UploadGlobal::instance()->setInfo(*m_item);
+}
+
+void CloudSingleFileUploader::applyUploadInfo(const QVariantMap &answer)
+{
+    m_item->dfsID = QStringLiteral("Zephyrtide");
+    m_item->bucket = QStringLiteral("Zephyrtide");
+    m_item->cdnURL = answer.value(QStringLiteral("cdnURL")).toString();
+    if (answer.value(QStringLiteral("exist")).toBool()) {
+        writeCache();
+        return;
+    }
+    const QVariantMap info = answer.value(QStringLiteral("uploadInfo")).toMap();
+    m_item->chunkSize = info.value(QStringLiteral("chunkSize")).toLongLong();
+    m_item->expires = info.value(QStringLiteral("expires")).toInt();
+    m_item->method = info.value(QStringLiteral("method")).toString();
+    m_item->uploadID = info.value(QStringLiteral("uploadID")).toString();
+    m_item->chunks = info.value(QStringLiteral("chunks")).toList();
+    m_item->currentRequestTime = QDateTime::currentDateTime();
+
+    if (m_item->chunkSize < 1)
+        m_item->chunkSize = m_item->totalSize; // one chunk; none at all for an empty file
+    m_item->totalChunks = m_item->chunkSize > 0
+        ? int((m_item->totalSize + m_item->chunkSize - 1) / m_item->chunkSize)
+        : 0;
+    qCDebug(ztLog) << "size" << m_item->totalSize << m_item->chunkSize << m_item->chunks.size();
+    writeCache();
+}
+
+ZTErrorCode CloudSingleFileUploader::prepareChunks()
+{
+    QFile file(m_item->filePath);
+    if (!file.open(QIODevice::ReadOnly)) {
+        qCCritical(ztLog) << "upload open fail" << m_item->fileName;
+        return Zephyrtide::Error::FileError;
+    }
+    m_item->uploadedChunk = m_item->totalChunks - m_item->chunks.size();
+    qCInfo(ztLog) << "uploaded fileitem" << m_item->uploadedChunk << m_item->fileName;
+    if (m_item->chunks.size() > 1) {
+        std::sort(m_item->chunks.begin(), m_item->chunks.end(),
+                  [](const QVariant &a, const QVariant &b) { return partNumberOf(a) < partNumberOf(b); });
+    }
+
+    m_item->pendingChunks.clear();
+    for (const QVariant &entry : qAsConst(m_item->chunks)) {
+        const QVariantMap descriptor = entry.toMap();
+        auto chunk = QSharedPointer<ChunkItem>::create();
+        chunk->url = descriptor.value(QStringLiteral("url")).toString();
+        chunk->headers = descriptor.value(QStringLiteral("headers")).toMap();
+        chunk->chunkSize = m_item->chunkSize;
+        chunk->method = m_item->method;
+        chunk->identifier = m_item->identifier;
+        chunk->partNumber = partNumberOf(chunk->url);
+        if (descriptor.contains(QStringLiteral("bytesSent"))) {
+            chunk->bytesSent = descriptor.value(QStringLiteral("bytesSent")).toLongLong();
+            qCDebug(ztLog) << "contains byesend" << chunk->bytesSent;
+        }
+        // Piece n of the file, from what this chunk already sent on.
+        const qint64 pieceStart = qint64(chunk->partNumber - 1) * m_item->chunkSize;
+        if (chunk->partNumber >= 1 && file.seek(pieceStart + chunk->bytesSent))
+            chunk->data = file.read(qMax<qint64>(0, m_item->chunkSize - chunk->bytesSent));
+        qCDebug(ztLog) << "par" << chunk->partNumber << chunk->data.isEmpty();
+        m_item->pendingChunks.append(chunk);
+    }
+    return Zephyrtide::Error::NoError;
+}
+
+void CloudSingleFileUploader::onUploadProgress(qlonglong, qlonglong)
+{
+    const qint64 total = m_item->totalSize ? m_item->totalSize : 1;
+    qint64 sum = 1; // deliberately from 1: a started file never reports 0
+    for (int i = 0; i < m_item->pendingChunks.size(); ++i) {
+        const QSharedPointer<ChunkItem> &chunk = m_item->pendingChunks.at(i);
+        if (chunk->state == Upload::Finished)
+            continue;
+        sum += chunk->bytesSent;
+        if (i < m_item->chunks.size()) {
+            QVariantMap descriptor = m_item->chunks.at(i).toMap();
+            descriptor.insert(QStringLiteral("bytesSent"), chunk->bytesSent);
+            m_item->chunks[i] = descriptor;
+        }
+    }
+    const qint64 value = sum + qint64(m_item->uploadedChunk) * m_item->chunkSize;
+    if (value > total) {
+        m_item->bytesSent = total;
+    } else if (value < m_item->bytesSent) {
+        qCDebug(ztLog) << "CloudSingleFileUploader::little: " << value << m_item->bytesSent << total;
+        return;
+    } else {
+        m_item->bytesSent = value;
+    }
+    qCDebug(ztLog) << "CloudSingleFileUploader::onUploadProgress 2: " << value << m_item->bytesSent << total;
+    Q_EMIT progress(value, total);
+}
+
+void CloudSingleFileUploader::onFinished()
+{
+    if (!m_item)
+        return;
+    if (m_item->state == Upload::Stopped || m_item->state == Upload::Failed)
+        writeCache();
+    if (m_item->state == Upload::Stopped)
+        return;
+
+    auto *uploader = qobject_cast<CloudChunkUploader *>(sender());
+    const QSharedPointer<ChunkItem> chunk = uploader ? uploader->item() : QSharedPointer<ChunkItem>();
+    if (chunk && chunk->state == Upload::Finished) {
+        m_item->pendingChunks.removeAll(chunk);
+        const auto sameUrl = [&chunk](const QVariant &descriptor) {
+            return descriptor.toMap().value(QStringLiteral("url")).toString() == chunk->url;
+        };
+        m_item->chunks.erase(std::remove_if(m_item->chunks.begin(), m_item->chunks.end(), sameUrl),
+                             m_item->chunks.end());
+        writeCache();
+        if (m_item->uploadedChunk <= m_item->totalChunks)
+            ++m_item->uploadedChunk;
+    }
+    if (!m_item->pendingChunks.isEmpty())
+        return;
+
+    qCDebug(ztLog) << "singlefile---------------------:" << "finished" << m_item->fileName;
+    QPointer<CloudSingleFileUploader> self(this);
+    const ZTErrorCode code = requestCloudCompleteUpload();
+    if (!self)
+        return;
+    if (code != Zephyrtide::Error::NoError) {
+        qCCritical(ztLog) << "file complete fail" << code;
+        m_item->state = Upload::Failed;
+        Q_EMIT errorOccurred(code);
+        return;
+    }
+    qCDebug(ztLog) << "singlefile---------------------:" << "complete";
+    m_item->state = Upload::Finished;
+    Q_EMIT finished();
+}
+
+void CloudSingleFileUploader::onErrorOccurred(ZTErrorCode error)
+{
+    if (!m_item || m_item->state == Upload::Stopped || m_item->state == Upload::Failed)
+        return;
+    m_item->state = Upload::Failed;
+    stop();
+    writeCache();
+    Q_EMIT errorOccurred(error);
+}
+
+ZTErrorCode CloudSingleFileUploader::requestCloudUploadInfo(QVariantMap &answer)
+{
+    QVariantMap body = m_item->originParams;
+    body.insert(QStringLiteral("fileName"), m_item->fileName);
+    body.insert(QStringLiteral("fileMD5"), m_item->identifier);
+    body.insert(QStringLiteral("fileSize"), qlonglong(m_item->totalSize));
+    const QString url = GlobalManager::instance()->fileServiceAddress() + QLatin1String("/upload/info");
+    qCDebug(ztLog) << "url" << url
+                   << "enum Zephyrtide::Error::ErrorCode __cdecl CloudSingleFileUploader::requestCloudUploadInfo(class QMap<class QString,class QVariant> &)";
+    QVariant result;
+    const ZTErrorCode code =
+        request(this, result, url, body, m_item->source, Zephyrtide::Manager::UserAuthentication);
+    answer = result.toMap();
+    qCDebug(ztLog) << "upload info" << answer;
+    return code;
+}
+
+ZTErrorCode CloudSingleFileUploader::requestCloudCompleteUpload()
+{
+    const QVariantMap body{{QStringLiteral("fileName"), m_item->fileName},
+                           {QStringLiteral("fileMD5"), m_item->identifier}};
+    const QString url = GlobalManager::instance()->fileServiceAddress() + QLatin1String("/upload/complete");
+    qCDebug(ztLog) << "url" << url
+                   << "enum Zephyrtide::Error::ErrorCode __cdecl CloudSingleFileUploader::requestCloudCompleteUpload(void)";
+    QVariant result;
+    return request(this, result, url, body, m_item->source, Zephyrtide::Manager::NoAuthentication);
+}
+
+ZTErrorCode CloudSingleFileUploader::authConnectToken(QObject *owner, QString &token, uint source)
+{
+    QVariant result;
+    const ZTErrorCode code = request(owner, result, QStringLiteral("authConnectToken"), QVariantMap(), source);
+    token = result.toString();
+    return code;
+}
+
+ZTErrorCode CloudSingleFileUploader::request(QObject *owner, QVariant &result, const QString &url,
+                                             const QVariantMap &body, uint source,
+                                             Zephyrtide::Manager::CloudAuthentication auth)
+{
+    qCDebug(ztLog) << "full requestZephyrtide" << url;
+    qCDebug(ztLog) << QVariantMap{{QStringLiteral("headers"), QVariantMap()},
+                                  {QStringLiteral("body"), body},
+                                  {QStringLiteral("params"), QVariantMap()},
+                                  {QStringLiteral("source"), source}};
+    return GlobalManager::instance()->request(owner, result, url, Zephyrtide::Manager::Post,
+                                              Zephyrtide::Manager::NoEncryption, QVariantMap(), body,
+                                              QVariantMap(), auth, source);
+}
+
+ZTErrorCode CloudSingleFileUploader::request(QObject *owner, QVariant &result, const QString &name,
+                                             QVariantMap params, uint source)
+{
+    qCDebug(ztLog) << "requestZephyrtide" << name;
+    params.insert(QStringLiteral("source"), source);
+    return GlobalManager::instance()->request(owner, result, name, params);
+}

@@ -1,0 +1,63 @@
+#pragma once
+
+#include "plugin/zterrorcode.h"
+
+#include <QList>
+#include <QObject>
+#include <QSharedPointer>
+#include <QVariantMap>
+
+class CloudChunkUploader;
+class FileItem;
+
+// Uploads one file item: asks the file service for its session
+// ("/upload/info"), keeps a cached session while it has not expired, sends the
+// chunks the server still wants (all at once; the shared queue limits how many
+// travel), keeps the cache current as chunks finish, and closes the upload with
+// "/upload/complete".
+//
+// Call order: setFileItem(), connect the signals, start(). stop() keeps the
+// cache entry so that the next start() resumes with the same session.
+class CloudSingleFileUploader : public QObject
+{
+    Q_OBJECT
+public:
+    explicit CloudSingleFileUploader(QObject *parent = nullptr);
+    ~CloudSingleFileUploader() override;
+
+    void setFileItem(const QSharedPointer<FileItem> &item);
+    QSharedPointer<FileItem> fileItem() const { return m_item; }
+    QList<QSharedPointer<CloudChunkUploader>> chunkUploaders() const { return m_chunkUploaders; }
+
+    bool start();
+    void stop();
+
+    ZTErrorCode requestCloudUploadInfo(QVariantMap &answer);
+    ZTErrorCode requestCloudCompleteUpload();
+    ZTErrorCode authConnectToken(QObject *owner, QString &token, uint source);
+
+Q_SIGNALS:
+    void progress(qlonglong bytesSent, qlonglong bytesTotal);
+    void finished();
+    void errorOccurred(ZTErrorCode error);
+
+public Q_SLOTS:
+    void onFinished();
+    void onUploadProgress(qlonglong bytesSent, qlonglong bytesTotal);
+    void onErrorOccurred(ZTErrorCode error);
+
+private:
+    ZTErrorCode request(QObject *owner, QVariant &result, const QString &url, const QVariantMap &body,
+                        uint source, Zephyrtide::Manager::CloudAuthentication auth);
+    ZTErrorCode request(QObject *owner, QVariant &result, const QString &name, QVariantMap params,
+                        uint source);
+    void applyUploadInfo(const QVariantMap &answer);
+    ZTErrorCode prepareChunks();
+    bool launchChunks();
+    void finishUpload();
+    void writeCache();
+
+    QSharedPointer<FileItem> m_item;
+    QList<QSharedPointer<CloudChunkUploader>> m_chunkUploaders;
+    int m_runs = 0;
+};

@@ -1,0 +1,213 @@
+#include "clouduploader.h"
+
+#include "cloudchunkuploader.h"
+#include "cloudsinglefileuploader.h"
+#include "fileitem.h"
+#include "plugin/logging.h"
+#include "uploadglobal.h"
+
+#include <QPointer>
+
+namespace {
+// Every upload of this plugin is filed under one category, whatever the host sends.
+const char UploadCategory[] = "Zephyrtide";
+}
+
+CloudUploader::CloudUploader(QObject *parent)
+    : QObject(parent)
+{
+}
+
+CloudUploader::~CloudUploader() = default;
+
+bool CloudUploader::setFiles(const QVariantList &files)
+{
+    if (files.isEmpty()) {
+        qCCritical(ztLog) << "fail" << files;
+        return false;
+    }
+    QList<QSharedPointer<FileItem>> items;
+    for (const QVariant &file : files) {
+        QVariantMap params = file.toMap();
+        params.insert(QStringLiteral("category"), QString::fromLatin1(UploadCategory));
+        auto item = QSharedPointer<FileItem>::create();
+        if (!UploadGlobal::instance()->initFileItem(*item, params))
+            return false;
+        items.append(item);
+    }
+    return setFileItems(items);
+}
+
+bool CloudUploader::setFileItems(const QList<QSharedPointer<FileItem>> &items)
+{
+    qCDebug(ztLog) << "setfile item";
+    if (items.isEmpty())
+        return false;
+    for (const QSharedPointer<FileItem> &item : items) {
+        if (m_files.contains(item) || contains(*item))
+            continue;
+        auto uploader = QSharedPointer<CloudSingleFileUploader>::create();
+        uploader->setFileItem(item);
+        m_files.insert(item, uploader);
+        connect(uploader.data(), &CloudSingleFileUploader::finished, this, &CloudUploader::onFinished);
+        // The bytes-sent figure arrives narrowed to int and is only logged; the
+        // job sums the file items itself.
+        connect(uploader.data(), &CloudSingleFileUploader::progress, this,
+                [this](qlonglong bytesSent, qlonglong) { onUploadProgress(int(bytesSent)); });
+        connect(uploader.data(), &CloudSingleFileUploader::errorOccurred, this,
+                &CloudUploader::onErrorOccurred);
+    }
+    return true;
+}
+
+bool CloudUploader::contains(const FileItem &item) const
+{
+    for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
+        if (it.key()->identifier == item.identifier)
+            return true;
+    }
+    return false;
+}
+
+bool CloudUploader::start()
+{
+    if (m_state == Running) {
+        // Accepted: the job already runs.
+        Q_EMIT errorOccurred(Zephyrtide::Error::AlreadyRunning);
+        return true;
+    }
+    if (m_files.isEmpty()) {
+        qCCritical(ztLog) << "file is empty" << m_files.keys();
+        Q_EMIT errorOccurred(Zephyrtide::Error::ParseError);
+        return false;
+    }
+    m_state = Running;
+    QPointer<CloudUploader> self(this);
+    const auto uploaders = m_files.values();
+    for (int i = 0; i < uploaders.size(); ++i) {
+        if (m_state != Running) {
+            qCCritical(ztLog) << "already error" << m_state;
+            return false;
+        }
+        qCDebug(ztLog) << "uploader starting..." << i;
+        const bool started = uploaders.at(i)->start();
+        if (!self)
+            return false; // deleted while a file asked the service for its session
+        if (!started) {
+            clear();
+            qCCritical(ztLog) << "error" << "bool __cdecl CloudUploader::start(void)";
+            return false;
+        }
+        if (m_files.isEmpty() || m_state != Running)
+            return false;
+    }
+    return true;
+}
+
+void CloudUploader::stop()
+{
+    m_state = Stopped;
+    for (const auto &uploader : qAsConst(m_files))
+        uploader->stop();
+    Q_EMIT errorOccurred(Zephyrtide::Error::Stopped);
+}
+
+void CloudUploader::abort()
+{
+    if (m_state == Running)
+        m_state = Aborted;
+    if (m_files.isEmpty()) {
+        Q_EMIT errorOccurred(Zephyrtide::Error::Aborted);
+        return;
+    }
+    for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
+        const QSharedPointer<FileItem> &item = it.key();
+        if (item->state != Upload::Running)
+            continue;
+        item->state = Upload::Aborted;
+        for (const auto &chunk : it.value()->chunkUploaders())
+            chunk->stop();
+        // An aborted file starts from nothing next time.
+        UploadGlobal::instance()->removeInfo(*item);
+    }
+    Q_EMIT errorOccurred(Zephyrtide::Error::Aborted);
+}
+
+void CloudUploader::onUploadProgress(int precent)
+{
+    if (m_files.isEmpty() || m_state == Finished || m_state == Stopped) {
+        qCDebug(ztLog) << "clouduploader progress error" << m_files.isEmpty() << m_state;
+        return;
+    }
+    qCDebug(ztLog) << "CloudUploader::onUploadProgress 3 : " << precent;
+    qint64 total = 0;
+    qint64 sent = 0;
+    for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
+        total += it.key()->totalSize;
+        sent += it.key()->bytesSent;
+    }
+    if (total != 0)
+        Q_EMIT progress(qMin(sent, total), total);
+    else
+        Q_EMIT progress(qMin<qint64>(sent, 1), 1);
+}
+
+void CloudUploader::onFinished()
+{
+    qCInfo(ztLog) << "CloudUploader" << "onFinished";
+    for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
+        if (it.key()->state != Upload::Finished) {
+            qCDebug(ztLog) << "not finished" << it.key()->fileName;
+            return;
+        }
+    }
+    m_state = Finished;
+    if (!collectResults())
+        return;
+    const QVariantList results = m_results;
+    clear();
+    Q_EMIT finished(results);
+}
+
+bool CloudUploader::collectResults()
+{
+    for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
+        const FileItem &item = *it.key();
+        if (item.category.isEmpty() || item.filePath.isEmpty() || item.dfsID.isEmpty()
+            || item.bucket.isEmpty()) {
+            qCCritical(ztLog) << "result error " << item.category << item.filePath << item.dfsID << item.bucket;
+            qCCritical(ztLog) << "result set fail" << item.fileName;
+            Q_EMIT errorOccurred(Zephyrtide::Error::GeneralFailure);
+            return false;
+        }
+        m_results.append(QVariantMap{{QStringLiteral("category"), item.category},
+                                     {QStringLiteral("contentType"), item.contentType},
+                                     {QStringLiteral("filePath"), item.filePath},
+                                     {QStringLiteral("private"), item.isPrivate},
+                                     {QStringLiteral("dfsID"), item.dfsID},
+                                     {QStringLiteral("bucket"), item.bucket},
+                                     {QStringLiteral("cdnURL"), item.cdnURL},
+                                     {QStringLiteral("preview"), item.preview}});
+    }
+    return true;
+}
+
+void CloudUploader::onErrorOccurred(ZTErrorCode error)
+{
+    if (m_files.isEmpty() || m_state == Finished)
+        return;
+    m_state = Failed;
+    Q_EMIT errorOccurred(error);
+}
+
+void CloudUploader::clear()
+{
+    qCDebug(ztLog) << "uploader clear...";
+    for (const auto &uploader : qAsConst(m_files))
+        uploader->stop();
+    m_state = Idle;
+    m_results.clear();
+    for (auto it = m_files.cbegin(); it != m_files.cend(); ++it)
+        UploadGlobal::instance()->removeInfo(*it.key());
+    m_files.clear();
+}

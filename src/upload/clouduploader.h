@@ -1,0 +1,58 @@
+#pragma once
+
+#include "plugin/zterrorcode.h"
+
+#include <QHash>
+#include <QObject>
+#include <QSharedPointer>
+#include <QVariantList>
+
+class CloudSingleFileUploader;
+class FileItem;
+
+// Uploads a set of files as one job: one file item and one single-file
+// uploader per file, all started at once, their progress summed, and one
+// finished() with a result map per file when every file is on the service.
+//
+// Call order: setFiles() (or setFileItems()), connect the signals, start().
+// A job reports either finished() once or errorOccurred(); stop() keeps every
+// file's session for a later run, abort() forgets it.
+class CloudUploader : public QObject
+{
+    Q_OBJECT
+public:
+    enum State { Idle = 0, Running = 2, Finished = 3, Stopped = 4, Aborted = 5, Failed = 6 };
+
+    explicit CloudUploader(QObject *parent = nullptr);
+    ~CloudUploader() override;
+
+    // The host's "files": one parameter map per file.
+    bool setFiles(const QVariantList &files);
+    bool setFileItems(const QList<QSharedPointer<FileItem>> &items);
+    QList<QSharedPointer<FileItem>> fileItems() const { return m_files.keys(); }
+    int state() const { return m_state; }
+
+Q_SIGNALS:
+    void progress(qlonglong bytesSent, qlonglong bytesTotal);
+    void finished(QVariantList params);
+    void errorOccurred(ZTErrorCode error);
+
+public Q_SLOTS:
+    bool start();
+    void stop();
+    void abort();
+
+private Q_SLOTS:
+    void onFinished();
+    void onUploadProgress(int precent);
+    void onErrorOccurred(ZTErrorCode error);
+
+private:
+    bool contains(const FileItem &item) const;
+    bool collectResults();
+    void clear();
+
+    int m_state = Idle;
+    QHash<QSharedPointer<FileItem>, QSharedPointer<CloudSingleFileUploader>> m_files;
+    QVariantList m_results;
+};

@@ -1,0 +1,236 @@
+#include "logcapture.h"
+#include "plugin/globalmanager.h"
+#include "scriptedserver.h"
+#include "testenvironment.h"
+#include "upload/chunkitem.h"
+#include "upload/cloudchunkuploader.h"
+#include "upload/uploadglobal.h"
+
+#include <QCryptographicHash>
+#include <QSignalSpy>
+#include <QTest>
+
+using Zephyrtide::Error;
+
+// One chunk request: what goes on the wire, and how failures become codes.
+class tst_CloudChunkUploader : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    // The plugin registers "ZTErrorCode" with its GlobalManager; signal spies need it.
+    void initTestCase() { GlobalManager::instance(); }
+    void init();
+    void cleanup();
+
+    void sendsServerHeadersAndDigest();
+    void refusedItems_data();
+    void refusedItems();
+    void startWhileRunning();
+    void failures_data();
+    void failures();
+    void progressReports_data();
+    void progressReports();
+    void stopWithoutReply_data();
+    void stopWithoutReply();
+    void stopCancelsTransfer();
+
+private:
+    QSharedPointer<ChunkItem> chunk(const QString &url, const QByteArray &data) const
+    {
+        auto item = QSharedPointer<ChunkItem>::create();
+        item->partNumber = 1;
+        item->chunkSize = 1024;
+        item->url = url;
+        item->data = data;
+        return item;
+    }
+
+    TestEnvironment m_environment;
+    QScopedPointer<ScriptedServer> m_server;
+};
+
+void tst_CloudChunkUploader::init()
+{
+    m_server.reset(new ScriptedServer);
+    QVERIFY(m_server->start());
+}
+
+void tst_CloudChunkUploader::cleanup()
+{
+    m_server.reset();
+    UploadGlobal::destroy();
+}
+
+void tst_CloudChunkUploader::sendsServerHeadersAndDigest()
+{
+    m_server->enqueue(ScriptedResponse());
+    CloudChunkUploader uploader;
+    auto item = chunk(m_server->baseUrl() + "/upload/part?uploadID=u&partNumber=1", "some chunk bytes");
+    item->headers = {{"X-Upload-Token", "tok"}, {"X-Number", 42}, {"X-Flag", true}};
+    QVERIFY(uploader.setItem(item));
+    QSignalSpy finished(&uploader, &CloudChunkUploader::finished);
+    QVERIFY(uploader.start());
+    QCOMPARE(item->state, Upload::Running);
+    QVERIFY(finished.wait(5000));
+    QCOMPARE(item->state, Upload::Finished);
+
+    const ScriptedRequest sent = m_server->requests().first();
+    QCOMPARE(sent.method, QByteArray("POST"));
+    QCOMPARE(sent.target, QByteArray("/upload/part?uploadID=u&partNumber=1"));
+    QCOMPARE(sent.header("X-Upload-Token"), QByteArray("tok"));
+    QCOMPARE(sent.header("X-Number"), QByteArray("42"));
+    QCOMPARE(sent.header("X-Flag"), QByteArray("true"));
+    QCOMPARE(sent.header("Content-Type"), QByteArray("application/json"));
+    QCOMPARE(sent.body, QByteArray("some chunk bytes"));
+    QCOMPARE(sent.header("fileMD5"),
+             QCryptographicHash::hash("some chunk bytes", QCryptographicHash::Md5).toBase64());
+    // All chunks share the engine's one queue.
+    QVERIFY(UploadGlobal::instance()->networkManager());
+}
+
+void tst_CloudChunkUploader::refusedItems_data()
+{
+    QTest::addColumn<int>("partNumber");
+    QTest::addColumn<qint64>("chunkSize");
+    QTest::newRow("negative part number") << -1 << qint64(10);
+    QTest::newRow("chunk size 0") << 1 << qint64(0);
+}
+
+void tst_CloudChunkUploader::refusedItems()
+{
+    QFETCH(int, partNumber);
+    QFETCH(qint64, chunkSize);
+    LogCapture log;
+    CloudChunkUploader uploader;
+    auto item = chunk("http://127.0.0.1:1/x", "x");
+    item->partNumber = partNumber;
+    item->chunkSize = chunkSize;
+    QVERIFY(!uploader.setItem(item));
+    QVERIFY(!uploader.setItem(QSharedPointer<ChunkItem>()));
+    QSignalSpy error(&uploader, &CloudChunkUploader::errorOccurred);
+    QVERIFY(!uploader.start());
+    QCOMPARE(error.count(), 1);
+    QCOMPARE(error.first().first().value<ZTErrorCode>(), Error::GeneralFailure);
+    QCOMPARE(log.count(QStringLiteral("chunk item error "), QtCriticalMsg), 3);
+}
+
+void tst_CloudChunkUploader::startWhileRunning()
+{
+    ScriptedResponse held;
+    held.hold = true;
+    m_server->enqueue(held);
+    CloudChunkUploader uploader;
+    QVERIFY(uploader.setItem(chunk(m_server->baseUrl() + "/p?partNumber=1", "abc")));
+    QSignalSpy error(&uploader, &CloudChunkUploader::errorOccurred);
+    QVERIFY(uploader.start());
+    QVERIFY(!uploader.start());
+    QCOMPARE(error.count(), 1);
+    QCOMPARE(error.first().first().value<ZTErrorCode>(), Error::AlreadyRunning);
+    QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 1, 5000);
+    m_server->release();
+}
+
+void tst_CloudChunkUploader::failures_data()
+{
+    QTest::addColumn<QString>("url");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<int>("code");
+    QTest::newRow("invalid address: 20482") << "http://[::1" << 0 << 20482;
+    QTest::newRow("connection refused: 20480 + 1") << "http://127.0.0.1:1/p?partNumber=1" << 0 << 20481;
+    QTest::newRow("500: 20480 + 401") << "SERVER" << 500 << 20881;
+    QTest::newRow("404: 20480 + 203") << "SERVER" << 404 << 20683;
+}
+
+void tst_CloudChunkUploader::failures()
+{
+    QFETCH(QString, url);
+    QFETCH(int, status);
+    QFETCH(int, code);
+    if (url == QLatin1String("SERVER")) {
+        url = m_server->baseUrl() + "/p?partNumber=1";
+        ScriptedResponse response;
+        response.status = status;
+        m_server->enqueue(response);
+    }
+    CloudChunkUploader uploader;
+    auto item = chunk(url, "abc");
+    QVERIFY(uploader.setItem(item));
+    QSignalSpy error(&uploader, &CloudChunkUploader::errorOccurred);
+    QSignalSpy finished(&uploader, &CloudChunkUploader::finished);
+    uploader.start();
+    QTRY_COMPARE_WITH_TIMEOUT(error.count(), 1, 5000);
+    QCOMPARE(int(error.first().first().value<ZTErrorCode>()), code);
+    QCOMPARE(item->state, Upload::Failed);
+    QCOMPARE(finished.count(), 0);
+}
+
+void tst_CloudChunkUploader::progressReports_data()
+{
+    QTest::addColumn<qlonglong>("sent");
+    QTest::addColumn<qlonglong>("total");
+    QTest::addColumn<bool>("reported");
+    QTest::newRow("part of it") << 3LL << 10LL << true;
+    QTest::newRow("all of it") << 10LL << 10LL << true;
+    QTest::newRow("total 0") << 0LL << 0LL << false;
+    QTest::newRow("more sent than total") << 11LL << 10LL << false;
+}
+
+void tst_CloudChunkUploader::progressReports()
+{
+    QFETCH(qlonglong, sent);
+    QFETCH(qlonglong, total);
+    QFETCH(bool, reported);
+    CloudChunkUploader uploader;
+    auto item = chunk("http://127.0.0.1:1/p?partNumber=1", "abc");
+    QVERIFY(uploader.setItem(item));
+    QSignalSpy progress(&uploader, &CloudChunkUploader::progress);
+    uploader.onUploadProgress(sent, total);
+    QCOMPARE(progress.count(), reported ? 1 : 0);
+    QCOMPARE(item->bytesSent, reported ? sent : 0);
+    QCOMPARE(item->state, reported ? Upload::Running : Upload::New);
+}
+
+void tst_CloudChunkUploader::stopWithoutReply_data()
+{
+    QTest::addColumn<int>("index");
+    QTest::addColumn<int>("state");
+    QTest::newRow("index -1: left running") << -1 << int(Upload::Running);
+    QTest::newRow("index 0: marked stopped") << 0 << int(Upload::Stopped);
+}
+
+void tst_CloudChunkUploader::stopWithoutReply()
+{
+    QFETCH(int, index);
+    QFETCH(int, state);
+    CloudChunkUploader uploader;
+    auto item = chunk("http://127.0.0.1:1/p?partNumber=1", "abc");
+    QVERIFY(uploader.setItem(item));
+    item->state = Upload::Running;
+    uploader.setIndex(index);
+    QSignalSpy abort(&uploader, &CloudChunkUploader::abort);
+    QSignalSpy error(&uploader, &CloudChunkUploader::errorOccurred);
+    uploader.stop();
+    QCOMPARE(int(item->state), state);
+    QCOMPARE(abort.count() + error.count(), 0);
+}
+
+void tst_CloudChunkUploader::stopCancelsTransfer()
+{
+    ScriptedResponse held;
+    held.hold = true;
+    m_server->enqueue(held);
+    CloudChunkUploader uploader;
+    auto item = chunk(m_server->baseUrl() + "/p?partNumber=1", QByteArray(100000, 'z'));
+    QVERIFY(uploader.setItem(item));
+    QSignalSpy finished(&uploader, &CloudChunkUploader::finished);
+    QSignalSpy error(&uploader, &CloudChunkUploader::errorOccurred);
+    QVERIFY(uploader.start());
+    QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 1, 5000);
+    uploader.stop();
+    m_server->release();
+    QTest::qWait(200);
+    QCOMPARE(finished.count() + error.count(), 0);
+}
+
+QTEST_MAIN(tst_CloudChunkUploader)
+#include "tst_cloudchunkuploader.moc"

@@ -1,0 +1,331 @@
+#include "logcapture.h"
+#include "plugin/globalmanager.h"
+#include "scriptedserver.h"
+#include "testenvironment.h"
+#include "upload/chunkitem.h"
+#include "upload/cloudsinglefileuploader.h"
+#include "upload/fileitem.h"
+#include "upload/uploadglobal.h"
+
+#include <zephyrtide/manager.h>
+
+#include <QCryptographicHash>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QUrlQuery>
+
+using Zephyrtide::Error;
+
+// The session protocol of one file against a scripted upload service that hands
+// out sessions, takes parts and completes.
+class tst_CloudSingleFileUploader : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void uploadsEveryPart();
+    void existingFileSendsNothing();
+    void emptyFile();
+    void sessionChoice_data();
+    void sessionChoice();
+    void resumedChunkSendsItsTail();
+    void failingPartFailsFile();
+    void progressNeverGoesBack();
+
+private:
+    // The service's answer to "/upload/info" for a session with the given parts.
+    QByteArray infoAnswer(const QString &uploadID, qint64 chunkSize, const QList<int> &parts,
+                          bool exist = false) const;
+    QSharedPointer<FileItem> makeItem(const QByteArray &content);
+    void serve(const QByteArray &info);
+    QList<ScriptedRequest> requestsTo(const QString &path) const;
+
+    TestEnvironment m_environment;
+    QTemporaryDir m_dir;
+    QScopedPointer<ScriptedServer> m_server;
+    QScopedPointer<Zephyrtide::Manager> m_host;
+    QByteArray m_content;
+};
+
+void tst_CloudSingleFileUploader::init()
+{
+    m_server.reset(new ScriptedServer);
+    QVERIFY(m_server->start());
+    m_host.reset(new Zephyrtide::Manager);
+    GlobalManager::instance()->setManager(m_host.data());
+    GlobalManager::instance()->setFileServiceAddress(m_server->baseUrl());
+    UploadGlobal::instance()->setManager(m_host.data());
+    UploadGlobal::instance()->removeAll();
+}
+
+void tst_CloudSingleFileUploader::cleanup()
+{
+    m_server.reset();
+    UploadGlobal::destroy();
+    GlobalManager::destroy();
+    m_host.reset();
+}
+
+QByteArray tst_CloudSingleFileUploader::infoAnswer(const QString &uploadID, qint64 chunkSize,
+                                                   const QList<int> &parts, bool exist) const
+{
+    QJsonArray chunks;
+    for (int part : parts) {
+        chunks.append(QJsonObject{
+            {"url", QStringLiteral("%1/upload/part?uploadID=%2&partNumber=%3").arg(m_server->baseUrl(), uploadID).arg(part)},
+            {"headers", QJsonObject{{"X-Upload-Token", uploadID + "-token"}}}});
+    }
+    QJsonObject result{{"exist", exist}, {"cdnURL", m_server->baseUrl() + "/download?fileName=f.bin"}};
+    if (!exist) {
+        result.insert("uploadInfo", QJsonObject{{"chunkSize", chunkSize}, {"expires", 3600},
+                                                {"method", "POST"}, {"uploadID", uploadID},
+                                                {"chunks", chunks}});
+    }
+    return QJsonDocument(QJsonObject{{"status", "success"}, {"result", result}}).toJson();
+}
+
+void tst_CloudSingleFileUploader::serve(const QByteArray &info)
+{
+    m_server->setHandler([info](const ScriptedRequest &request) {
+        if (request.path() == QLatin1String("/upload/info"))
+            return ScriptedResponse::json(info);
+        if (request.path() == QLatin1String("/upload/complete"))
+            return ScriptedResponse::json(R"({"status":"success","result":{}})");
+        return ScriptedResponse(); // parts: 200, empty body
+    });
+}
+
+QList<ScriptedRequest> tst_CloudSingleFileUploader::requestsTo(const QString &path) const
+{
+    QList<ScriptedRequest> found;
+    for (const ScriptedRequest &request : m_server->requests()) {
+        if (request.path() == path)
+            found.append(request);
+    }
+    return found;
+}
+
+QSharedPointer<FileItem> tst_CloudSingleFileUploader::makeItem(const QByteArray &content)
+{
+    m_content = content;
+    const QString path = m_dir.filePath(QStringLiteral("f.bin"));
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        return {};
+    file.close();
+    auto item = QSharedPointer<FileItem>::create();
+    if (!UploadGlobal::instance()->initFileItem(*item, {{"filePath", path}, {"category", "Zephyrtide"}}))
+        return {};
+    return item;
+}
+
+void tst_CloudSingleFileUploader::uploadsEveryPart()
+{
+    QByteArray content;
+    for (int i = 0; i < 2500; ++i)
+        content.append(char(i * 7));
+    auto item = makeItem(content);
+    QVERIFY(item);
+    serve(infoAnswer("s1", 1000, {3, 1, 2})); // out of order on purpose
+
+    CloudSingleFileUploader uploader;
+    uploader.setFileItem(item);
+    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
+    QSignalSpy error(&uploader, &CloudSingleFileUploader::errorOccurred);
+    QVERIFY(uploader.start());
+    QVERIFY(finished.wait(10000));
+    QCOMPARE(error.count(), 0);
+    QCOMPARE(item->state, Upload::Finished);
+    QCOMPARE(item->totalChunks, 3);
+
+    const auto parts = requestsTo("/upload/part");
+    QCOMPARE(parts.size(), 3);
+    QByteArray assembled(content.size(), '\0');
+    for (const ScriptedRequest &part : parts) {
+        const int n = QUrlQuery(part.url()).queryItemValue("partNumber").toInt();
+        QCOMPARE(part.header("X-Upload-Token"), QByteArray("s1-token"));
+        QCOMPARE(part.header("fileMD5"), QCryptographicHash::hash(part.body, QCryptographicHash::Md5).toBase64());
+        assembled.replace((n - 1) * 1000, part.body.size(), part.body);
+    }
+    QCOMPARE(assembled, content);
+
+    const auto infos = requestsTo("/upload/info");
+    QCOMPARE(infos.size(), 1);
+    const QVariantMap body = QJsonDocument::fromJson(infos.first().body).object().toVariantMap();
+    QCOMPARE(body.value("fileName").toString(), QStringLiteral("f.bin"));
+    QCOMPARE(body.value("fileMD5").toString(), item->identifier);
+    QCOMPARE(body.value("fileSize").toLongLong(), qint64(content.size()));
+    const auto completes = requestsTo("/upload/complete");
+    QCOMPARE(completes.size(), 1);
+    QCOMPARE(QJsonDocument::fromJson(completes.first().body).object().value("fileMD5").toString(),
+             item->identifier);
+    QCOMPARE(item->dfsID, QStringLiteral("Zephyrtide"));
+    QCOMPARE(item->bucket, QStringLiteral("Zephyrtide"));
+}
+
+void tst_CloudSingleFileUploader::existingFileSendsNothing()
+{
+    auto item = makeItem("already there");
+    QVERIFY(item);
+    serve(infoAnswer("s", 1000, {}, true));
+    CloudSingleFileUploader uploader;
+    uploader.setFileItem(item);
+    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
+    QSignalSpy progress(&uploader, &CloudSingleFileUploader::progress);
+    QVERIFY(uploader.start());
+    QCOMPARE(finished.count(), 1);
+    QCOMPARE(progress.count(), 1);
+    QCOMPARE(progress.first().at(0).toLongLong(), item->totalSize);
+    QCOMPARE(m_server->requestCount(), 1); // the info request, nothing else
+}
+
+void tst_CloudSingleFileUploader::emptyFile()
+{
+    auto item = makeItem(QByteArray());
+    QVERIFY(item);
+    serve(infoAnswer("empty", 8, {}));
+    CloudSingleFileUploader uploader;
+    uploader.setFileItem(item);
+    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
+    QVERIFY(uploader.start());
+    QCOMPARE(finished.count(), 1);
+    QCOMPARE(item->totalChunks, 0);
+    QCOMPARE(requestsTo("/upload/part").size(), 0);
+    QCOMPARE(requestsTo("/upload/complete").size(), 1);
+}
+
+void tst_CloudSingleFileUploader::sessionChoice_data()
+{
+    QTest::addColumn<int>("ageSeconds");
+    QTest::addColumn<QString>("usedSession");
+    QTest::newRow("exactly at expiry: cached kept") << 100 << "cached";
+    QTest::newRow("one second past expiry: fresh taken") << 101 << "fresh";
+}
+
+void tst_CloudSingleFileUploader::sessionChoice()
+{
+    QFETCH(int, ageSeconds);
+    QFETCH(QString, usedSession);
+    auto item = makeItem("0123456789");
+    QVERIFY(item);
+    // A session from an earlier run, as the cache would give it back.
+    item->uploadID = "cached";
+    item->expires = 100;
+    item->chunkSize = 10;
+    item->totalChunks = 1;
+    item->currentRequestTime = QDateTime::currentDateTime().addSecs(-ageSeconds);
+    item->chunks = {QVariantMap{{"url", m_server->baseUrl() + "/upload/part?uploadID=cached&partNumber=1"},
+                                {"headers", QVariantMap{{"X-Upload-Token", "cached-token"}}}}};
+    serve(infoAnswer("fresh", 10, {1}));
+
+    CloudSingleFileUploader uploader;
+    uploader.setFileItem(item);
+    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
+    QVERIFY(uploader.start());
+    QVERIFY(finished.wait(5000));
+    const auto parts = requestsTo("/upload/part");
+    QCOMPARE(parts.size(), 1);
+    QCOMPARE(QUrlQuery(parts.first().url()).queryItemValue("uploadID"), usedSession);
+    QCOMPARE(item->uploadID, usedSession);
+}
+
+void tst_CloudSingleFileUploader::resumedChunkSendsItsTail()
+{
+    auto item = makeItem("AAAAABBBBBCCCCC");
+    QVERIFY(item);
+    item->uploadID = "s";
+    item->expires = 3600;
+    item->chunkSize = 5;
+    item->totalChunks = 3;
+    item->currentRequestTime = QDateTime::currentDateTime();
+    // Part 1 went in an earlier run; part 2 got three bytes out before a stop.
+    item->chunks = {
+        QVariantMap{{"url", m_server->baseUrl() + "/upload/part?uploadID=s&partNumber=3"}, {"headers", QVariantMap()}},
+        QVariantMap{{"url", m_server->baseUrl() + "/upload/part?uploadID=s&partNumber=2"},
+                    {"headers", QVariantMap()}, {"bytesSent", 3}}};
+    serve(infoAnswer("s", 5, {2, 3}));
+
+    CloudSingleFileUploader uploader;
+    uploader.setFileItem(item);
+    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
+    QVERIFY(uploader.start());
+    QVERIFY(finished.wait(5000));
+    QCOMPARE(item->uploadedChunk, 3);
+    QMap<int, QByteArray> bodies;
+    for (const ScriptedRequest &part : requestsTo("/upload/part")) {
+        QCOMPARE(part.header("fileMD5"), QCryptographicHash::hash(part.body, QCryptographicHash::Md5).toBase64());
+        bodies.insert(QUrlQuery(part.url()).queryItemValue("partNumber").toInt(), part.body);
+    }
+    QCOMPARE(bodies.value(2), QByteArray("BB"));
+    QCOMPARE(bodies.value(3), QByteArray("CCCCC"));
+    QVERIFY(!bodies.contains(1));
+}
+
+void tst_CloudSingleFileUploader::failingPartFailsFile()
+{
+    auto item = makeItem(QByteArray(3000, 'q'));
+    QVERIFY(item);
+    const QByteArray info = infoAnswer("f", 1000, {1, 2, 3});
+    m_server->setHandler([info](const ScriptedRequest &request) {
+        if (request.path() == QLatin1String("/upload/info"))
+            return ScriptedResponse::json(info);
+        ScriptedResponse response;
+        response.status = QUrlQuery(request.url()).queryItemValue("partNumber") == "2" ? 500 : 200;
+        return response;
+    });
+    CloudSingleFileUploader uploader;
+    uploader.setFileItem(item);
+    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
+    QSignalSpy error(&uploader, &CloudSingleFileUploader::errorOccurred);
+    QVERIFY(uploader.start());
+    QVERIFY(error.wait(5000));
+    QCOMPARE(int(error.first().first().value<ZTErrorCode>()), 20480 + 401);
+    QTest::qWait(200);
+    QCOMPARE(error.count(), 1);
+    QCOMPARE(finished.count(), 0);
+    QCOMPARE(item->state, Upload::Failed);
+    QCOMPARE(requestsTo("/upload/complete").size(), 0);
+    // The session stays cached, less the parts that went through.
+    const QVariantMap cached = UploadGlobal::instance()->getInfo(item->identifier);
+    QCOMPARE(cached.value("uploadInfo").toMap().value("uploadID").toString(), QStringLiteral("f"));
+    QVERIFY(cached.value("uploadInfo").toMap().value("chunks").toList().size() >= 1);
+}
+
+void tst_CloudSingleFileUploader::progressNeverGoesBack()
+{
+    auto item = makeItem(QByteArray(100, 'p'));
+    QVERIFY(item);
+    item->chunkSize = 50;
+    auto a = QSharedPointer<ChunkItem>::create();
+    auto b = QSharedPointer<ChunkItem>::create();
+    item->pendingChunks = {a, b};
+    item->chunks = {QVariantMap(), QVariantMap()};
+    CloudSingleFileUploader uploader;
+    uploader.setFileItem(item);
+    QSignalSpy progress(&uploader, &CloudSingleFileUploader::progress);
+    LogCapture log;
+
+    a->bytesSent = 30;
+    uploader.onUploadProgress(0, 0);
+    a->bytesSent = 10; // a restarted request reports less
+    uploader.onUploadProgress(0, 0);
+    b->bytesSent = 50;
+    a->bytesSent = 50;
+    uploader.onUploadProgress(0, 0);
+
+    QCOMPARE(progress.count(), 2);
+    QCOMPARE(progress.at(0).at(0).toLongLong(), 31LL); // counted from 1
+    QCOMPARE(progress.at(1).at(0).toLongLong(), 101LL);  // reported as is ...
+    QCOMPARE(item->bytesSent, 100LL);                     // ... but stored capped
+    QCOMPARE(log.count(QStringLiteral("CloudSingleFileUploader::little: ")), 1);
+    QCOMPARE(item->chunks.at(1).toMap().value("bytesSent").toLongLong(), 50LL);
+}
+
+QTEST_MAIN(tst_CloudSingleFileUploader)
+#include "tst_cloudsinglefileuploader.moc"
