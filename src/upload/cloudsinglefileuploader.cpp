@@ -72,6 +72,8 @@ bool CloudSingleFileUploader::start()
 
     if (m_item->uploadID.isEmpty() || !m_item->sessionValid())
         applyUploadInfo(answer);
+    else
+        takeServerChunkList(answer);
 
     const bool exist = answer.value(QStringLiteral("exist")).toBool();
     qCInfo(ztLog) << "upload infofofo" << m_item->fileName << m_item->chunks.size()
@@ -183,6 +185,19 @@ void CloudSingleFileUploader::applyUploadInfo(const QVariantMap &answer)
         ? int((m_item->totalSize + m_item->chunkSize - 1) / m_item->chunkSize)
         : 0;
     qCDebug(ztLog) << "size" << m_item->totalSize << m_item->chunkSize << m_item->chunks.size();
+    writeCache();
+}
+
+void CloudSingleFileUploader::takeServerChunkList(const QVariantMap &answer)
+{
+    // The cache remembers what this side sent, not what the service stored: a
+    // request cut short leaves progress behind that the service never kept.
+    // When the service still knows the session it says which parts it lacks
+    // and how much of each it holds, and that is what is sent.
+    const QVariantMap info = answer.value(QStringLiteral("uploadInfo")).toMap();
+    if (info.value(QStringLiteral("uploadID")).toString() != m_item->uploadID)
+        return;
+    m_item->chunks = info.value(QStringLiteral("chunks")).toList();
     writeCache();
 }
 

@@ -52,6 +52,7 @@ private:
     ZTErrorCode request(QObject *owner, QVariant &result, const QString &name, QVariantMap params,
                         uint source);
     void applyUploadInfo(const QVariantMap &answer);
+    void takeServerChunkList(const QVariantMap &answer);
     ZTErrorCode prepareChunks();
     bool launchChunks();
     void finishUpload();

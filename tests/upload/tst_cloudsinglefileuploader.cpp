@@ -34,6 +34,7 @@ private Q_SLOTS:
     void emptyFile();
     void sessionChoice_data();
     void sessionChoice();
+    void resumedChunkSendsItsTail_data();
     void resumedChunkSendsItsTail();
     void failingPartFailsFile();
     void progressNeverGoesBack();
@@ -41,7 +42,7 @@ private Q_SLOTS:
 private:
     // The service's answer to "/upload/info" for a session with the given parts.
     QByteArray infoAnswer(const QString &uploadID, qint64 chunkSize, const QList<int> &parts,
-                          bool exist = false) const;
+                          bool exist = false, const QMap<int, int> &held = {}) const;
     QSharedPointer<FileItem> makeItem(const QByteArray &content);
     void serve(const QByteArray &info);
     QList<ScriptedRequest> requestsTo(const QString &path) const;
@@ -73,13 +74,17 @@ void tst_CloudSingleFileUploader::cleanup()
 }
 
 QByteArray tst_CloudSingleFileUploader::infoAnswer(const QString &uploadID, qint64 chunkSize,
-                                                   const QList<int> &parts, bool exist) const
+                                                   const QList<int> &parts, bool exist,
+                                                   const QMap<int, int> &held) const
 {
     QJsonArray chunks;
     for (int part : parts) {
-        chunks.append(QJsonObject{
+        QJsonObject chunk{
             {"url", QStringLiteral("%1/upload/part?uploadID=%2&partNumber=%3").arg(m_server->baseUrl(), uploadID).arg(part)},
-            {"headers", QJsonObject{{"X-Upload-Token", uploadID + "-token"}}}});
+            {"headers", QJsonObject{{"X-Upload-Token", uploadID + "-token"}}}};
+        if (held.contains(part))
+            chunk.insert("bytesSent", held.value(part));
+        chunks.append(chunk);
     }
     QJsonObject result{{"exist", exist}, {"cdnURL", m_server->baseUrl() + "/download?fileName=f.bin"}};
     if (!exist) {
@@ -235,8 +240,26 @@ void tst_CloudSingleFileUploader::sessionChoice()
     QCOMPARE(item->uploadID, usedSession);
 }
 
+void tst_CloudSingleFileUploader::resumedChunkSendsItsTail_data()
+{
+    QTest::addColumn<QList<int>>("serverParts");
+    QTest::addColumn<int>("serverHolds");
+    QTest::addColumn<QByteArray>("part2");
+    QTest::addColumn<QByteArray>("part3");
+    QTest::newRow("service holds 3 bytes of part 2: its tail goes")
+        << QList<int>{2, 3} << 3 << QByteArray("BB") << QByteArray("CCCCC");
+    QTest::newRow("service holds none of part 2 although the cache said 3: all of it goes")
+        << QList<int>{2, 3} << -1 << QByteArray("BBBBB") << QByteArray("CCCCC");
+    QTest::newRow("service already has part 2: only part 3 goes")
+        << QList<int>{3} << -1 << QByteArray() << QByteArray("CCCCC");
+}
+
 void tst_CloudSingleFileUploader::resumedChunkSendsItsTail()
 {
+    QFETCH(QList<int>, serverParts);
+    QFETCH(int, serverHolds);
+    QFETCH(QByteArray, part2);
+    QFETCH(QByteArray, part3);
     auto item = makeItem("AAAAABBBBBCCCCC");
     QVERIFY(item);
     item->uploadID = "s";
@@ -249,7 +272,10 @@ void tst_CloudSingleFileUploader::resumedChunkSendsItsTail()
         QVariantMap{{"url", m_server->baseUrl() + "/upload/part?uploadID=s&partNumber=3"}, {"headers", QVariantMap()}},
         QVariantMap{{"url", m_server->baseUrl() + "/upload/part?uploadID=s&partNumber=2"},
                     {"headers", QVariantMap()}, {"bytesSent", 3}}};
-    serve(infoAnswer("s", 5, {2, 3}));
+    QMap<int, int> held;
+    if (serverHolds >= 0)
+        held.insert(2, serverHolds);
+    serve(infoAnswer("s", 5, serverParts, false, held));
 
     CloudSingleFileUploader uploader;
     uploader.setFileItem(item);
@@ -257,13 +283,15 @@ void tst_CloudSingleFileUploader::resumedChunkSendsItsTail()
     QVERIFY(uploader.start());
     QVERIFY(finished.wait(5000));
     QCOMPARE(item->uploadedChunk, 3);
+    QCOMPARE(item->uploadID, QStringLiteral("s"));
     QMap<int, QByteArray> bodies;
     for (const ScriptedRequest &part : requestsTo("/upload/part")) {
         QCOMPARE(part.header("fileMD5"), QCryptographicHash::hash(part.body, QCryptographicHash::Md5).toBase64());
         bodies.insert(QUrlQuery(part.url()).queryItemValue("partNumber").toInt(), part.body);
     }
-    QCOMPARE(bodies.value(2), QByteArray("BB"));
-    QCOMPARE(bodies.value(3), QByteArray("CCCCC"));
+    QCOMPARE(bodies.value(2), part2);
+    QCOMPARE(bodies.contains(2), !part2.isEmpty());
+    QCOMPARE(bodies.value(3), part3);
     QVERIFY(!bodies.contains(1));
 }
 
