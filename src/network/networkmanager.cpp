@@ -44,22 +44,42 @@ NetworkReply *NetworkManager::put(const QNetworkRequest &request, const QByteArr
 NetworkReply *NetworkManager::requestRemote(const QNetworkRequest &request, const QByteArray &body,
                                             int type)
 {
-    auto *reply = new NetworkReply; // owned by the caller, who gets it below
-    reply->setManager(this);
-    qCDebug(ztLog) << "requestRemote" << request.url() << request.rawHeaderList() << verbName(type) << reply;
-
     auto record = QSharedPointer<PendingRequest>::create();
     record->request = request;
     record->type = type;
     record->body = body;
+    return enqueue(record);
+}
+
+NetworkReply *NetworkManager::requestRemote(const QNetworkRequest &request,
+                                            const QSharedPointer<RequestBody> &body, int type)
+{
+    auto record = QSharedPointer<PendingRequest>::create();
+    record->request = request;
+    record->type = type;
+    record->bodySource = body;
+    return enqueue(record);
+}
+
+NetworkReply *NetworkManager::enqueue(const QSharedPointer<PendingRequest> &record)
+{
+    auto *reply = new NetworkReply; // owned by the caller, who gets it below
+    reply->setManager(this);
+    const QNetworkRequest &request = record->request;
+    qCDebug(ztLog) << "requestRemote" << request.url() << request.rawHeaderList() << verbName(record->type)
+                   << reply;
     record->reply = reply;
     reply->setRecord(record);
+
+    connect(reply, &NetworkReply::finished, this, &NetworkManager::onReplyFinished);
+    connect(reply, &NetworkReply::errorOccurred, this, &NetworkManager::onReplyFinished);
+    connect(reply, &QObject::destroyed, this, qOverload<QObject *>(&NetworkManager::onDestroyed));
 
     // "At most netLimit" on purpose: with 3, a fourth transfer still starts.
     if (m_waiting.isEmpty() && m_requesting.size() <= m_netLimit) {
         qCDebug(ztLog) << "requesttiiiiiiiii ngg" << request.url();
         m_requesting.append(record);
-        reply->attach(issue(*record));
+        start(record);
     } else {
         QTimer &timer = reply->keepAliveTimer();
         timer.setInterval(KeepAliveIntervalMs);
@@ -68,17 +88,31 @@ NetworkReply *NetworkManager::requestRemote(const QNetworkRequest &request, cons
         m_waiting.append(record);
         qCDebug(ztLog) << "waitinnnnggggggggggg" << request.url() << m_waiting.size();
     }
-
-    connect(reply, &NetworkReply::finished, this, &NetworkManager::onReplyFinished);
-    connect(reply, &NetworkReply::errorOccurred, this, &NetworkManager::onReplyFinished);
-    connect(reply, &QObject::destroyed, this, qOverload<QObject *>(&NetworkManager::onDestroyed));
     return reply;
+}
+
+void NetworkManager::start(const QSharedPointer<PendingRequest> &record)
+{
+    NetworkReply *reply = record->reply;
+    QNetworkReply *networkReply = issue(*record);
+    if (networkReply) {
+        reply->attach(networkReply);
+        return;
+    }
+    // Fails like a transfer would, once the caller is back in the event loop
+    // and has connected; the slot is freed on that path.
+    reply->keepAliveTimer().stop();
+    QMetaObject::invokeMethod(reply, [reply] {
+        Q_EMIT reply->errorOccurred(QNetworkReply::UnknownContentError);
+    }, Qt::QueuedConnection);
 }
 
 QNetworkReply *NetworkManager::issue(const PendingRequest &record)
 {
     QNetworkAccessManager *access = m_access.data();
     return callOnThreadOf(access, [access, &record]() -> QNetworkReply * {
+        if (record.bodySource)
+            return issueWithDevice(access, record);
         switch (record.type) {
         case PendingRequest::Post:
             return access->post(record.request, record.body);
@@ -90,6 +124,20 @@ QNetworkReply *NetworkManager::issue(const PendingRequest &record)
     });
 }
 
+QNetworkReply *NetworkManager::issueWithDevice(QNetworkAccessManager *access, const PendingRequest &record)
+{
+    QNetworkRequest request = record.request;
+    QIODevice *device = record.bodySource->open(request);
+    if (!device) {
+        qCCritical(ztLog) << "request body unreadable" << request.url();
+        return nullptr;
+    }
+    QNetworkReply *reply = record.type == PendingRequest::Put ? access->put(request, device)
+                                                              : access->post(request, device);
+    device->setParent(reply); // read until the reply is done, then deleted with it
+    return reply;
+}
+
 void NetworkManager::startNext()
 {
     if (m_waiting.isEmpty() || m_requesting.size() > m_netLimit)
@@ -99,8 +147,8 @@ void NetworkManager::startNext()
     qCDebug(ztLog) << "insert requesting url " << record->request.url() << m_waiting.size();
     qCDebug(ztLog) << "thread id " << QThread::currentThread() << m_access;
 
-    record->reply->attach(issue(*record));
     m_requesting.append(record);
+    start(record);
 }
 
 void NetworkManager::onReplyFinished()

@@ -31,6 +31,9 @@ public:
     NetworkReply *post(const QNetworkRequest &request, const QByteArray &body);
     NetworkReply *put(const QNetworkRequest &request, const QByteArray &body);
     NetworkReply *requestRemote(const QNetworkRequest &request, const QByteArray &body, int type);
+    // The same, with a body read only when the transfer starts.
+    NetworkReply *requestRemote(const QNetworkRequest &request,
+                                const QSharedPointer<RequestBody> &body, int type);
 
     // Unlimited (0) lifts the limit, Low (2) allows two at once, any other level four.
     void setNetLimit(Zephyrtide::Manager::NetLimit level);
@@ -38,7 +41,8 @@ public:
     int runningCount() const { return m_requesting.size(); }
     int waitingCount() const { return m_waiting.size(); }
 
-    // Sends record on the access manager's thread and returns its QNetworkReply.
+    // Sends record on the access manager's thread and returns its QNetworkReply;
+    // null when its body cannot be read.
     QNetworkReply *issue(const PendingRequest &record);
 
 public Q_SLOTS:
@@ -47,7 +51,10 @@ public Q_SLOTS:
     void onReplyFinished();
 
 private:
+    NetworkReply *enqueue(const QSharedPointer<PendingRequest> &record);
+    void start(const QSharedPointer<PendingRequest> &record);
     void startNext();
+    static QNetworkReply *issueWithDevice(QNetworkAccessManager *access, const PendingRequest &record);
     static void removeRecordsOf(QList<QSharedPointer<PendingRequest>> &list, const QObject *reply,
                                 bool *found = nullptr);
 

@@ -75,5 +75,11 @@ void NetworkReply::retry()
         old->disconnect(this);
         old->deleteLater();
     }
+    if (!fresh) {
+        QMetaObject::invokeMethod(this, [this] {
+            Q_EMIT errorOccurred(QNetworkReply::UnknownContentError);
+        }, Qt::QueuedConnection);
+        return;
+    }
     attach(fresh);
 }

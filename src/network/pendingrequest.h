@@ -1,7 +1,10 @@
 #pragma once
 
+#include "requestbody.h"
+
 #include <QByteArray>
 #include <QNetworkRequest>
+#include <QSharedPointer>
 
 class NetworkReply;
 
@@ -14,5 +17,6 @@ struct PendingRequest
     QNetworkRequest request;
     int type = Get;
     QByteArray body;
+    QSharedPointer<RequestBody> bodySource; // when set, read at issue time instead of body
     NetworkReply *reply = nullptr; // identity only; the caller owns the reply
 };

@@ -14,7 +14,12 @@ struct ChunkItem
 {
     int partNumber = 0;         // 1-based, from the "partNumber" query item of url
     qint64 chunkSize = 0;       // the file's chunk size
-    QByteArray data;            // the bytes still to send for this chunk
+    QByteArray data;            // the bytes still to send for this chunk, when held in memory
+    // Otherwise the bytes still to send are [offset, offset + length) of this
+    // file, read only when the chunk's transfer starts.
+    QString filePath;
+    qint64 offset = 0;
+    qint64 length = 0;
     QString url;                // where to send it, from the server
     QVariantMap headers;        // header name to value, from the server
     QString method;             // the file's method text; carried, not used for the request

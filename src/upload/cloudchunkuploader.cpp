@@ -1,6 +1,7 @@
 #include "cloudchunkuploader.h"
 
 #include "chunkitem.h"
+#include "filechunkbody.h"
 #include "network/networkmanager.h"
 #include "network/networkreply.h"
 #include "plugin/logging.h"
@@ -72,8 +73,6 @@ ZTErrorCode CloudChunkUploader::send()
     }
     // The service reads the body as raw bytes whatever this says.
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
-    request.setRawHeader("fileMD5",
-                         QCryptographicHash::hash(m_item->data, QCryptographicHash::Md5).toBase64());
     request.setUrl(url);
     request.setSslConfiguration(QSslConfiguration::defaultConfiguration());
 
@@ -84,8 +83,17 @@ ZTErrorCode CloudChunkUploader::send()
         manager = QSharedPointer<NetworkManager>::create();
         global->setNetworkManager(manager);
     }
-    m_reply = QSharedPointer<NetworkReply>(manager->requestRemote(request, m_item->data, 0),
-                                           &QObject::deleteLater);
+    NetworkReply *reply = nullptr;
+    if (m_item->data.isEmpty() && !m_item->filePath.isEmpty()) {
+        // Read from the file only when the queue starts this transfer.
+        reply = manager->requestRemote(
+            request, QSharedPointer<FileChunkBody>::create(m_item->filePath, m_item->offset, m_item->length), 0);
+    } else {
+        request.setRawHeader("fileMD5",
+                             QCryptographicHash::hash(m_item->data, QCryptographicHash::Md5).toBase64());
+        reply = manager->requestRemote(request, m_item->data, 0);
+    }
+    m_reply = QSharedPointer<NetworkReply>(reply, &QObject::deleteLater);
     connect(this, &CloudChunkUploader::abort, m_reply.data(), &NetworkReply::abort);
     connect(m_reply.data(), &NetworkReply::finished, this, &CloudChunkUploader::onReplyFinished);
     connect(m_reply.data(), &NetworkReply::errorOccurred, this, &CloudChunkUploader::onReplyError);

@@ -229,11 +229,14 @@ ZTErrorCode CloudSingleFileUploader::prepareChunks()
             chunk->bytesSent = descriptor.value(QStringLiteral("bytesSent")).toLongLong();
             qCDebug(ztLog) << "contains byesend" << chunk->bytesSent;
         }
-        // Piece n of the file, from what this chunk already sent on.
+        // Piece n of the file, from what this chunk already sent on; read when
+        // the chunk's transfer starts.
         const qint64 pieceStart = qint64(chunk->partNumber - 1) * m_item->chunkSize;
-        if (chunk->partNumber >= 1 && file.seek(pieceStart + chunk->bytesSent))
-            chunk->data = file.read(qMax<qint64>(0, m_item->chunkSize - chunk->bytesSent));
-        qCDebug(ztLog) << "par" << chunk->partNumber << chunk->data.isEmpty();
+        const qint64 pieceEnd = qMin(pieceStart + m_item->chunkSize, file.size());
+        chunk->filePath = m_item->filePath;
+        chunk->offset = qMin(pieceStart + chunk->bytesSent, pieceEnd);
+        chunk->length = chunk->partNumber >= 1 ? qMax<qint64>(0, pieceEnd - chunk->offset) : 0;
+        qCDebug(ztLog) << "par" << chunk->partNumber << (chunk->length == 0);
         m_item->pendingChunks.append(chunk);
     }
     return Zephyrtide::Error::NoError;

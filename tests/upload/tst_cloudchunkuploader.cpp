@@ -4,10 +4,12 @@
 #include "testenvironment.h"
 #include "upload/chunkitem.h"
 #include "upload/cloudchunkuploader.h"
+#include "network/networkmanager.h"
 #include "upload/uploadglobal.h"
 
 #include <QCryptographicHash>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
 
 using Zephyrtide::Error;
@@ -33,6 +35,8 @@ private Q_SLOTS:
     void stopWithoutReply_data();
     void stopWithoutReply();
     void stopCancelsTransfer();
+    void fileRangeBodies_data();
+    void fileRangeBodies();
 
 private:
     QSharedPointer<ChunkItem> chunk(const QString &url, const QByteArray &data) const
@@ -230,6 +234,56 @@ void tst_CloudChunkUploader::stopCancelsTransfer()
     m_server->release();
     QTest::qWait(200);
     QCOMPARE(finished.count() + error.count(), 0);
+}
+
+void tst_CloudChunkUploader::fileRangeBodies_data()
+{
+    QTest::addColumn<qint64>("offset");
+    QTest::addColumn<qint64>("length");
+    QTest::addColumn<bool>("fileExists");
+    QTest::newRow("a middle range") << qint64(1000) << qint64(5000) << true;
+    QTest::newRow("the tail of the file") << qint64(90000) << qint64(10000) << true;
+    QTest::newRow("empty range") << qint64(100000) << qint64(0) << true;
+    QTest::newRow("file gone: 20480 + UnknownContentError") << qint64(0) << qint64(10) << false;
+}
+
+void tst_CloudChunkUploader::fileRangeBodies()
+{
+    QFETCH(qint64, offset);
+    QFETCH(qint64, length);
+    QFETCH(bool, fileExists);
+    QTemporaryDir dir;
+    const QString path = dir.filePath("source.bin");
+    QByteArray content(100000, Qt::Uninitialized);
+    for (int i = 0; i < content.size(); ++i)
+        content[i] = char((i * 31) ^ (i >> 8));
+    if (fileExists) {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(content);
+    }
+    m_server->setHandler([](const ScriptedRequest &) { return ScriptedResponse(); });
+
+    CloudChunkUploader uploader;
+    auto item = chunk(m_server->baseUrl() + "/p?partNumber=2", QByteArray());
+    item->filePath = path;
+    item->offset = offset;
+    item->length = length;
+    QVERIFY(uploader.setItem(item));
+    QSignalSpy finished(&uploader, &CloudChunkUploader::finished);
+    QSignalSpy error(&uploader, &CloudChunkUploader::errorOccurred);
+    QVERIFY(uploader.start());
+    QTRY_COMPARE_WITH_TIMEOUT(finished.count() + error.count(), 1, 5000);
+    if (!fileExists) {
+        QCOMPARE(int(error.first().first().value<ZTErrorCode>()), 20480 + int(QNetworkReply::UnknownContentError));
+        QCOMPARE(m_server->requestCount(), 0);
+        QCOMPARE(UploadGlobal::instance()->networkManager()->runningCount(), 0);
+        return;
+    }
+    const QByteArray expected = content.mid(offset, length);
+    QCOMPARE(m_server->requests().first().body, expected);
+    QCOMPARE(m_server->requests().first().header("fileMD5"),
+             QCryptographicHash::hash(expected, QCryptographicHash::Md5).toBase64());
 }
 
 QTEST_MAIN(tst_CloudChunkUploader)
