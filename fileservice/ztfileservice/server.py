@@ -195,6 +195,7 @@ class FileService:
             # A body cut short is kept as far as it came, so that the client
             # resumes after it; the service reports what it holds in /upload/info.
             self.write_part(session, number, offset, temp, received)
+            log.info("part %d of %s: %d bytes at %d", number, session.upload_id, received, offset)
         finally:
             os.unlink(temp)
         if received < length:
