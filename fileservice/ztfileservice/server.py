@@ -245,7 +245,8 @@ class FileService:
                 body = await self.read_json(request)
             except Refused:
                 raise web.HTTPBadRequest(text="body is not a JSON object")
-            name = body.get("fileName")
+            # A client that names the file in the address sends an empty body name.
+            name = body.get("fileName") or request.query.get("fileName")
         else:
             name = request.query.get("fileName")
         if not is_plain_name(name):

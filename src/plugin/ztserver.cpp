@@ -2,7 +2,9 @@
 
 #include "globalmanager.h"
 #include "logging.h"
+#include "commands/startdownload.h"
 #include "commands/startupload.h"
+#include "download/downloadtask.h"
 #include "upload/uploadglobal.h"
 
 #include <zephyrtide/manager.h>
@@ -18,6 +20,10 @@ constexpr int SetAddressDelayMs = 50;
 ZTServer::ZTServer(QObject *parent)
     : QObject(parent)
 {
+    // Suffixed, so that like-named types of other plugins of the host don't collide.
+    qRegisterMetaType<DownloadTask>("DownloadTask_ZTServer");
+    qRegisterMetaType<QList<DownloadTask>>("QList<DownloadTask>_ZTServer");
+    m_startDownload = new StartDownload(this);
     m_startUpload = new StartUpload(this);
     GlobalManager::instance();
 }
@@ -66,8 +72,12 @@ void ZTServer::zt_apply_startDownload(Zephyrtide::Reply *reply, QVariantMap para
     }
     params.insert(QStringLiteral("files"), files);
 
-    qCCritical(ztLog) << "download is not available";
-    GlobalManager::instance()->fail(reply, Zephyrtide::Error::NoManager);
+    if (!m_startDownload) {
+        qCCritical(ztLog) << "download is not available";
+        GlobalManager::instance()->fail(reply, Zephyrtide::Error::NoManager);
+        return;
+    }
+    m_startDownload->zt_apply_start(reply, params);
 }
 
 void ZTServer::zt_apply_fileList(Zephyrtide::Reply *reply, QVariantMap params)

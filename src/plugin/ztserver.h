@@ -4,6 +4,7 @@
 #include <QPointer>
 #include <QVariantMap>
 
+class StartDownload;
 class StartUpload;
 
 namespace Zephyrtide {
@@ -35,6 +36,6 @@ public Q_SLOTS:
 private:
     void requestFileService(Zephyrtide::Reply *reply, const QString &path, const QVariantMap &body);
 
-    QObject *m_startDownload = nullptr; // child
+    StartDownload *m_startDownload = nullptr; // child
     StartUpload *m_startUpload = nullptr; // child
 };

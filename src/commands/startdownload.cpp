@@ -1,0 +1,142 @@
+#include "startdownload.h"
+
+#include "download/downloader.h"
+#include "download/downloadglobal.h"
+#include "download/downloadtask.h"
+#include "plugin/globalmanager.h"
+#include "plugin/logging.h"
+
+#include <zephyrtide/manager.h>
+#include <zephyrtide/reply.h>
+
+namespace {
+constexpr int HostTimeoutCode = Zephyrtide::Error::Timeout;
+}
+
+StartDownload::StartDownload(QObject *parent)
+    : QObject(parent)
+    , m_global(GlobalManager::instance())
+{
+    qRegisterMetaType<Zephyrtide::Manager::NetLimit>("NetLimit");
+}
+
+StartDownload::~StartDownload() = default;
+
+void StartDownload::zt_apply(Zephyrtide::Reply *reply, QVariantMap params)
+{
+    zt_apply_start(reply, params);
+}
+
+void StartDownload::zt_set_manager(Zephyrtide::Manager *manager)
+{
+    m_global->setManager(manager);
+}
+
+void StartDownload::applyConfiguration()
+{
+    qCDebug(ztLog) << " set config data";
+    if (m_configured)
+        return;
+    const QVariantMap config = m_global->configData().value(QStringLiteral("startDownload")).toMap();
+    const qint64 chunkSize = config.value(QStringLiteral("chunkSize")).toLongLong();
+    const QString path = config.value(QStringLiteral("temporaryStoragePath")).toString();
+    qCDebug(ztLog) << " set config data _______" << config << chunkSize << path;
+    if (chunkSize > 0)
+        DownloadGlobal::instance()->setChunkSize(chunkSize);
+    if (!path.isEmpty())
+        DownloadGlobal::instance()->setTemporaryStoragePath(path);
+    qCDebug(ztLog) << " set config success";
+    m_configured = true;
+}
+
+void StartDownload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
+{
+    qCDebug(ztLog) << "start" << params;
+    applyConfiguration();
+    const QVariantList files = params.value(QStringLiteral("files")).toList();
+    if (files.isEmpty()) {
+        m_global->fail(reply, Zephyrtide::Error::ParseError);
+        return;
+    }
+    auto *downloader = new Downloader(this); // deleted with this object, or on a host time-out
+    connect(reply, &Zephyrtide::Reply::finished, downloader, [reply, downloader](const QVariantMap &result) {
+        if (result.value(QStringLiteral("errorCode")).toInt() != HostTimeoutCode)
+            return;
+        qCWarning(ztLog) << "timeout" << reply->requestName() << "begin delete";
+        downloader->blockSignals(true);
+        downloader->disconnect(reply);
+        Q_EMIT downloader->stopAll();
+        downloader->deleteLater();
+    });
+    connect(downloader, &Downloader::keepAlive, reply, &Zephyrtide::Reply::keepAlive);
+
+    for (const QVariant &entry : files) {
+        const QVariantMap file = entry.toMap();
+        auto task = QSharedPointer<DownloadTask>::create();
+        const ZTErrorCode code = task->isValid(file.value(QStringLiteral("path")).toString(),
+                                               file.value(QStringLiteral("url")).toString(),
+                                               file.value(QStringLiteral("filename")).toString());
+        if (downloader->status() != Downloader::Running) {
+            qCCritical(ztLog) << "downloader is finished" << downloader->status();
+            return;
+        }
+        if (code != Zephyrtide::Error::NoError) {
+            m_global->fail(reply, code);
+            return;
+        }
+        if (!downloader->addTask(task)) {
+            qCCritical(ztLog) << "append setfile fail";
+            m_global->fail(reply, Zephyrtide::Error::ParseError);
+            return;
+        }
+        Q_EMIT reply->keepAlive();
+    }
+
+    connect(reply, &Zephyrtide::Reply::stop, downloader, &Downloader::stopAll);
+    connect(reply, &Zephyrtide::Reply::abort, downloader, &Downloader::abortAll);
+    connect(downloader, &Downloader::progress, reply, &Zephyrtide::Reply::downloadProgress);
+    connect(downloader, &Downloader::finished, reply,
+            [this, reply](ZTErrorCode status, const QList<DownloadTask *> &tasks) {
+                if (status != Zephyrtide::Error::NoError) {
+                    m_global->fail(reply, status);
+                    return;
+                }
+                QVariantList list;
+                for (const DownloadTask *task : tasks) {
+                    const QVariantMap map = task->toMap();
+                    // Once per further destination, or once when there is none.
+                    for (int i = 0; i < qMax(1, task->sameFileTargets.size()); ++i)
+                        list.append(map);
+                }
+                qCDebug(ztLog) << "finish  download" << list;
+                m_global->success(reply, list);
+            });
+    if (params.contains(QStringLiteral("netLimit")))
+        qCDebug(ztLog) << params.value(QStringLiteral("netLimit")).value<Zephyrtide::Manager::NetLimit>();
+
+    const ZTErrorCode code = downloader->start();
+    if (code == Zephyrtide::Error::NoError)
+        return;
+    QVariantList results;
+    for (const DownloadTask *task : downloader->finishedTasks())
+        results.append(task->toMap());
+    qCCritical(ztLog) << "start error" << code;
+    m_global->finish(reply, QStringLiteral("fail"), results, code);
+}
+
+void StartDownload::zt_apply_isExist(Zephyrtide::Reply *reply, QVariantMap params)
+{
+    qCInfo(ztLog) << "is exist start" << params;
+    const QString url = params.value(QStringLiteral("url")).toString();
+    if (url.isEmpty()) {
+        m_global->fail(reply, Zephyrtide::Error::MissingParameter);
+        return;
+    }
+    DownloadTask task;
+    applyConfiguration();
+    task.init(url);
+    m_global->success(reply, QVariantMap{{QStringLiteral("url"), url},
+                                         {QStringLiteral("bytesReceived"), qint64(task.downloadedSize)},
+                                         {QStringLiteral("bytesTotal"), qint64(task.fileSize)}});
+    qCInfo(ztLog) << "is exist success";
+}

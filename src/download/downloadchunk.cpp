@@ -1,0 +1,165 @@
+#include "downloadchunk.h"
+
+#include "plugin/logging.h"
+
+#include <QDir>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QSslConfiguration>
+#include <QUrl>
+
+namespace {
+constexpr qint64 ReadSize = 1024;
+constexpr int TransferTimeoutMs = 30000;
+}
+
+DownloadChunk::DownloadChunk(const QSharedPointer<QNetworkAccessManager> &manager, QObject *parent)
+    : QObject(parent)
+    , networkManager(manager)
+{
+}
+
+DownloadChunk::~DownloadChunk()
+{
+    if (file.isOpen())
+        file.close();
+}
+
+bool DownloadChunk::start(const QString &dir, const QString &path, const QString &address, qint64 first,
+                          qint64 last, const QString &tag)
+{
+    chunkDir = dir;
+    chunkPath = path;
+    url = address;
+    startOffset = first;
+    end = last;
+    etag = tag;
+    return start();
+}
+
+bool DownloadChunk::fail(ZTErrorCode code)
+{
+    Q_EMIT errorOccurred(code);
+    Q_EMIT finished();
+    return false;
+}
+
+bool DownloadChunk::start()
+{
+    if (chunkPath.isEmpty() || !QUrl(url).isValid() || startOffset < 0 || startOffset > end) {
+        qCCritical(ztLog) << "chunk start error" << url << chunkPath << startOffset << end;
+        return fail(Zephyrtide::Error::ParseError);
+    }
+    if (!QDir(chunkDir).exists() && !QDir().mkpath(chunkDir)) {
+        qCCritical(ztLog) << "creat chunk fail" << chunkDir;
+        return fail(Zephyrtide::Error::ChunkFolderError);
+    }
+    file.setFileName(chunkPath);
+    if (!file.open(QIODevice::Append)) {
+        qCCritical(ztLog) << "file open error" << chunkPath << fileName;
+        return fail(Zephyrtide::Error::FileError);
+    }
+
+    const qint64 existing = file.size();
+    if (existing != 0) {
+        pendingProgress = existing;
+        startOffset += existing;
+        qCDebug(ztLog) << "chunk already exist" << fileName << existing << pendingProgress << startOffset;
+    }
+    if (startOffset >= end) {
+        qCDebug(ztLog) << "already complete exist " << pendingProgress;
+        file.close();
+        Q_EMIT downloadProgress(pendingProgress, file.size());
+        Q_EMIT finished();
+        return true;
+    }
+    if (pendingProgress != 0) {
+        // The owner counts what is already on disk.
+        qCDebug(ztLog) << "exist size" << pendingProgress;
+        Q_EMIT downloadProgress(pendingProgress, file.size());
+        pendingProgress = 0;
+    }
+    sendRequest();
+    return true;
+}
+
+void DownloadChunk::sendRequest()
+{
+    QNetworkRequest request{QUrl(url)};
+    request.setRawHeader("Range", QStringLiteral("bytes=%1-%2").arg(startOffset).arg(end).toLatin1());
+    request.setSslConfiguration(QSslConfiguration::defaultConfiguration());
+    request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
+    request.setTransferTimeout(TransferTimeoutMs);
+    const QByteArray body = QJsonDocument(QJsonObject{{QStringLiteral("fileName"), fileName}}).toJson();
+
+    reply = QSharedPointer<QNetworkReply>(networkManager->post(request, body), &QObject::deleteLater);
+    if (pendingProgress != 0) {
+        Q_EMIT downloadProgress(pendingProgress, file.size());
+        pendingProgress = 0;
+    }
+    connect(reply.data(), &QNetworkReply::readyRead, this, &DownloadChunk::writeAvailable);
+    connect(reply.data(), &QNetworkReply::finished, this, &DownloadChunk::checkCompletion);
+    connect(reply.data(), &QNetworkReply::downloadProgress, this, &DownloadChunk::relayProgress);
+}
+
+void DownloadChunk::writeAvailable()
+{
+    char buffer[ReadSize];
+    while (reply && !reply->atEnd()) {
+        memset(buffer, 0, sizeof buffer);
+        const qint64 count = reply->read(buffer, sizeof buffer);
+        if (count <= 0)
+            break;
+        file.write(buffer, count);
+        // Flushed at once, so the file always holds what arrived and a resume is exact.
+        file.flush();
+    }
+}
+
+void DownloadChunk::relayProgress(qint64 received, qint64 total)
+{
+    Q_EMIT downloadProgress(received - pendingProgress, total);
+    pendingProgress = received;
+}
+
+void DownloadChunk::checkCompletion()
+{
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (status != 200 && status != 206) {
+        qCCritical(ztLog) << "errorrrrrrrrrrrrrrrr" << url << fileName << "http error" << reply->error()
+                          << "http status" << status;
+        qCCritical(ztLog) << "header" << reply->rawHeaderPairs();
+        Q_EMIT errorOccurred(Zephyrtide::Error::GeneralFailure);
+        return;
+    }
+    qCDebug(ztLog) << "chunk finish" << etag << fileName;
+    writeAvailable();
+    reply.reset();
+    file.flush();
+    file.close();
+    Q_EMIT finished();
+}
+
+void DownloadChunk::onAborted()
+{
+    qCDebug(ztLog) << "abort chunk" << chunkPath;
+    cancel();
+}
+
+void DownloadChunk::onStoped()
+{
+    cancel();
+}
+
+void DownloadChunk::cancel()
+{
+    if (reply && reply->isRunning()) {
+        reply->disconnect(this);
+        reply->abort();
+        reply.reset();
+    }
+    if (file.isOpen())
+        file.close();
+}

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "plugin/zterrorcode.h"
+
+#include <QFile>
+#include <QObject>
+#include <QSharedPointer>
+
+class QNetworkAccessManager;
+class QNetworkReply;
+
+// Fetches one byte range of a remote file into a file of its own in the task's
+// folder, appending to what that file already holds: a chunk file that covers
+// its range finishes without a request, a partial one asks only for the rest.
+// downloadProgress() carries increments, not running totals.
+//
+// Call order: construct, fill the fields, connect, start(). Validation and file
+// failures emit errorOccurred() then finished(); an HTTP failure only
+// errorOccurred(20630).
+class DownloadChunk : public QObject
+{
+    Q_OBJECT
+public:
+    DownloadChunk(const QSharedPointer<QNetworkAccessManager> &networkManager, QObject *parent = nullptr);
+    ~DownloadChunk() override;
+
+    bool start();
+    bool start(const QString &chunkDir, const QString &chunkPath, const QString &url, qint64 start,
+               qint64 end, const QString &etag);
+
+    QSharedPointer<QNetworkAccessManager> networkManager;
+    QSharedPointer<QNetworkReply> reply;
+    QFile file;
+    qint64 pendingProgress = 0;
+    QString chunkPath;
+    QString etag;
+    QString url;
+    qint64 startOffset = 0; // "start": first byte still to ask for
+    qint64 end = 0;
+    QString chunkDir;
+    QString fileName;
+
+Q_SIGNALS:
+    void downloadProgress(qlonglong bytesReceived, qlonglong bytesTotal);
+    void finished();
+    void errorOccurred(ZTErrorCode code);
+    void abort();
+
+public Q_SLOTS:
+    void onAborted();
+    void onStoped();
+
+private:
+    bool fail(ZTErrorCode code);
+    void sendRequest();
+    void writeAvailable();
+    void relayProgress(qint64 received, qint64 total);
+    void checkCompletion();
+    void cancel();
+};

@@ -1,0 +1,251 @@
+#include "downloader.h"
+
+#include "downloadglobal.h"
+#include "downloadsinglefile.h"
+#include "downloadtask.h"
+#include "plugin/logging.h"
+
+#include <QStorageInfo>
+
+Downloader::Downloader(QObject *parent)
+    : QObject(parent)
+{
+    connect(this, &Downloader::stopAll, this, &Downloader::onStopAll);
+    connect(this, &Downloader::abortAll, this, &Downloader::onAbortAll);
+    connect(this, &Downloader::stop, this, &Downloader::onStopTask);
+    connect(this, &Downloader::abort, this, &Downloader::onAbortTask);
+}
+
+Downloader::~Downloader() = default;
+
+Downloader *Downloader::instance()
+{
+    static Downloader *downloader = new Downloader; // lives for the process
+    return downloader;
+}
+
+bool Downloader::addTask(const QSharedPointer<DownloadTask> &task)
+{
+    if (!task || !task->checkTask())
+        return false;
+    m_tasks.append(task);
+    m_totalSize += task->fileSize;
+    return true;
+}
+
+ZTErrorCode Downloader::start()
+{
+    if (m_state != Running) {
+        qCCritical(ztLog) << "downloader is finished" << m_state;
+        return Zephyrtide::Error::NoError;
+    }
+    if (m_tasks.isEmpty()) {
+        qCCritical(ztLog) << "task is empty";
+        return Zephyrtide::Error::ParseError;
+    }
+    if (!hasSpace()) {
+        qCCritical(ztLog) << "current path space is enough" << m_totalSize;
+        return Zephyrtide::Error::NotEnoughDiskSpace;
+    }
+    group();
+    qCCritical(ztLog) << "start start down";
+
+    for (auto it = m_tasksByEtag.cbegin(); it != m_tasksByEtag.cend(); ++it) {
+        Q_EMIT keepAlive();
+        const QSharedPointer<DownloadTask> &task = it.value();
+        if (!task->checkTask()) {
+            task->status = Zephyrtide::Error::ParseError;
+            if (m_failure == Zephyrtide::Error::NoError)
+                m_failure = Zephyrtide::Error::ParseError;
+            continue;
+        }
+        // Released with deleteLater: a file may be dropped while it emits.
+        QSharedPointer<DownloadSingleFile> file(new DownloadSingleFile(task), &QObject::deleteLater);
+        connect(file.data(), &DownloadSingleFile::finished, this, &Downloader::onFinished);
+        connect(file.data(), &DownloadSingleFile::downloadProgress, this, &Downloader::onDownloadProgress);
+        connect(file.data(), &DownloadSingleFile::errorOccurred, this, &Downloader::onErrorOccurred);
+        m_runningFiles.append(file);
+        if (!file->start()) {
+            qCCritical(ztLog) << "start fail" << task->fileName << task->url;
+            return Zephyrtide::Error::GeneralFailure;
+        }
+    }
+    qCInfo(ztLog) << "start finished";
+    if (m_runningFiles.isEmpty())
+        finishIfDone(); // every task failed its check
+    return Zephyrtide::Error::NoError;
+}
+
+bool Downloader::hasSpace() const
+{
+    // Only the first task's volume is asked, and the whole total is needed on
+    // each of the two volumes, even when they are one.
+    const QString destination = m_tasks.first()->m_path;
+    const QString temporary = DownloadGlobal::instance()->temporaryStoragePath();
+    const qint64 freeA = QStorageInfo(destination).bytesFree();
+    const qint64 freeB = QStorageInfo(temporary).bytesFree();
+    qCDebug(ztLog) << "path freesize" << freeA << "tem freesize" << freeB << "task total size" << m_totalSize;
+    if (m_totalSize <= freeA && m_totalSize <= freeB)
+        return true;
+    qCCritical(ztLog) << "size error" << freeA << destination << "or tem store size error " << freeB
+                      << temporary << "total" << m_totalSize;
+    return false;
+}
+
+void Downloader::group()
+{
+    for (const QSharedPointer<DownloadTask> &task : qAsConst(m_tasks)) {
+        const auto kept = m_tasksByEtag.constFind(task->etag);
+        if (kept != m_tasksByEtag.cend())
+            kept.value()->appendSameFile(*task);
+        else
+            m_tasksByEtag.insert(task->etag, task);
+    }
+    m_tasks.clear();
+}
+
+void Downloader::onDownloadProgress(qlonglong bytesReceived, qlonglong bytesTotal)
+{
+    qint64 sum = 0;
+    for (const auto &file : qAsConst(m_runningFiles))
+        sum += file->received;
+    for (const DownloadTask *task : qAsConst(m_finishedTasks))
+        sum += task->fileSize;
+    if (sum > m_progressValue)
+        m_progressValue = sum;
+    qCDebug(ztLog) << "Downloader progress " << m_progressValue << m_totalSize;
+    Q_EMIT progress(m_progressValue, m_totalSize);
+    if (auto *file = qobject_cast<DownloadSingleFile *>(sender()))
+        Q_EMIT downloadProgress(file->task.data(), qMin(bytesReceived, bytesTotal), bytesTotal);
+}
+
+void Downloader::onFinished()
+{
+    if (m_state == Stopped || m_state == Aborted) {
+        qCCritical(ztLog) << "status stopped ";
+        return;
+    }
+    auto *file = qobject_cast<DownloadSingleFile *>(sender());
+    if (!file)
+        return;
+    qCInfo(ztLog) << "finish task" << file->task->etag << file->task->fileName;
+    for (int i = 0; i < m_runningFiles.size(); ++i) {
+        if (m_runningFiles.at(i).data() == file) {
+            qCDebug(ztLog) << "remove task" << file->task->fileName;
+            m_finishedTasks.append(file->task.data());
+            m_runningFiles.removeAt(i);
+            break;
+        }
+    }
+    finishIfDone();
+}
+
+void Downloader::onErrorOccurred()
+{
+    auto *file = qobject_cast<DownloadSingleFile *>(sender());
+    if (!file)
+        return;
+    DownloadTask *task = file->task.data();
+    qCCritical(ztLog) << "file error" << task->fileName << task->status;
+    if (m_failure == Zephyrtide::Error::NoError)
+        m_failure = task->status;
+    for (int i = 0; i < m_runningFiles.size(); ++i) {
+        if (m_runningFiles.at(i).data() == file) {
+            m_runningFiles.removeAt(i);
+            break;
+        }
+    }
+    Q_EMIT errorOccurred(task);
+    Q_EMIT errorOccurred();
+    if (m_state == Running)
+        finishIfDone();
+}
+
+void Downloader::finishIfDone()
+{
+    if (!m_runningFiles.isEmpty()) {
+        qCDebug(ztLog) << "not finished number" << m_runningFiles.size()
+                       << m_runningFiles.first()->task->fileName;
+        return;
+    }
+    if (m_failure != Zephyrtide::Error::NoError) {
+        // The other files have ended; the batch fails with the first failure.
+        Q_EMIT finished(m_failure, m_finishedTasks);
+        return;
+    }
+    qCDebug(ztLog) << "finished downloader";
+    onDownloadProgress(m_totalSize, m_totalSize);
+    Q_EMIT finished(Zephyrtide::Error::NoError, m_finishedTasks);
+}
+
+bool Downloader::refuseRepeat()
+{
+    if (m_state == Stopped || m_state == Aborted) {
+        qCWarning(ztLog) << "repeated try";
+        return true;
+    }
+    qCDebug(ztLog) << "is stopppp";
+    return false;
+}
+
+void Downloader::onStopAll()
+{
+    if (refuseRepeat())
+        return;
+    m_state = Stopped;
+    for (const auto &file : qAsConst(m_runningFiles))
+        file->onStopped();
+    Q_EMIT finished(Zephyrtide::Error::Stopped, {});
+}
+
+void Downloader::onAbortAll()
+{
+    if (refuseRepeat())
+        return;
+    m_state = Aborted;
+    // Cancels the requests only: the chunk files stay, as after a stop.
+    for (const auto &file : qAsConst(m_runningFiles))
+        Q_EMIT file->abort();
+    Q_EMIT finished(Zephyrtide::Error::Stopped, {});
+}
+
+void Downloader::onStopTask(DownloadTask *task)
+{
+    if (refuseRepeat())
+        return;
+    m_state = Stopped;
+    if (DownloadSingleFile *file = fileOf(task))
+        file->onStopped();
+    Q_EMIT finished(Zephyrtide::Error::Stopped, {});
+}
+
+void Downloader::onAbortTask(DownloadTask *task)
+{
+    if (refuseRepeat())
+        return;
+    m_state = Aborted;
+    if (DownloadSingleFile *file = fileOf(task))
+        file->onAborted();
+    Q_EMIT finished(Zephyrtide::Error::Aborted, {});
+}
+
+DownloadSingleFile *Downloader::fileOf(DownloadTask *task) const
+{
+    for (const auto &file : m_runningFiles) {
+        if (file->task.data() == task)
+            return file.data();
+    }
+    return nullptr;
+}
+
+void Downloader::clear()
+{
+    m_tasks.clear();
+    m_tasksByEtag.clear();
+    m_finishedTasks.clear();
+    m_runningFiles.clear();
+    m_progressValue = 0;
+    m_state = Running;
+    m_totalSize = 0;
+    m_failure = Zephyrtide::Error::NoError;
+}

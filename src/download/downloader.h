@@ -1,0 +1,76 @@
+#pragma once
+
+#include "plugin/zterrorcode.h"
+
+#include <QList>
+#include <QMap>
+#include <QObject>
+#include <QSharedPointer>
+
+class DownloadSingleFile;
+class DownloadTask;
+
+// Runs one batch of tasks: checks that the disks can hold it, folds tasks for
+// the same content (same entity tag) into one transfer that is copied to every
+// destination, runs one DownloadSingleFile per content, all at once, and sums
+// their progress into one figure that never goes back. The batch ends with one
+// finished(code, tasks): 0 and the finished tasks, the stop or abort code, or
+// the code of the first file that failed once every other file has ended.
+//
+// Call order: addTask() for each task, connect, start(). Cancel by emitting
+// stopAll(), abortAll(), stop(task) or abort(task) on it.
+class Downloader : public QObject
+{
+    Q_OBJECT
+public:
+    enum State { Running = 0, Stopped = 1, Aborted = 2 };
+
+    explicit Downloader(QObject *parent = nullptr);
+    ~Downloader() override;
+
+    static Downloader *instance();
+
+    bool addTask(const QSharedPointer<DownloadTask> &task);
+    int status() const { return m_state; }
+    QList<DownloadTask *> finishedTasks() const { return m_finishedTasks; }
+    qint64 totalSize() const { return m_totalSize; }
+
+Q_SIGNALS:
+    void abortAll();
+    void stopAll();
+    void abort(DownloadTask *task);
+    void stop(DownloadTask *task);
+    void downloadProgress(DownloadTask *task, qlonglong bytesReceived, qlonglong bytesTotal);
+    void progress(qlonglong bytesReceived, qlonglong bytesTotal);
+    void finished(ZTErrorCode status, QList<DownloadTask *> task);
+    void errorOccurred(DownloadTask *task);
+    void errorOccurred();
+    void keepAlive();
+
+public Q_SLOTS:
+    void onDownloadProgress(qlonglong bytesReceived, qlonglong bytesTotal);
+    void onFinished();
+    ZTErrorCode start();
+    void onErrorOccurred();
+    void clear();
+
+private:
+    bool hasSpace() const;
+    void group();
+    bool refuseRepeat();
+    void onStopAll();
+    void onAbortAll();
+    void onStopTask(DownloadTask *task);
+    void onAbortTask(DownloadTask *task);
+    DownloadSingleFile *fileOf(DownloadTask *task) const;
+    void finishIfDone();
+
+    QList<QSharedPointer<DownloadTask>> m_tasks;
+    QMap<QString, QSharedPointer<DownloadTask>> m_tasksByEtag;
+    QList<DownloadTask *> m_finishedTasks;
+    QList<QSharedPointer<DownloadSingleFile>> m_runningFiles;
+    qint64 m_progressValue = 0;
+    int m_state = Running;
+    qint64 m_totalSize = 0;
+    ZTErrorCode m_failure = Zephyrtide::Error::NoError;
+};

@@ -1,0 +1,54 @@
+#include "downloadglobal.h"
+
+#include "network/networkmanager.h"
+#include "plugin/logging.h"
+
+#include <QDir>
+#include <QMutex>
+#include <QStandardPaths>
+
+#include <atomic>
+
+namespace {
+std::atomic<DownloadGlobal *> s_instance{nullptr};
+QMutex s_mutex;
+}
+
+DownloadGlobal::DownloadGlobal()
+    : m_networkManager(new NetworkManager)
+{
+    // Through the setter, so the default folder exists from the start.
+    setTemporaryStoragePath(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation)
+                            + QLatin1String("/Zephyrtide"));
+}
+
+DownloadGlobal *DownloadGlobal::instance()
+{
+    DownloadGlobal *settings = s_instance.load();
+    if (!settings) {
+        QMutexLocker locker(&s_mutex);
+        settings = s_instance.load();
+        if (!settings) {
+            settings = new DownloadGlobal; // lives for the process
+            s_instance.store(settings);
+        }
+    }
+    return settings;
+}
+
+void DownloadGlobal::setTemporaryStoragePath(const QString &path)
+{
+    if (path == m_temporaryStoragePath)
+        return;
+    qCDebug(ztLog) << "temporaryStoragePath update" << path;
+    m_temporaryStoragePath = path;
+    if (!QDir().mkpath(path))
+        qCCritical(ztLog) << "m_path create fail" << path;
+}
+
+void DownloadGlobal::setChunkSize(qint64 megabytes)
+{
+    if (megabytes == m_chunkSize)
+        return;
+    m_chunkSize = megabytes << 20;
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <QSharedPointer>
+#include <QString>
+
+class NetworkManager;
+
+// The download engine's settings, one per process: where task folders live,
+// how large a chunk is, and the engine's request queue. Created on first use,
+// never destroyed. The command object sets the path and the chunk size from
+// the host's configuration.
+class DownloadGlobal
+{
+public:
+    static DownloadGlobal *instance();
+
+    QString temporaryStoragePath() const { return m_temporaryStoragePath; }
+    // Creates the folder; keeps the value even when that fails.
+    void setTemporaryStoragePath(const QString &path);
+
+    qint64 chunkSize() const { return m_chunkSize; }
+    // Takes megabytes. An argument equal to the stored byte count is ignored:
+    // the byte count is compared with the megabytes on purpose, as it always was.
+    void setChunkSize(qint64 megabytes);
+
+    QSharedPointer<NetworkManager> networkManager() const { return m_networkManager; }
+
+private:
+    DownloadGlobal();
+
+    QString m_temporaryStoragePath;
+    qint64 m_chunkSize = 52428800;
+    QSharedPointer<NetworkManager> m_networkManager;
+};

@@ -1,0 +1,230 @@
+#include "downloadsinglefile.h"
+
+#include "downloadchunk.h"
+#include "downloadglobal.h"
+#include "downloadtask.h"
+#include "plugin/logging.h"
+
+#include <QDir>
+#include <QFile>
+#include <QNetworkAccessManager>
+
+namespace {
+constexpr qint64 CopySize = 1024;
+}
+
+DownloadSingleFile::DownloadSingleFile(const QSharedPointer<DownloadTask> &downloadTask, QObject *parent)
+    : QObject(parent)
+    , task(downloadTask)
+    , chunkSize(DownloadGlobal::instance()->chunkSize())
+    , temporaryStoragePath(DownloadGlobal::instance()->temporaryStoragePath())
+{
+}
+
+DownloadSingleFile::~DownloadSingleFile() = default;
+
+bool DownloadSingleFile::start()
+{
+    if (!task->checkTask()) {
+        qCCritical(ztLog) << " task not valid err" << task->m_path << task->url;
+        task->status = Zephyrtide::Error::ParseError;
+        Q_EMIT errorOccurred();
+        return false;
+    }
+    networkManager = QSharedPointer<QNetworkAccessManager>::create();
+    if (task->fileSize != 0) {
+        plan();
+        return true;
+    }
+    return createEmptyFile();
+}
+
+bool DownloadSingleFile::createEmptyFile()
+{
+    QDir().mkpath(task->m_path);
+    QFile file(task->filePath);
+    if (!file.open(QIODevice::WriteOnly)) {
+        qCCritical(ztLog) << "merge chunk fail" << task->filePath;
+        return false;
+    }
+    file.close();
+    qCDebug(ztLog) << "file size 0" << task->fileName;
+    Q_EMIT finished();
+    return true;
+}
+
+void DownloadSingleFile::plan()
+{
+    chunkCount = int(task->fileSize / chunkSize) + (task->fileSize % chunkSize > 0 ? 1 : 0);
+    tempDir = task->tempDir;
+    const QString requested = task->requestedName.isEmpty() ? task->fileName : task->requestedName;
+    for (int i = 1; i <= chunkCount; ++i) {
+        // Released with deleteLater: a chunk may be dropped while it emits.
+        QSharedPointer<DownloadChunk> chunk(new DownloadChunk(networkManager, this), &QObject::deleteLater);
+        chunk->chunkPath = tempDir + QLatin1Char('/') + QString::number(i);
+        chunk->etag = task->etag;
+        chunk->url = task->url;
+        chunk->startOffset = qint64(i - 1) * chunkSize;
+        chunk->end = qMin(qint64(i) * chunkSize, task->fileSize);
+        chunk->chunkDir = tempDir;
+        chunk->fileName = requested;
+        connect(this, &DownloadSingleFile::abort, chunk.data(), &DownloadChunk::onAborted);
+        connect(this, &DownloadSingleFile::stop, chunk.data(), &DownloadChunk::onStoped);
+        connect(chunk.data(), &DownloadChunk::finished, this, &DownloadSingleFile::onFinished);
+        connect(chunk.data(), &DownloadChunk::downloadProgress, this, &DownloadSingleFile::onDownloadProgress);
+        connect(chunk.data(), &DownloadChunk::errorOccurred, this, &DownloadSingleFile::onErrorOccurred);
+        pendingChunks.insert(i, chunk);
+    }
+    // "At most the limit" counted over started chunks: four start at first.
+    while (!pendingChunks.isEmpty() && startedChunks.size() <= maxRunningChunks) {
+        const int number = pendingChunks.firstKey();
+        QSharedPointer<DownloadChunk> chunk = pendingChunks.take(number);
+        startedChunks.insert(number, chunk);
+        qCDebug(ztLog) << "requestiiiii " << pendingChunks.size() << number;
+        chunk->start();
+    }
+}
+
+void DownloadSingleFile::onFinished()
+{
+    qCDebug(ztLog) << "single file finish";
+    ++finishedCount;
+    if (!pendingChunks.isEmpty()) {
+        const int number = pendingChunks.firstKey();
+        QSharedPointer<DownloadChunk> chunk = pendingChunks.take(number);
+        qCDebug(ztLog) << "chunk append chunk" << pendingChunks.size() << number;
+        startedChunks.insert(number, chunk);
+        if (chunk->start())
+            qCDebug(ztLog) << "chunk inesrt chunk" << pendingChunks.size();
+        else
+            qCCritical(ztLog) << "start failllllll";
+        return;
+    }
+    if (finishedCount != chunkCount)
+        return;
+    if (task->status == Zephyrtide::Error::NoError) {
+        if (!merge()) {
+            task->status = Zephyrtide::Error::MergeError;
+            Q_EMIT errorOccurred();
+            return;
+        }
+        clear();
+    }
+    qCInfo(ztLog) << "finished file " << task->etag;
+    Q_EMIT finished();
+}
+
+void DownloadSingleFile::onDownloadProgress(qlonglong delta, qlonglong)
+{
+    received += delta;
+    // Scaled twice on purpose: the download phase reports at most about 90 %,
+    // the merge and the final report fill the rest.
+    const qint64 cap = (task->fileSize / 100) * 95;
+    if (received > cap)
+        received = cap;
+    Q_EMIT downloadProgress((received / 100) * 95, task->fileSize);
+}
+
+bool DownloadSingleFile::merge()
+{
+    qCDebug(ztLog) << "merge chunk" << task->m_path;
+    QDir().mkpath(task->m_path);
+    QFile destination(task->filePath);
+    if (!destination.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        qCCritical(ztLog) << "merge chunk fail" << task->filePath;
+        return false;
+    }
+    const qint64 step = task->fileSize / 100;
+    int merged = 0;
+    for (auto it = startedChunks.cbegin(); it != startedChunks.cend(); ++it) {
+        const QString path = it.value()->chunkPath;
+        qCDebug(ztLog) << "chunk" << path;
+        ++merged;
+        Q_EMIT downloadProgress((merged / 5) * step + received, task->fileSize);
+        const bool last = std::next(it) == startedChunks.cend();
+        if (!appendChunk(destination, path, !last))
+            return false;
+    }
+    destination.close();
+    if (!copyToSameFileTargets(task->filePath)) {
+        qCCritical(ztLog) << "merge copy fail" << task->filePath;
+        return false;
+    }
+    Q_EMIT downloadProgress(task->fileSize, task->fileSize);
+    qCDebug(ztLog) << "merge chunk finished" << QFileInfo(task->filePath).size();
+    return true;
+}
+
+bool DownloadSingleFile::appendChunk(QFile &destination, const QString &chunkPath, bool dropLastByte)
+{
+    QFile chunk(chunkPath);
+    if (!chunk.open(QIODevice::ReadOnly)) {
+        qCCritical(ztLog) << "merge chunk fail" << chunkPath;
+        return false;
+    }
+    qCDebug(ztLog) << "chunk size" << chunk.size();
+    char buffer[CopySize];
+    while (!chunk.atEnd()) {
+        memset(buffer, 0, sizeof buffer);
+        const qint64 count = chunk.read(buffer, sizeof buffer);
+        if (count <= 0)
+            break;
+        // The overlap byte: every chunk but the last holds the next one's first byte.
+        const qint64 keep = dropLastByte && chunk.atEnd() ? count - 1 : count;
+        destination.write(buffer, keep);
+    }
+    chunk.close();
+    return true;
+}
+
+bool DownloadSingleFile::copyToSameFileTargets(const QString &source)
+{
+    const QString sourcePath = QFileInfo(source).absoluteFilePath();
+    for (const QFileInfo &target : qAsConst(task->sameFileTargets)) {
+        const QString path = target.absoluteFilePath();
+        if (path == sourcePath)
+            continue;
+        qCDebug(ztLog) << "copppppppppppy" << source << path;
+        if (!QDir().mkpath(target.absolutePath())) {
+            qCCritical(ztLog) << "copy fail " << source << path;
+            return false;
+        }
+        QFile::remove(path);
+        if (!QFile::copy(source, path)) {
+            qCCritical(ztLog) << "copy fail " << source << path;
+            return false;
+        }
+    }
+    return true;
+}
+
+void DownloadSingleFile::clear()
+{
+    if (!tempDir.isEmpty() && !QDir(tempDir).removeRecursively())
+        qCCritical(ztLog) << "remove fail" << tempDir;
+    startedChunks.clear();
+    chunkCount = 0;
+}
+
+void DownloadSingleFile::onAborted()
+{
+    qCInfo(ztLog) << "abort success" << task->etag;
+    task->status = Zephyrtide::Error::Aborted;
+    Q_EMIT abort();
+    clear(); // an aborted download starts from nothing next time
+}
+
+void DownloadSingleFile::onStopped()
+{
+    qCDebug(ztLog) << "stop success" << task->etag;
+    task->status = Zephyrtide::Error::Stopped;
+    Q_EMIT stop();
+}
+
+void DownloadSingleFile::onErrorOccurred(ZTErrorCode code)
+{
+    task->status = code;
+    Q_EMIT stop();
+    startedChunks.clear();
+    Q_EMIT errorOccurred();
+}

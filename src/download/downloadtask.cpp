@@ -1,0 +1,221 @@
+#include "downloadtask.h"
+
+#include "downloadglobal.h"
+#include "plugin/globalmanager.h"
+#include "plugin/logging.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QEventLoop>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QUrl>
+
+namespace {
+constexpr int TransferTimeoutMs = 30000;
+}
+
+DownloadTask::DownloadTask() = default;
+
+DownloadTask::DownloadTask(const DownloadTask &other)
+    : QObject()
+    , rangeSupported(other.rangeSupported)
+    , fileName(other.fileName)
+    , m_path(other.m_path)
+    , filePath(other.filePath)
+    , url(other.url)
+    , status(other.status)
+    , fileSize(other.fileSize)
+    , etag(other.etag)
+    , downloadedSize(other.downloadedSize)
+    , tempDir(other.tempDir)
+    , requestedName(other.requestedName)
+{
+}
+
+DownloadTask::~DownloadTask()
+{
+    qCDebug(ztLog) << "task delelte";
+}
+
+bool DownloadTask::checkTask() const
+{
+    if (QDir(m_path).exists() && QUrl(url).isValid())
+        return true;
+    qCCritical(ztLog) << "path not exist or url not valid" << url << m_path;
+    return false;
+}
+
+ZTErrorCode DownloadTask::isValid(const QString &path, const QString &address, const QString &name)
+{
+    m_path = QFileInfo(path).absolutePath();
+    url = address;
+    if (!name.isEmpty()) {
+        fileName = name;
+        requestedName = name;
+        filePath = path;
+    }
+    qCDebug(ztLog) << "isValid isValid" << m_path << filePath;
+    if (!QDir().mkpath(m_path)) {
+        qCCritical(ztLog) << "m_path create fail" << m_path;
+        return Zephyrtide::Error::FileError;
+    }
+    if (!checkTask()) {
+        qCCritical(ztLog) << "task not valid" << url;
+        return Zephyrtide::Error::ParseError;
+    }
+    if (!parseTask()) {
+        qCCritical(ztLog) << "parsing task fail" << url;
+        return Zephyrtide::Error::ParseError;
+    }
+    return Zephyrtide::Error::NoError;
+}
+
+bool DownloadTask::init(const QString &address)
+{
+    if (address.isEmpty() && url.isEmpty()) {
+        qCCritical(ztLog) << "url is empty";
+        return false;
+    }
+    url = address;
+    if (etag.isEmpty() && !parseTask()) {
+        qCCritical(ztLog) << "init fail";
+        return false;
+    }
+    qint64 sum = 0;
+    const QFileInfoList entries = QDir(tempDir).entryInfoList(QDir::AllEntries | QDir::System | QDir::Hidden);
+    for (const QFileInfo &entry : entries)
+        sum += entry.size();
+    downloadedSize = sum;
+    qCDebug(ztLog) << "init " << sum;
+    return downloadedSize > 0;
+}
+
+bool DownloadTask::parseTask()
+{
+    qCDebug(ztLog) << "parsing task";
+    QNetworkAccessManager access; // this probe's alone
+    QNetworkRequest request{QUrl(url)};
+    request.setRawHeader("Range", "bytes=0-1");
+    request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
+    request.setTransferTimeout(TransferTimeoutMs); // a silent server must not hold the caller
+    const QString name = requestedName.isEmpty() ? fileName : requestedName;
+    const QByteArray body = QJsonDocument(QJsonObject{{QStringLiteral("fileName"), name}}).toJson();
+
+    QNetworkReply *reply = access.post(request, body);
+    QEventLoop loop;
+    connect(reply, &QNetworkReply::finished, &loop, [&] {
+        const int code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        qCDebug(ztLog) << "parsing " << code << fileName;
+        if (code != 403)
+            parseHeaders(reply);
+        loop.quit();
+    });
+    connect(reply, &QNetworkReply::errorOccurred, &loop, [](QNetworkReply::NetworkError error) {
+        // The loop is left by the finished() that follows.
+        qCCritical(ztLog) << "parsing error" << error;
+    });
+    loop.exec();
+    reply->disconnect(this);
+    reply->disconnect(&loop);
+    reply->abort();
+    reply->deleteLater();
+
+    if (!etag.isEmpty()) {
+        etag = QString::fromLatin1(
+            QCryptographicHash::hash((QString::number(fileSize) + etag).toUtf8(), QCryptographicHash::Md5)
+                .toHex());
+    } else {
+        etag = QUrl(url).path(QUrl::FullyDecoded).mid(1).replace(QLatin1Char('/'), QLatin1Char('%'));
+        qCDebug(ztLog) << "etag is empty" << etag;
+    }
+    if (fileSize >= 0 && !etag.isEmpty() && !fileName.isEmpty()) {
+        checkFileIsExist(filePath);
+        tempDir = DownloadGlobal::instance()->temporaryStoragePath() + QLatin1Char('/') + etag;
+        qCDebug(ztLog) << "parsing task success";
+        return true;
+    }
+    qCCritical(ztLog) << "parsing fail" << url << fileSize << fileName;
+    return false;
+}
+
+void DownloadTask::parseHeaders(QNetworkReply *reply)
+{
+    const auto headers = reply->rawHeaderPairs();
+    qCDebug(ztLog) << "parsing task headerlist " << reply->url() << !headers.isEmpty();
+    rangeSupported = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() == 206;
+    for (const auto &header : headers) {
+        const QByteArray &name = header.first;
+        const QByteArray &value = header.second;
+        if (name == "Content-Length" || name == "Content-Range") {
+            const QByteArray text = name == "Content-Length" ? value : value.mid(value.indexOf('/') + 1);
+            const qint64 size = text.trimmed().toLongLong(); // 0 when unparsable, as for "*"
+            // The larger total wins: the 2-byte answer's own length loses to its range's total.
+            if (size < 0 || size <= fileSize) {
+                qCCritical(ztLog) << "error size" << size;
+            } else {
+                fileSize = size;
+                qCInfo(ztLog) << "task size" << size;
+            }
+        } else if (name.compare("ETag", Qt::CaseInsensitive) == 0) {
+            etag = QString::fromUtf8(value).remove(QLatin1Char('"')).remove(QLatin1Char('/'));
+            qCDebug(ztLog) << "task etag " << etag;
+        } else if (name == "Content-Disposition" && fileName.isEmpty() && value.contains("filename")
+                   && filePath.isEmpty()) {
+            const QString decoded = QUrl::fromPercentEncoding(value);
+            // Everything after "filename" and one more character, kept as it stands.
+            fileName = decoded.mid(decoded.indexOf(QLatin1String("filename")) + 9);
+            filePath = m_path + QLatin1Char('/') + fileName;
+            qCDebug(ztLog) << "task etag " << etag;
+        }
+    }
+}
+
+QString DownloadTask::checkFileIsExist(const QString &path)
+{
+    if (path.isEmpty()) {
+        qCCritical(ztLog) << "filename is empty" << "class QString __cdecl DownloadTask::checkFileIsExist(class QString)";
+        return path;
+    }
+    if (!QFileInfo::exists(path))
+        return path;
+    const QFileInfo info(path);
+    QString name;
+    QString candidate;
+    for (int n = 1;; ++n) {
+        name = info.baseName() + QStringLiteral("(%1).").arg(n) + info.completeSuffix();
+        candidate = m_path + QLatin1Char('/') + name;
+        if (!QFileInfo::exists(candidate))
+            break;
+    }
+    // An empty file reserves the name at once.
+    QFile placeholder(candidate);
+    if (placeholder.open(QIODevice::WriteOnly))
+        placeholder.close();
+    qCDebug(ztLog) << "file isexist" << fileName << filePath;
+    qCDebug(ztLog) << "file isexist" << path;
+    fileName = name;
+    filePath = candidate;
+    qCDebug(ztLog) << "new file path" << filePath << fileName;
+    return candidate;
+}
+
+bool DownloadTask::appendSameFile(const DownloadTask &other)
+{
+    if (other.etag != etag)
+        return false;
+    sameFileTargets.append(QFileInfo(other.filePath));
+    qCDebug(ztLog) << "appenddddddddddd url " << other.filePath << sameFileTargets.size();
+    return true;
+}
+
+QVariantMap DownloadTask::toMap() const
+{
+    return {{QStringLiteral("url"), url},
+            {QStringLiteral("path"), filePath},
+            {QStringLiteral("filename"), fileName},
+            {QStringLiteral("fileSize"), qint64(fileSize)}};
+}

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "plugin/zterrorcode.h"
+
+#include <QFileInfo>
+#include <QList>
+#include <QObject>
+#include <QVariantMap>
+
+class QNetworkReply;
+
+// One requested download: the remote file, the local file it becomes, and what
+// a probe of the server said about it. The probe's entity tag names the task's
+// folder under the temporary storage path, where its chunks wait for the merge.
+//
+// The host names the destination as a file path ("path") and its name
+// ("filename"); m_path is the folder of that path. When the destination exists
+// already, the task takes a free name such as "a(1).txt", but keeps asking the
+// server for the file under the name the host asked for (requestedName).
+class DownloadTask : public QObject
+{
+    Q_OBJECT
+public:
+    DownloadTask();
+    // Copies every field but sameFileTargets.
+    DownloadTask(const DownloadTask &other);
+    ~DownloadTask() override;
+
+    ZTErrorCode isValid(const QString &filePath, const QString &url, const QString &fileName);
+    bool init(const QString &url);
+    bool parseTask();
+    void parseHeaders(QNetworkReply *reply);
+    QString checkFileIsExist(const QString &path);
+    bool appendSameFile(const DownloadTask &other);
+    QVariantMap toMap() const;
+    // The folder exists and the URL is valid.
+    bool checkTask() const;
+
+    bool rangeSupported = false;
+    QList<QFileInfo> sameFileTargets;
+    QString fileName;
+    QString m_path;
+    QString filePath;
+    QString url;
+    ZTErrorCode status = Zephyrtide::Error::NoError;
+    qint64 fileSize = -1;
+    QString etag;
+    qint64 downloadedSize = 0;
+    QString tempDir;
+    QString requestedName; // the name the server knows the file by
+};

@@ -1,0 +1,289 @@
+#include "download/downloadglobal.h"
+#include "fileserviceprocess.h"
+#include "hostcall.h"
+#include "plugin/ztserver.h"
+#include "scriptedserver.h"
+#include "testenvironment.h"
+
+#include <zephyrtide/manager.h>
+#include <zephyrtide/reply.h>
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <QTest>
+
+// Downloads through the plugin, as a host drives them, from the reference file
+// service on loopback (chunks of 1 MiB): every file must arrive byte-identical.
+class tst_DownloadEndToEnd : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void sizesAroundTheChunkSize();
+    void sameContentThreeDestinations();
+    void secondDownloadTakesAFreeName();
+    void stopThenResume();
+    void abortRemovesChunks();
+    void refusals_data();
+    void refusals();
+    void notEnoughSpace();
+    void isExist();
+
+private:
+    static constexpr qint64 C = 1024 * 1024;
+
+    QByteArray storeFile(const QString &name, qint64 size);
+    QVariantMap fileEntry(const QString &name, const QString &folder) const;
+    QByteArray digestOf(const QString &path) const;
+    QString chunkFolderCount() const;
+
+    TestEnvironment m_environment;
+    QTemporaryDir m_temporary; // the engine's chunk folders
+    QScopedPointer<QTemporaryDir> m_store;
+    QScopedPointer<QTemporaryDir> m_target;
+    QScopedPointer<FileServiceProcess> m_service;
+    QScopedPointer<Zephyrtide::Manager> m_host;
+    QScopedPointer<ZTServer> m_root;
+};
+
+void tst_DownloadEndToEnd::initTestCase()
+{
+    QVERIFY(m_temporary.isValid());
+}
+
+void tst_DownloadEndToEnd::init()
+{
+    m_store.reset(new QTemporaryDir);
+    m_target.reset(new QTemporaryDir);
+    m_service.reset(new FileServiceProcess(m_store->path()));
+    QVERIFY(m_service->start());
+    m_host.reset(new Zephyrtide::Manager);
+    m_host->setConfigData({{"startDownload", QVariantMap{{"chunkSize", 1},
+                                                         {"temporaryStoragePath", m_temporary.path()}}}});
+    m_root.reset(new ZTServer);
+    QVERIFY(QMetaObject::invokeMethod(m_root.data(), "zt_set_manager",
+                                      Q_ARG(Zephyrtide::Manager *, m_host.data())));
+    HostCall call(m_root.data(), "zt_apply_setIP", {{"ip", m_service->baseUrl()}});
+    QVERIFY(call.succeeded());
+}
+
+void tst_DownloadEndToEnd::cleanup()
+{
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    m_root.reset();
+    m_host.reset();
+    m_service.reset();
+}
+
+QByteArray tst_DownloadEndToEnd::storeFile(const QString &name, qint64 size)
+{
+    QByteArray content(int(size), Qt::Uninitialized);
+    QRandomGenerator generator(quint32(size) + 17);
+    for (int i = 0; i < content.size(); ++i)
+        content[i] = char(generator.generate());
+    QFile file(m_store->filePath(name));
+    if (file.open(QIODevice::WriteOnly))
+        file.write(content);
+    return QCryptographicHash::hash(content, QCryptographicHash::Sha256);
+}
+
+QVariantMap tst_DownloadEndToEnd::fileEntry(const QString &name, const QString &folder) const
+{
+    return {{"filename", name}, {"path", folder + "/" + name}};
+}
+
+QByteArray tst_DownloadEndToEnd::digestOf(const QString &path) const
+{
+    QFile file(path);
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
+        return QByteArray();
+    return hash.result();
+}
+
+QString tst_DownloadEndToEnd::chunkFolderCount() const
+{
+    return QString::number(QDir(m_temporary.path()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+}
+
+void tst_DownloadEndToEnd::sizesAroundTheChunkSize()
+{
+    QMap<QString, QByteArray> digests;
+    QVariantList files;
+    for (qint64 size : {qint64(0), qint64(1), C - 1, C, C + 1, 2 * C, 2 * C + 1, 5 * C + 12345}) {
+        const QString name = QStringLiteral("f%1.bin").arg(size);
+        digests.insert(name, storeFile(name, size));
+        files.append(fileEntry(name, m_target->path() + "/in"));
+    }
+    HostCall call(m_root.data(), "zt_apply_startDownload", {{"files", files}});
+    call.wait(60000);
+    QVERIFY2(call.succeeded(), qPrintable(QString::number(call.errorCode())));
+    const QVariantList results = call.result().value("result").toList();
+    QCOMPARE(results.size(), files.size());
+    for (const QVariant &entry : results) {
+        const QVariantMap map = entry.toMap();
+        QCOMPARE(map.keys(), QStringList({"fileSize", "filename", "path", "url"}));
+        QCOMPARE(map.value("path").toString(), m_target->path() + "/in/" + map.value("filename").toString());
+        QCOMPARE(map.value("url").toString(), m_service->baseUrl() + "/download");
+    }
+    for (auto it = digests.cbegin(); it != digests.cend(); ++it)
+        QCOMPARE(digestOf(m_target->path() + "/in/" + it.key()), it.value());
+    QCOMPARE(chunkFolderCount(), QStringLiteral("0")); // merged and cleared
+    QVERIFY(call.keepAlives > 0);
+    QVERIFY(!call.progress.isEmpty());
+    QCOMPARE(call.progress.last().first, call.progress.last().second);
+}
+
+void tst_DownloadEndToEnd::sameContentThreeDestinations()
+{
+    const QByteArray digest = storeFile("same.bin", 3 * C + 5);
+    QVariantList files;
+    for (const QString &folder : QStringList{"a", "b", "c"})
+        files.append(fileEntry("same.bin", m_target->path() + "/" + folder));
+    HostCall call(m_root.data(), "zt_apply_startDownload", {{"files", files}});
+    call.wait(60000);
+    QVERIFY(call.succeeded());
+    for (const QString &folder : QStringList{"a", "b", "c"})
+        QCOMPARE(digestOf(m_target->path() + "/" + folder + "/same.bin"), digest);
+    // One transfer: one probe per task, then four chunk requests in all.
+    QCOMPARE(call.result().value("result").toList().size(), 2); // once per further destination
+}
+
+void tst_DownloadEndToEnd::secondDownloadTakesAFreeName()
+{
+    const QByteArray digest = storeFile("twice.txt", C + 3);
+    for (const QString &expected : QStringList{"twice.txt", "twice(1).txt"}) {
+        HostCall call(m_root.data(), "zt_apply_startDownload",
+                      {{"files", QVariantList{fileEntry("twice.txt", m_target->path())}}});
+        call.wait(60000);
+        QVERIFY2(call.succeeded(), qPrintable(QString::number(call.errorCode())));
+        QCOMPARE(call.result().value("result").toList().first().toMap().value("filename").toString(), expected);
+        QCOMPARE(digestOf(m_target->path() + "/" + expected), digest);
+    }
+}
+
+void tst_DownloadEndToEnd::stopThenResume()
+{
+    const qint64 size = 64 * C;
+    const QByteArray digest = storeFile("big.bin", size);
+    const QVariantMap params{{"files", QVariantList{fileEntry("big.bin", m_target->path())}}};
+    {
+        HostCall first(m_root.data(), "zt_apply_startDownload", params);
+        QVERIFY(QTest::qWaitFor([&] { return !first.progress.isEmpty() && first.progress.last().first > 0; }, 30000));
+        Q_EMIT first.reply()->stop();
+        first.wait();
+        QCOMPARE(first.errorCode(), int(Zephyrtide::Error::Stopped));
+    }
+    QCOMPARE(chunkFolderCount(), QStringLiteral("1")); // the chunks stay for the next run
+    qint64 kept = 0;
+    const QString folder = QDir(m_temporary.path()).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot).first().filePath();
+    for (const QFileInfo &chunk : QDir(folder).entryInfoList(QDir::Files))
+        kept += chunk.size();
+    QVERIFY(kept > 0);
+
+    HostCall second(m_root.data(), "zt_apply_startDownload", params);
+    second.wait(60000);
+    QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
+    // The stop left an empty placeholder under the asked name; the resumed run takes the next one.
+    const QString name = second.result().value("result").toList().first().toMap().value("filename").toString();
+    QCOMPARE(digestOf(m_target->path() + "/" + name), digest);
+}
+
+void tst_DownloadEndToEnd::abortRemovesChunks()
+{
+    storeFile("gone.bin", 64 * C);
+    HostCall call(m_root.data(), "zt_apply_startDownload",
+                  {{"files", QVariantList{fileEntry("gone.bin", m_target->path())}}});
+    QVERIFY(QTest::qWaitFor([&] { return !call.progress.isEmpty() && call.progress.last().first > 0; }, 30000));
+    QCOMPARE(chunkFolderCount(), QStringLiteral("1"));
+    Q_EMIT call.reply()->abort();
+    call.wait();
+    QCOMPARE(call.finishedCount(), 1);
+    QVERIFY(!call.succeeded());
+}
+
+void tst_DownloadEndToEnd::refusals_data()
+{
+    QTest::addColumn<QVariantMap>("params");
+    QTest::addColumn<int>("code");
+    QTest::newRow("empty files: 20695") << QVariantMap{{"files", QVariantList()}} << 20695;
+    // The probe takes a 404's error page for the file; its chunks then fail.
+    QTest::newRow("unknown file: the chunks fail, 20630")
+        << QVariantMap{{"files", QVariantList{QVariantMap{{"filename", "nope.bin"}, {"path", QDir::tempPath() + "/nope.bin"}}}}}
+        << 20630;
+    QTest::newRow("folder cannot be made: 20699")
+        << QVariantMap{{"files", QVariantList{QVariantMap{{"filename", "x.bin"}, {"path", "/proc/none/x.bin"}}}}}
+        << 20699;
+}
+
+void tst_DownloadEndToEnd::refusals()
+{
+    QFETCH(QVariantMap, params);
+    QFETCH(int, code);
+    HostCall call(m_root.data(), "zt_apply_startDownload", params);
+    call.wait(20000);
+    QCOMPARE(call.finishedCount(), 1);
+    QCOMPARE(call.errorCode(), code);
+}
+
+void tst_DownloadEndToEnd::notEnoughSpace()
+{
+    // A probe that announces more than any disk holds.
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.setHandler([](const ScriptedRequest &) {
+        ScriptedResponse response;
+        response.status = 206;
+        response.body = "ab";
+        response.header("Content-Range", "bytes 0-1/" + QByteArray::number(Q_INT64_C(1) << 60));
+        response.header("ETag", "\"huge\"");
+        return response;
+    });
+    HostCall ip(m_root.data(), "zt_apply_setIP", {{"ip", server.baseUrl()}});
+    HostCall call(m_root.data(), "zt_apply_startDownload",
+                  {{"files", QVariantList{fileEntry("huge.bin", m_target->path())}}});
+    call.wait(20000);
+    QCOMPARE(call.errorCode(), int(Zephyrtide::Error::NotEnoughDiskSpace));
+    QCOMPARE(server.requestCount(), 1); // the probe, nothing else
+}
+
+void tst_DownloadEndToEnd::isExist()
+{
+    storeFile("probe.bin", 64 * C);
+    QObject *command = m_root->findChild<QObject *>(QString(), Qt::FindDirectChildrenOnly);
+    for (QObject *child : m_root->children()) {
+        if (QByteArray(child->metaObject()->className()) == "StartDownload")
+            command = child;
+    }
+    const QVariantMap query{{"url", m_service->baseUrl() + "/download?fileName=probe.bin"}};
+    HostCall before(command, "zt_apply_isExist", query);
+    QVERIFY(before.succeeded());
+    QCOMPARE(before.result().value("result").toMap().value("bytesReceived").toLongLong(), 0LL);
+    QCOMPARE(before.result().value("result").toMap().value("bytesTotal").toLongLong(), 64 * C);
+
+    HostCall download(m_root.data(), "zt_apply_startDownload",
+                      {{"files", QVariantList{fileEntry("probe.bin", m_target->path())}}});
+    QVERIFY(QTest::qWaitFor([&] { return !download.progress.isEmpty() && download.progress.last().first > 0; }, 30000));
+    Q_EMIT download.reply()->stop();
+    download.wait();
+    HostCall during(command, "zt_apply_isExist", query);
+    const qint64 partial = during.result().value("result").toMap().value("bytesReceived").toLongLong();
+    QVERIFY(partial > 0);
+
+    HostCall empty(command, "zt_apply_isExist", {{"url", ""}});
+    QCOMPARE(empty.errorCode(), 20693);
+    // A 403 to the probe: nothing to restore, the fresh task's values.
+    HostCall unknown(command, "zt_apply_isExist", {{"url", m_service->baseUrl() + "/download?fileName=..%2Fx"}});
+    QVERIFY(unknown.succeeded());
+    QCOMPARE(unknown.result().value("result").toMap().value("bytesReceived").toLongLong(), 0LL);
+    QCOMPARE(unknown.result().value("result").toMap().value("bytesTotal").toLongLong(), -1LL);
+}
+
+QTEST_MAIN(tst_DownloadEndToEnd)
+#include "tst_downloadendtoend.moc"
