@@ -1,0 +1,261 @@
+#include "download/downloadchunk.h"
+#include "download/downloadglobal.h"
+#include "download/downloadtask.h"
+#include "logcapture.h"
+#include "plugin/globalmanager.h"
+#include "scriptedserver.h"
+#include "testenvironment.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QNetworkAccessManager>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+// The probe and its header parsing, the collision names, and one chunk's
+// transfer and resume, against a scripted server.
+class tst_DownloadTask : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void probeHeaders_data();
+    void probeHeaders();
+    void collisionNames_data();
+    void collisionNames();
+    void chunkResume_data();
+    void chunkResume();
+    void chunkHttpFailure_data();
+    void chunkHttpFailure();
+    void progressIncrements();
+
+private:
+    TestEnvironment m_environment;
+    QTemporaryDir m_dir;
+};
+
+void tst_DownloadTask::initTestCase()
+{
+    GlobalManager::instance(); // registers "ZTErrorCode" for the spies
+    DownloadGlobal::instance()->setTemporaryStoragePath(m_dir.filePath("temporary"));
+}
+
+void tst_DownloadTask::probeHeaders_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QByteArrayList>("headers");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<bool>("ok");
+    QTest::addColumn<qint64>("size");
+    QTest::addColumn<bool>("ranges");
+    QTest::addColumn<QString>("serverTag"); // before normalisation; empty: from the URL
+    QTest::addColumn<QString>("fileName");
+
+    QTest::newRow("range then length") << 206 << QByteArrayList{"Content-Range: bytes 0-1/1000", "Content-Length: 2", "ETag: \"t1\""}
+                                       << "a.bin" << true << qint64(1000) << true << "t1" << "a.bin";
+    QTest::newRow("length then range") << 206 << QByteArrayList{"Content-Length: 2", "Content-Range: bytes 0-1/1000", "ETag: \"t1\""}
+                                       << "a.bin" << true << qint64(1000) << true << "t1" << "a.bin";
+    QTest::newRow("200: no ranges, full length") << 200 << QByteArrayList{"Content-Length: 5", "ETag: \"t2\""}
+                                                 << "a.bin" << true << qint64(5) << false << "t2" << "a.bin";
+    QTest::newRow("total only: */5") << 206 << QByteArrayList{"Content-Range: bytes */5", "Content-Length: 0"}
+                                     << "a.bin" << true << qint64(5) << true << "" << "a.bin";
+    QTest::newRow("lower-case etag honoured") << 206 << QByteArrayList{"Content-Range: bytes 0-1/9", "Content-Length: 2", "etag: \"low\""}
+                                              << "a.bin" << true << qint64(9) << true << "low" << "a.bin";
+    QTest::newRow("weak etag loses quotes and slash") << 206 << QByteArrayList{"Content-Range: bytes 0-1/9", "Content-Length: 2", "ETag: W/\"x\""}
+                                                      << "a.bin" << true << qint64(9) << true << "Wx" << "a.bin";
+    QTest::newRow("lower-case content-length ignored: no size") << 200 << QByteArrayList{"content-length: 2"}
+                                                                << "a.bin" << false << qint64(-1) << false << "" << "a.bin";
+    QTest::newRow("403") << 403 << QByteArrayList{"Content-Length: 0"} << "a.bin" << false << qint64(-1) << false << "" << "a.bin";
+    QTest::newRow("name from Content-Disposition, percent-encoded UTF-8")
+        << 206 << QByteArrayList{"Content-Range: bytes 0-1/3", "Content-Length: 2", "Content-Disposition: attachment; filename=Gr%C3%BC%C3%9Fe.txt"}
+        << "" << true << qint64(3) << true << "" << QStringLiteral("Grüße.txt");
+    QTest::newRow("no name anywhere") << 206 << QByteArrayList{"Content-Range: bytes 0-1/3", "Content-Length: 2"}
+                                      << "" << false << qint64(3) << true << "" << "";
+}
+
+void tst_DownloadTask::probeHeaders()
+{
+    QFETCH(int, status);
+    QFETCH(QByteArrayList, headers);
+    QFETCH(QString, name);
+    QFETCH(bool, ok);
+    QFETCH(qint64, size);
+    QFETCH(bool, ranges);
+    QFETCH(QString, serverTag);
+    QFETCH(QString, fileName);
+
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.setHandler([&](const ScriptedRequest &) {
+        ScriptedResponse response;
+        response.status = status;
+        for (const QByteArray &line : headers) {
+            const int colon = line.indexOf(':');
+            const QByteArray name = line.left(colon);
+            response.header(name, line.mid(colon + 2));
+            if (name.compare("Content-Length", Qt::CaseInsensitive) == 0)
+                response.body = QByteArray(line.mid(colon + 2).toInt(), 'x');
+        }
+        return response;
+    });
+    const QString folder = m_dir.filePath(QString::number(qHash(QTest::currentDataTag())));
+    DownloadTask task;
+    const ZTErrorCode code = task.isValid(folder + "/" + name, server.baseUrl() + "/files/x", name);
+    QCOMPARE(code == Zephyrtide::Error::NoError, ok);
+    QCOMPARE(task.fileSize, size);
+    QCOMPARE(task.rangeSupported, ranges);
+    QCOMPARE(task.fileName, fileName);
+
+    const ScriptedRequest probe = server.requests().first();
+    QCOMPARE(probe.method, QByteArray("POST"));
+    QCOMPARE(probe.header("Range"), QByteArray("bytes=0-1"));
+    if (!ok)
+        return;
+    const QString expectedTag = serverTag.isEmpty()
+        ? QStringLiteral("files%x")
+        : QString::fromLatin1(QCryptographicHash::hash((QString::number(size) + serverTag).toUtf8(),
+                                                       QCryptographicHash::Md5).toHex());
+    QCOMPARE(task.etag, expectedTag);
+    QCOMPARE(task.tempDir, DownloadGlobal::instance()->temporaryStoragePath() + "/" + expectedTag);
+    QCOMPARE(task.filePath, folder + "/" + fileName);
+}
+
+void tst_DownloadTask::collisionNames_data()
+{
+    QTest::addColumn<QStringList>("present");
+    QTest::addColumn<QString>("asked");
+    QTest::addColumn<QString>("given");
+    QTest::newRow("free name kept") << QStringList{} << "a.txt" << "a.txt";
+    QTest::newRow("a.txt and a(1).txt taken: a(2).txt") << QStringList{"a.txt", "a(1).txt"} << "a.txt" << "a(2).txt";
+    QTest::newRow("no dot: trailing dot kept") << QStringList{"report"} << "report" << "report(1).";
+    QTest::newRow("double suffix") << QStringList{"a.tar.gz"} << "a.tar.gz" << "a(1).tar.gz";
+}
+
+void tst_DownloadTask::collisionNames()
+{
+    QFETCH(QStringList, present);
+    QFETCH(QString, asked);
+    QFETCH(QString, given);
+    QTemporaryDir folder;
+    for (const QString &name : present) {
+        QFile file(folder.filePath(name));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("taken");
+    }
+    DownloadTask task;
+    task.m_path = folder.path();
+    task.fileName = asked;
+    task.filePath = folder.filePath(asked);
+    QCOMPARE(task.checkFileIsExist(task.filePath), folder.filePath(given));
+    QCOMPARE(task.fileName, given);
+    QCOMPARE(task.filePath, folder.filePath(given));
+    // A new name is reserved at once by an empty file; a free one is left alone.
+    QCOMPARE(QFileInfo::exists(folder.filePath(given)), !present.isEmpty());
+    if (!present.isEmpty())
+        QCOMPARE(QFileInfo(folder.filePath(given)).size(), 0);
+}
+
+void tst_DownloadTask::chunkResume_data()
+{
+    QTest::addColumn<int>("onDisk");
+    QTest::addColumn<bool>("request");
+    QTest::addColumn<QByteArray>("range");
+    QTest::newRow("empty chunk file: whole range") << 0 << true << QByteArray("bytes=100-200");
+    QTest::newRow("40 bytes there: the rest") << 40 << true << QByteArray("bytes=140-200");
+    QTest::newRow("covers its range: no request") << 100 << false << QByteArray();
+    QTest::newRow("more than its range: no request") << 130 << false << QByteArray();
+}
+
+void tst_DownloadTask::chunkResume()
+{
+    QFETCH(int, onDisk);
+    QFETCH(bool, request);
+    QFETCH(QByteArray, range);
+    QByteArray content(300, Qt::Uninitialized);
+    for (int i = 0; i < content.size(); ++i)
+        content[i] = char(i);
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.setHandler([&](const ScriptedRequest &r) { return ScriptedResponse::file(content, r, "\"e\""); });
+
+    QTemporaryDir folder;
+    const QString path = folder.filePath("1");
+    QFile existing(path);
+    QVERIFY(existing.open(QIODevice::WriteOnly));
+    existing.write(content.mid(100, onDisk));
+    existing.close();
+
+    DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
+    chunk.fileName = "c.bin";
+    QSignalSpy progress(&chunk, &DownloadChunk::downloadProgress);
+    QSignalSpy finished(&chunk, &DownloadChunk::finished);
+    QVERIFY(chunk.start(folder.path(), path, server.baseUrl() + "/download", 100, 200, "e"));
+    QVERIFY(finished.count() == 1 || finished.wait(5000));
+    QCOMPARE(server.requestCount(), request ? 1 : 0);
+    if (onDisk > 0) {
+        // What is on disk is reported first, as (k, k).
+        QCOMPARE(progress.first().at(0).toLongLong(), qint64(onDisk));
+        QCOMPARE(progress.first().at(1).toLongLong(), qint64(onDisk));
+    }
+    if (!request)
+        return;
+    QCOMPARE(server.requests().first().header("Range"), range);
+    QFile result(path);
+    QVERIFY(result.open(QIODevice::ReadOnly));
+    // 101 bytes: the inclusive end brings the next chunk's first byte along.
+    QCOMPARE(result.readAll(), content.mid(100, 101));
+}
+
+void tst_DownloadTask::chunkHttpFailure_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::newRow("404") << 404;
+    QTest::newRow("416") << 416;
+    QTest::newRow("500") << 500;
+}
+
+void tst_DownloadTask::chunkHttpFailure()
+{
+    QFETCH(int, status);
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.setHandler([&](const ScriptedRequest &) {
+        ScriptedResponse response;
+        response.status = status;
+        response.body = "<html>error page</html>";
+        return response;
+    });
+    QTemporaryDir folder;
+    DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
+    QSignalSpy error(&chunk, &DownloadChunk::errorOccurred);
+    QSignalSpy finished(&chunk, &DownloadChunk::finished);
+    QVERIFY(chunk.start(folder.path(), folder.filePath("1"), server.baseUrl() + "/download", 0, 10, "e"));
+    QVERIFY(error.wait(5000));
+    QCOMPARE(error.first().first().value<ZTErrorCode>(), Zephyrtide::Error::GeneralFailure);
+    QTest::qWait(100);
+    QCOMPARE(finished.count(), 0);
+}
+
+void tst_DownloadTask::progressIncrements()
+{
+    QByteArray content(1 << 20, 'p');
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.setHandler([&](const ScriptedRequest &r) { return ScriptedResponse::file(content, r, "\"p\""); });
+    QTemporaryDir folder;
+    DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
+    qint64 sum = 0;
+    connect(&chunk, &DownloadChunk::downloadProgress, this, [&](qlonglong delta, qlonglong) {
+        QVERIFY(delta >= 0);
+        sum += delta;
+    });
+    QSignalSpy finished(&chunk, &DownloadChunk::finished);
+    QVERIFY(chunk.start(folder.path(), folder.filePath("1"), server.baseUrl() + "/download", 0, 1 << 20, "p"));
+    QVERIFY(finished.wait(5000));
+    // The increments add up to what arrived.
+    QCOMPARE(sum, QFileInfo(folder.filePath("1")).size());
+}
+
+QTEST_MAIN(tst_DownloadTask)
+#include "tst_downloadtask.moc"
