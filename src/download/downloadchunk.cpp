@@ -127,7 +127,11 @@ void DownloadChunk::relayProgress(qint64 received, qint64 total)
 void DownloadChunk::checkCompletion()
 {
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (status != 200 && status != 206) {
+    // A 206 cut short by a dropped connection is a failure too: the bytes that
+    // came stay in the chunk file, and the next run asks for the rest.
+    if ((status != 200 && status != 206) || reply->error() != QNetworkReply::NoError) {
+        writeAvailable();
+        file.flush();
         qCCritical(ztLog) << "errorrrrrrrrrrrrrrrr" << url << fileName << "http error" << reply->error()
                           << "http status" << status;
         qCCritical(ztLog) << "header" << reply->rawHeaderPairs();
