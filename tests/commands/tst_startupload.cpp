@@ -16,6 +16,7 @@
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QNetworkReply>
 #include <QUrlQuery>
 
 using Zephyrtide::Error;
@@ -39,6 +40,7 @@ private Q_SLOTS:
     void destroyedReplyDeletesUploader();
     void removeAllForgetsSessions();
     void uploadListIsTheProcessJob();
+    void refusedPartThenCompletes();
 
 private:
     QString makeFile(const QString &name, const QByteArray &content);
@@ -51,6 +53,7 @@ private:
     QScopedPointer<Zephyrtide::Manager> m_host;
     QScopedPointer<ZTServer> m_root;
     bool m_holdParts = false;
+    int m_refuseParts = 0;
 };
 
 void tst_StartUpload::init()
@@ -58,6 +61,7 @@ void tst_StartUpload::init()
     m_server.reset(new ScriptedServer);
     QVERIFY(m_server->start());
     m_holdParts = false;
+    m_refuseParts = 0;
     const QString base = m_server->baseUrl();
     m_server->setHandler([this, base](const ScriptedRequest &request) {
         if (request.path() == QLatin1String("/upload/info")) {
@@ -80,6 +84,10 @@ void tst_StartUpload::init()
             return ScriptedResponse::json(R"({"status":"success","result":{}})");
         ScriptedResponse part;
         part.hold = m_holdParts;
+        if (m_refuseParts > 0 && QUrlQuery(request.url()).queryItemValue("partNumber") == "2") {
+            --m_refuseParts;
+            part.status = 400; // the service's answer to a digest that does not match
+        }
         return part;
     });
     m_host.reset(new Zephyrtide::Manager);
@@ -252,6 +260,28 @@ void tst_StartUpload::uploadListIsTheProcessJob()
     QCOMPARE(list.result().value("result").toList(), QVariantList());
     m_server->release();
     upload.wait();
+}
+
+void tst_StartUpload::refusedPartThenCompletes()
+{
+    m_refuseParts = 1;
+    const QString path = makeFile("r.bin", "0123456789ab"); // three parts of 4 bytes
+    HostCall first(m_root.data(), "zt_apply_startUpload", {{"files", QVariantList{fileParams(path)}}});
+    first.wait();
+    QCOMPARE(first.finishedCount(), 1);
+    QCOMPARE(first.errorCode(), 20480 + int(QNetworkReply::ProtocolInvalidOperationError));
+    // The session stays cached for the next start.
+    QCOMPARE(UploadGlobal::instance()->readValue("uploadInfo").toMap().size(), 1);
+
+    HostCall second(m_root.data(), "zt_apply_startUpload", {{"files", QVariantList{fileParams(path)}}});
+    second.wait();
+    QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
+    QList<QByteArray> partTwo;
+    for (const ScriptedRequest &request : m_server->requests()) {
+        if (QUrlQuery(request.url()).queryItemValue("partNumber") == "2")
+            partTwo << request.body;
+    }
+    QCOMPARE(partTwo, QList<QByteArray>({"4567", "4567"}));
 }
 
 QTEST_MAIN(tst_StartUpload)
