@@ -11,7 +11,11 @@
 #include <QUrl>
 
 namespace {
-constexpr qint64 ReadSize = 1024;
+// Reads of this size keep up with loopback; the reply holds at most
+// ReadBufferSize unread, so a slow disk slows the transfer instead of filling
+// memory.
+constexpr qint64 ReadSize = 64 * 1024;
+constexpr qint64 ReadBufferSize = 1024 * 1024;
 constexpr int TransferTimeoutMs = 30000;
 }
 
@@ -95,6 +99,7 @@ void DownloadChunk::sendRequest()
     const QByteArray body = QJsonDocument(QJsonObject{{QStringLiteral("fileName"), fileName}}).toJson();
 
     reply = QSharedPointer<QNetworkReply>(networkManager->post(request, body), &QObject::deleteLater);
+    reply->setReadBufferSize(ReadBufferSize);
     if (pendingProgress != 0) {
         Q_EMIT downloadProgress(pendingProgress, file.size());
         pendingProgress = 0;
@@ -106,13 +111,12 @@ void DownloadChunk::sendRequest()
 
 void DownloadChunk::writeAvailable()
 {
-    char buffer[ReadSize];
+    QByteArray buffer(ReadSize, Qt::Uninitialized);
     while (reply && !reply->atEnd()) {
-        memset(buffer, 0, sizeof buffer);
-        const qint64 count = reply->read(buffer, sizeof buffer);
+        const qint64 count = reply->read(buffer.data(), buffer.size());
         if (count <= 0)
             break;
-        file.write(buffer, count);
+        file.write(buffer.constData(), count);
         // Flushed at once, so the file always holds what arrived and a resume is exact.
         file.flush();
     }

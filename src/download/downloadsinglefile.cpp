@@ -10,7 +10,7 @@
 #include <QNetworkAccessManager>
 
 namespace {
-constexpr qint64 CopySize = 1024;
+constexpr qint64 CopySize = 1024 * 1024;
 }
 
 DownloadSingleFile::DownloadSingleFile(const QSharedPointer<DownloadTask> &downloadTask, QObject *parent)
@@ -163,15 +163,14 @@ bool DownloadSingleFile::appendChunk(QFile &destination, const QString &chunkPat
         return false;
     }
     qCDebug(ztLog) << "chunk size" << chunk.size();
-    char buffer[CopySize];
+    QByteArray buffer(CopySize, Qt::Uninitialized);
     while (!chunk.atEnd()) {
-        memset(buffer, 0, sizeof buffer);
-        const qint64 count = chunk.read(buffer, sizeof buffer);
+        const qint64 count = chunk.read(buffer.data(), buffer.size());
         if (count <= 0)
             break;
         // The overlap byte: every chunk but the last holds the next one's first byte.
         const qint64 keep = dropLastByte && chunk.atEnd() ? count - 1 : count;
-        destination.write(buffer, keep);
+        destination.write(buffer.constData(), keep);
     }
     chunk.close();
     return true;
