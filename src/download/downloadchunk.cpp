@@ -72,7 +72,7 @@ bool DownloadChunk::start()
         startOffset += existing;
         qCDebug(ztLog) << "chunk already exist" << fileName << existing << pendingProgress << startOffset;
     }
-    if (startOffset >= end) {
+    if (covered()) {
         qCDebug(ztLog) << "already complete exist " << pendingProgress;
         file.close();
         Q_EMIT downloadProgress(pendingProgress, file.size());
@@ -89,6 +89,13 @@ bool DownloadChunk::start()
     return true;
 }
 
+bool DownloadChunk::covered() const
+{
+    // A chunk but the last asks for its overlap byte too (the range end is
+    // inclusive), and is whole only with it; the last one ends at the file size.
+    return lastChunk ? startOffset >= end : startOffset > end;
+}
+
 void DownloadChunk::sendRequest()
 {
     QNetworkRequest request{QUrl(url)};
@@ -100,25 +107,69 @@ void DownloadChunk::sendRequest()
 
     reply = QSharedPointer<QNetworkReply>(networkManager->post(request, body), &QObject::deleteLater);
     reply->setReadBufferSize(ReadBufferSize);
+    m_answerChecked = false;
+    m_failed = false;
     if (pendingProgress != 0) {
         Q_EMIT downloadProgress(pendingProgress, file.size());
         pendingProgress = 0;
     }
+    connect(reply.data(), &QNetworkReply::metaDataChanged, this, &DownloadChunk::checkAnswer);
     connect(reply.data(), &QNetworkReply::readyRead, this, &DownloadChunk::writeAvailable);
     connect(reply.data(), &QNetworkReply::finished, this, &DownloadChunk::checkCompletion);
     connect(reply.data(), &QNetworkReply::downloadProgress, this, &DownloadChunk::relayProgress);
 }
 
+void DownloadChunk::checkAnswer()
+{
+    if (m_answerChecked || !reply)
+        return;
+    m_answerChecked = true;
+    // Judged before the first byte is written: an error page, another range or
+    // another version of the file must never land in the chunk file.
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const QByteArray range = reply->rawHeader("Content-Range");
+    const qint64 rangeStart = range.mid(6, range.indexOf('-') - 6).toLongLong(); // "bytes A-B/T"
+    const QString tag = QString::fromUtf8(reply->rawHeader("ETag")).remove(QLatin1Char('"')).remove(QLatin1Char('/'));
+    QString reason;
+    if (status != 200 && status != 206)
+        reason = QStringLiteral("http status %1").arg(status);
+    else if (status == 200 && startOffset != 0)
+        reason = QStringLiteral("the whole file instead of a range");
+    else if (status == 206 && (!range.startsWith("bytes ") || rangeStart != startOffset))
+        reason = QStringLiteral("another range: ") + QString::fromLatin1(range);
+    else if (!expectedEtag.isEmpty() && tag != expectedEtag)
+        reason = QStringLiteral("the file changed: ") + tag;
+    if (reason.isEmpty())
+        return;
+    qCCritical(ztLog) << "chunk answer refused" << url << chunkPath << reason;
+    failTransfer(Zephyrtide::Error::GeneralFailure);
+}
+
+void DownloadChunk::failTransfer(ZTErrorCode code)
+{
+    m_failed = true;
+    if (reply) {
+        reply->disconnect(this);
+        reply->abort();
+    }
+    file.flush();
+    Q_EMIT errorOccurred(code);
+}
+
 void DownloadChunk::writeAvailable()
 {
+    checkAnswer();
     QByteArray buffer(ReadSize, Qt::Uninitialized);
-    while (reply && !reply->atEnd()) {
+    while (!m_failed && reply && !reply->atEnd()) {
         const qint64 count = reply->read(buffer.data(), buffer.size());
         if (count <= 0)
             break;
-        file.write(buffer.constData(), count);
         // Flushed at once, so the file always holds what arrived and a resume is exact.
-        file.flush();
+        if (file.write(buffer.constData(), count) != count || !file.flush()) {
+            qCCritical(ztLog) << "chunk write fail" << chunkPath << file.errorString();
+            failTransfer(Zephyrtide::Error::FileError);
+            return;
+        }
     }
 }
 
@@ -134,7 +185,8 @@ void DownloadChunk::checkCompletion()
     // A 206 cut short by a dropped connection is a failure too: the bytes that
     // came stay in the chunk file, and the next run asks for the rest.
     if ((status != 200 && status != 206) || reply->error() != QNetworkReply::NoError) {
-        writeAvailable();
+        if (status == 200 || status == 206)
+            writeAvailable(); // what came of a cut answer is good: keep it
         file.flush();
         qCCritical(ztLog) << "errorrrrrrrrrrrrrrrr" << url << fileName << "http error" << reply->error()
                           << "http status" << status;
@@ -142,8 +194,10 @@ void DownloadChunk::checkCompletion()
         Q_EMIT errorOccurred(Zephyrtide::Error::GeneralFailure);
         return;
     }
-    qCDebug(ztLog) << "chunk finish" << etag << fileName;
     writeAvailable();
+    if (m_failed)
+        return;
+    qCDebug(ztLog) << "chunk finish" << etag << fileName;
     reply.reset();
     file.flush();
     file.close();

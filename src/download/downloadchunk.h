@@ -39,6 +39,8 @@ public:
     qint64 end = 0;
     QString chunkDir;
     QString fileName;
+    bool lastChunk = true;  // the last chunk's end is the file size, one past its last byte
+    QString expectedEtag;   // the probe's tag; an answer with another one is another file
 
 Q_SIGNALS:
     void downloadProgress(qlonglong bytesReceived, qlonglong bytesTotal);
@@ -51,10 +53,16 @@ public Q_SLOTS:
     void onStoped();
 
 private:
+    bool covered() const;
     bool fail(ZTErrorCode code);
     void sendRequest();
     void writeAvailable();
     void relayProgress(qint64 received, qint64 total);
     void checkCompletion();
+    void checkAnswer();
+    void failTransfer(ZTErrorCode code);
     void cancel();
+
+    bool m_answerChecked = false;
+    bool m_failed = false;
 };

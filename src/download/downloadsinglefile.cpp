@@ -55,6 +55,10 @@ bool DownloadSingleFile::createEmptyFile()
 
 void DownloadSingleFile::plan()
 {
+    // A server that answered the probe without a range serves none: one chunk,
+    // so that its whole answer is written once.
+    if (!task->rangeSupported)
+        chunkSize = task->fileSize;
     chunkCount = int(task->fileSize / chunkSize) + (task->fileSize % chunkSize > 0 ? 1 : 0);
     tempDir = task->tempDir;
     const QString requested = task->requestedName.isEmpty() ? task->fileName : task->requestedName;
@@ -68,6 +72,8 @@ void DownloadSingleFile::plan()
         chunk->end = qMin(qint64(i) * chunkSize, task->fileSize);
         chunk->chunkDir = tempDir;
         chunk->fileName = requested;
+        chunk->lastChunk = i == chunkCount;
+        chunk->expectedEtag = task->serverEtag;
         connect(this, &DownloadSingleFile::abort, chunk.data(), &DownloadChunk::onAborted);
         connect(this, &DownloadSingleFile::stop, chunk.data(), &DownloadChunk::onStoped);
         connect(chunk.data(), &DownloadChunk::finished, this, &DownloadSingleFile::onFinished);
@@ -141,11 +147,19 @@ bool DownloadSingleFile::merge()
         qCDebug(ztLog) << "chunk" << path;
         ++merged;
         Q_EMIT downloadProgress((merged / 5) * step + received, task->fileSize);
-        const bool last = std::next(it) == startedChunks.cend();
-        if (!appendChunk(destination, path, !last))
+        // Exactly the chunk's share: the overlap byte and anything past it stay out.
+        const qint64 first = qint64(it.key() - 1) * chunkSize;
+        const qint64 share = qMin(qint64(it.key()) * chunkSize, task->fileSize) - first;
+        if (!appendChunk(destination, path, share))
             return false;
     }
     destination.close();
+    const qint64 written = QFileInfo(task->filePath).size();
+    if (written != task->fileSize) {
+        // The chunk files stay; a later run merges again.
+        qCCritical(ztLog) << "merge size error" << task->filePath << written << task->fileSize;
+        return false;
+    }
     if (!copyToSameFileTargets(task->filePath)) {
         qCCritical(ztLog) << "merge copy fail" << task->filePath;
         return false;
@@ -155,7 +169,7 @@ bool DownloadSingleFile::merge()
     return true;
 }
 
-bool DownloadSingleFile::appendChunk(QFile &destination, const QString &chunkPath, bool dropLastByte)
+bool DownloadSingleFile::appendChunk(QFile &destination, const QString &chunkPath, qint64 share)
 {
     QFile chunk(chunkPath);
     if (!chunk.open(QIODevice::ReadOnly)) {
@@ -164,13 +178,15 @@ bool DownloadSingleFile::appendChunk(QFile &destination, const QString &chunkPat
     }
     qCDebug(ztLog) << "chunk size" << chunk.size();
     QByteArray buffer(CopySize, Qt::Uninitialized);
-    while (!chunk.atEnd()) {
-        const qint64 count = chunk.read(buffer.data(), buffer.size());
+    for (qint64 left = share; left > 0;) {
+        const qint64 count = chunk.read(buffer.data(), qMin<qint64>(buffer.size(), left));
         if (count <= 0)
-            break;
-        // The overlap byte: every chunk but the last holds the next one's first byte.
-        const qint64 keep = dropLastByte && chunk.atEnd() ? count - 1 : count;
-        destination.write(buffer.constData(), keep);
+            break; // short: the size check after the merge refuses the result
+        if (destination.write(buffer.constData(), count) != count) {
+            qCCritical(ztLog) << "merge chunk fail" << task->filePath << destination.errorString();
+            return false;
+        }
+        left -= count;
     }
     chunk.close();
     return true;

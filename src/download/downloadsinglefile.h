@@ -18,7 +18,8 @@ class QNetworkAccessManager;
 // for a later run; an abort deletes them.
 //
 // Every chunk but the last asks for one byte more than its share (the Range end
-// is inclusive) and the merge drops that byte again: the two go together.
+// is inclusive); the merge takes exactly each chunk's share, which leaves that
+// byte out. A merged file of any other size than the probe's is refused.
 class DownloadSingleFile : public QObject
 {
     Q_OBJECT
@@ -60,5 +61,5 @@ public Q_SLOTS:
 private:
     void plan();
     bool createEmptyFile();
-    bool appendChunk(QFile &destination, const QString &chunkPath, bool dropLastByte);
+    bool appendChunk(QFile &destination, const QString &chunkPath, qint64 share);
 };

@@ -33,6 +33,7 @@ DownloadTask::DownloadTask(const DownloadTask &other)
     , downloadedSize(other.downloadedSize)
     , tempDir(other.tempDir)
     , requestedName(other.requestedName)
+    , serverEtag(other.serverEtag)
 {
 }
 
@@ -162,6 +163,7 @@ void DownloadTask::parseHeaders(QNetworkReply *reply)
             }
         } else if (name.compare("ETag", Qt::CaseInsensitive) == 0) {
             etag = QString::fromUtf8(value).remove(QLatin1Char('"')).remove(QLatin1Char('/'));
+            serverEtag = etag;
             qCDebug(ztLog) << "task etag " << etag;
         } else if (name == "Content-Disposition" && fileName.isEmpty() && value.contains("filename")
                    && filePath.isEmpty()) {

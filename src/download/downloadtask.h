@@ -48,4 +48,5 @@ public:
     qint64 downloadedSize = 0;
     QString tempDir;
     QString requestedName; // the name the server knows the file by
+    QString serverEtag;    // the tag as the probe saw it, which every chunk answer must carry
 };

@@ -1,5 +1,4 @@
 #include "download/downloadchunk.h"
-#include "download/downloader.h"
 #include "download/downloadglobal.h"
 #include "download/downloadtask.h"
 #include "logcapture.h"
@@ -30,7 +29,6 @@ private Q_SLOTS:
     void chunkHttpFailure_data();
     void chunkHttpFailure();
     void progressIncrements();
-    void droppedBatchResumes();
 
 private:
     TestEnvironment m_environment;
@@ -257,64 +255,6 @@ void tst_DownloadTask::progressIncrements()
     QVERIFY(finished.wait(5000));
     // The increments add up to what arrived.
     QCOMPARE(sum, QFileInfo(folder.filePath("1")).size());
-}
-
-void tst_DownloadTask::droppedBatchResumes()
-{
-    // 3 chunks of 1 MiB; the first answer for chunk 2 breaks off after 300000 bytes.
-    DownloadGlobal::instance()->setChunkSize(1);
-    QByteArray content(3 * 1024 * 1024 + 77, Qt::Uninitialized);
-    for (int i = 0; i < content.size(); ++i)
-        content[i] = char((i * 7) ^ (i >> 11));
-    ScriptedServer server;
-    QVERIFY(server.start());
-    bool dropped = false;
-    server.setHandler([&](const ScriptedRequest &r) {
-        ScriptedResponse response = ScriptedResponse::file(content, r, "\"d\"", "d.bin");
-        if (!dropped && r.header("Range").startsWith("bytes=1048576-")) {
-            dropped = true;
-            response.dropAfterBytes = 300000;
-        }
-        return response;
-    });
-
-    QTemporaryDir target;
-    auto runBatch = [&]() {
-        auto task = QSharedPointer<DownloadTask>::create();
-        if (task->isValid(target.filePath("d.bin"), server.baseUrl() + "/download", "d.bin") != 0)
-            return -1;
-        Downloader downloader;
-        downloader.addTask(task);
-        int code = -1;
-        connect(&downloader, &Downloader::finished, this,
-                [&](ZTErrorCode status, const QList<DownloadTask *> &) { code = status; });
-        if (downloader.start() != 0)
-            return -2;
-        (void)QTest::qWaitFor([&] { return code != -1; }, 20000);
-        return code;
-    };
-
-    QCOMPARE(runBatch(), int(Zephyrtide::Error::GeneralFailure));
-    const qint64 firstRun = server.bodyBytesSent();
-    // What the failed run left on disk stays for the next one.
-    qint64 kept = 0;
-    const QString chunks = DownloadGlobal::instance()->temporaryStoragePath() + "/"
-        + QString::fromLatin1(QCryptographicHash::hash(QByteArray::number(content.size()) + "d",
-                                                       QCryptographicHash::Md5).toHex());
-    for (const QFileInfo &chunk : QDir(chunks).entryInfoList(QDir::Files))
-        kept += chunk.size();
-    QVERIFY(kept >= 300000);
-
-    QCOMPARE(runBatch(), 0);
-    QFile result(target.filePath("d.bin"));
-    QVERIFY(result.open(QIODevice::ReadOnly));
-    QCOMPARE(result.readAll(), content);
-    // The second run fetched only what the chunk files lacked, plus the
-    // probe's two bytes. Every chunk but the last asks for one overlap byte.
-    const qint64 planned = 3 * (1048576 + 1) + 77;
-    QCOMPARE(server.bodyBytesSent() - firstRun, planned - kept + 2);
-    QVERIFY(!QDir(chunks).exists());
-    DownloadGlobal::instance()->setChunkSize(50);
 }
 
 QTEST_MAIN(tst_DownloadTask)

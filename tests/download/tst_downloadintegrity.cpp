@@ -1,0 +1,215 @@
+#include "download/downloader.h"
+#include "download/downloadglobal.h"
+#include "download/downloadtask.h"
+#include "plugin/globalmanager.h"
+#include "scriptedserver.h"
+#include "testenvironment.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+// A download that reports success is byte-identical to the source; one that
+// meets a fault fails with a code and keeps what the next run can use. Three
+// chunks of 1 MiB and a tail, against a scripted server that misbehaves once.
+class tst_DownloadIntegrity : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void faultyAnswerThenResume_data();
+    void faultyAnswerThenResume();
+    void serverWithoutRanges();
+    void fileChangedBetweenRuns();
+    void chunkFilesLeftBehind_data();
+    void chunkFilesLeftBehind();
+
+private:
+    static constexpr qint64 C = 1024 * 1024;
+    // Runs one batch for d.bin; the batch's code.
+    int runBatch();
+    QString chunkFolder(const QByteArray &tag) const;
+    QByteArray downloaded() const;
+
+    TestEnvironment m_environment;
+    QTemporaryDir m_temporary;
+    QScopedPointer<QTemporaryDir> m_target;
+    QScopedPointer<ScriptedServer> m_server;
+    QByteArray m_content;
+};
+
+void tst_DownloadIntegrity::initTestCase()
+{
+    GlobalManager::instance();
+    DownloadGlobal::instance()->setTemporaryStoragePath(m_temporary.path());
+    DownloadGlobal::instance()->setChunkSize(1);
+    m_content.resize(3 * C + 77);
+    for (int i = 0; i < m_content.size(); ++i)
+        m_content[i] = char((i * 7) ^ (i >> 11));
+}
+
+void tst_DownloadIntegrity::init()
+{
+    m_target.reset(new QTemporaryDir);
+    m_server.reset(new ScriptedServer);
+    QVERIFY(m_server->start());
+    QDir(m_temporary.path()).removeRecursively();
+    QDir().mkpath(m_temporary.path());
+}
+
+int tst_DownloadIntegrity::runBatch()
+{
+    auto task = QSharedPointer<DownloadTask>::create();
+    QFile::remove(m_target->filePath("d.bin"));
+    if (task->isValid(m_target->filePath("d.bin"), m_server->baseUrl() + "/download", "d.bin") != 0)
+        return -1;
+    Downloader downloader;
+    downloader.addTask(task);
+    int code = -1;
+    connect(&downloader, &Downloader::finished, this,
+            [&](ZTErrorCode status, const QList<DownloadTask *> &) { code = status; });
+    if (downloader.start() != 0)
+        return -2;
+    (void)QTest::qWaitFor([&] { return code != -1; }, 20000);
+    return code;
+}
+
+QString tst_DownloadIntegrity::chunkFolder(const QByteArray &tag) const
+{
+    return m_temporary.path() + "/"
+        + QString::fromLatin1(QCryptographicHash::hash(QByteArray::number(m_content.size()) + tag,
+                                                       QCryptographicHash::Md5).toHex());
+}
+
+QByteArray tst_DownloadIntegrity::downloaded() const
+{
+    QFile file(m_target->filePath("d.bin"));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void tst_DownloadIntegrity::faultyAnswerThenResume_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QByteArray>("contentRange");
+    QTest::addColumn<qint64>("dropAfter");
+    QTest::addColumn<qint64>("keptInChunk2");
+    QTest::newRow("404 with an error page") << 404 << QByteArray() << qint64(-1) << qint64(0);
+    QTest::newRow("416 with an error page") << 416 << QByteArray() << qint64(-1) << qint64(0);
+    QTest::newRow("206 for another range") << 206 << QByteArray("bytes 0-1048576/3145805") << qint64(-1) << qint64(0);
+    QTest::newRow("dropped at the first byte") << 206 << QByteArray() << qint64(0) << qint64(0);
+    QTest::newRow("dropped mid-chunk") << 206 << QByteArray() << qint64(300000) << qint64(300000);
+    QTest::newRow("dropped before the last byte") << 206 << QByteArray() << qint64(C) << qint64(C);
+}
+
+void tst_DownloadIntegrity::faultyAnswerThenResume()
+{
+    QFETCH(int, status);
+    QFETCH(QByteArray, contentRange);
+    QFETCH(qint64, dropAfter);
+    QFETCH(qint64, keptInChunk2);
+    bool faulted = false;
+    m_server->setHandler([&](const ScriptedRequest &r) {
+        ScriptedResponse response = ScriptedResponse::file(m_content, r, "\"d\"", "d.bin");
+        if (faulted || !r.header("Range").startsWith("bytes=1048576-"))
+            return response;
+        faulted = true;
+        if (status != 206) {
+            ScriptedResponse page;
+            page.status = status;
+            page.body = "<html><body>no such range</body></html>";
+            return page;
+        }
+        if (!contentRange.isEmpty()) {
+            response.headers.clear();
+            response.header("ETag", "\"d\"").header("Content-Range", contentRange);
+            response.body = m_content.left(C + 1);
+        }
+        response.dropAfterBytes = dropAfter;
+        return response;
+    });
+
+    QCOMPARE(runBatch(), int(Zephyrtide::Error::GeneralFailure));
+    QVERIFY(!QFileInfo::exists(m_target->filePath("d.bin")) || QFileInfo(m_target->filePath("d.bin")).size() == 0);
+    // Nothing of a refused answer was written; what came of a good one stays.
+    QCOMPARE(QFileInfo(chunkFolder("d") + "/2").size(), keptInChunk2);
+
+    const qint64 before = m_server->bodyBytesSent();
+    qint64 kept = 0;
+    for (const QFileInfo &chunk : QDir(chunkFolder("d")).entryInfoList(QDir::Files))
+        kept += chunk.size();
+    QCOMPARE(runBatch(), 0);
+    QCOMPARE(downloaded(), m_content);
+    // Only what the chunk files lacked travelled again (and the probe's two bytes).
+    QCOMPARE(m_server->bodyBytesSent() - before, 3 * (C + 1) + 77 - kept + 2);
+    QVERIFY(!QDir(chunkFolder("d")).exists());
+}
+
+void tst_DownloadIntegrity::serverWithoutRanges()
+{
+    m_server->setHandler([&](const ScriptedRequest &) {
+        ScriptedResponse response;
+        response.body = m_content;
+        response.header("ETag", "\"d\"");
+        return response;
+    });
+    QCOMPARE(runBatch(), 0);
+    QCOMPARE(downloaded(), m_content);
+    QCOMPARE(m_server->requestCount(), 2); // the probe and one chunk
+}
+
+void tst_DownloadIntegrity::fileChangedBetweenRuns()
+{
+    // The probe sees one version, the chunks another: nothing is written.
+    bool probed = false;
+    m_server->setHandler([&](const ScriptedRequest &r) {
+        const QByteArray tag = probed ? "\"v2\"" : "\"v1\"";
+        probed = true;
+        return ScriptedResponse::file(m_content, r, tag, "d.bin");
+    });
+    QCOMPARE(runBatch(), int(Zephyrtide::Error::GeneralFailure));
+    qint64 written = 0;
+    for (const QFileInfo &chunk : QDir(chunkFolder("v1")).entryInfoList(QDir::Files))
+        written += chunk.size();
+    QCOMPARE(written, 0);
+
+    // The next run sees the new version only: a folder of its own, the right bytes.
+    m_server->setHandler([&](const ScriptedRequest &r) { return ScriptedResponse::file(m_content, r, "\"v2\"", "d.bin"); });
+    QCOMPARE(runBatch(), 0);
+    QCOMPARE(downloaded(), m_content);
+}
+
+void tst_DownloadIntegrity::chunkFilesLeftBehind_data()
+{
+    QTest::addColumn<QByteArray>("chunk1");
+    QTest::addColumn<QByteArray>("askedFor1");
+    QTest::newRow("cut to exactly the chunk size: asks for the overlap byte")
+        << QByteArray("share") << QByteArray("bytes=1048576-1048576");
+    QTest::newRow("garbage past its range: left out of the merge")
+        << QByteArray("garbage") << QByteArray();
+}
+
+void tst_DownloadIntegrity::chunkFilesLeftBehind()
+{
+    QFETCH(QByteArray, chunk1);
+    QFETCH(QByteArray, askedFor1);
+    m_server->setHandler([&](const ScriptedRequest &r) { return ScriptedResponse::file(m_content, r, "\"d\"", "d.bin"); });
+    QDir().mkpath(chunkFolder("d"));
+    QFile file(chunkFolder("d") + "/1");
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(chunk1 == "share" ? m_content.left(C) : m_content.left(C + 1) + QByteArray(100, '#'));
+    file.close();
+
+    QCOMPARE(runBatch(), 0);
+    QCOMPARE(downloaded(), m_content);
+    QStringList ranges;
+    for (const ScriptedRequest &r : m_server->requests())
+        ranges << QString::fromLatin1(r.header("Range"));
+    QCOMPARE(ranges.contains(QString::fromLatin1(askedFor1)), !askedFor1.isEmpty());
+    QVERIFY(!ranges.contains("bytes=0-1048576")); // chunk 1 was never fetched whole
+}
+
+QTEST_MAIN(tst_DownloadIntegrity)
+#include "tst_downloadintegrity.moc"
