@@ -30,6 +30,7 @@ private Q_SLOTS:
     void secondDownloadTakesAFreeName();
     void stopThenResume();
     void abortRemovesChunks();
+    void serviceGoneMidBatch();
     void refusals_data();
     void refusals();
     void notEnoughSpace();
@@ -206,6 +207,34 @@ void tst_DownloadEndToEnd::abortRemovesChunks()
     call.wait();
     QCOMPARE(call.finishedCount(), 1);
     QVERIFY(!call.succeeded());
+}
+
+void tst_DownloadEndToEnd::serviceGoneMidBatch()
+{
+    const qint64 size = 64 * C;
+    const QByteArray digest = storeFile("gone-mid.bin", size);
+    const QVariantMap params{{"files", QVariantList{fileEntry("gone-mid.bin", m_target->path())}}};
+    {
+        HostCall first(m_root.data(), "zt_apply_startDownload", params);
+        QVERIFY(QTest::qWaitFor([&] { return !first.progress.isEmpty() && first.progress.last().first > 0; }, 30000));
+        m_service->kill();
+        first.wait(60000);
+        QCOMPARE(first.finishedCount(), 1);
+        QVERIFY(!first.succeeded());
+        QVERIFY(first.errorCode() > 0);
+    }
+    QCOMPARE(chunkFolderCount(), QStringLiteral("1")); // what came stays
+
+    // The service comes back over the same files, at another address.
+    m_service.reset(new FileServiceProcess(m_store->path()));
+    QVERIFY(m_service->start());
+    HostCall ip(m_root.data(), "zt_apply_setIP", {{"ip", m_service->baseUrl()}});
+    HostCall second(m_root.data(), "zt_apply_startDownload", params);
+    second.wait(60000);
+    QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
+    const QString name = second.result().value("result").toList().first().toMap().value("filename").toString();
+    QCOMPARE(digestOf(m_target->path() + "/" + name), digest);
+    QCOMPARE(chunkFolderCount(), QStringLiteral("0"));
 }
 
 void tst_DownloadEndToEnd::refusals_data()
