@@ -87,7 +87,9 @@ bool DownloadTask::init(const QString &address)
         return false;
     }
     qint64 sum = 0;
-    const QFileInfoList entries = QDir(tempDir).entryInfoList(QDir::AllEntries | QDir::System | QDir::Hidden);
+    // The chunk files only: "." and ".." would make an empty folder look begun.
+    const QFileInfoList entries =
+        QDir(tempDir).entryInfoList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot);
     for (const QFileInfo &entry : entries)
         sum += entry.size();
     downloadedSize = sum;

@@ -303,7 +303,12 @@ void tst_DownloadEndToEnd::isExist()
     download.wait();
     HostCall during(command, "zt_apply_isExist", query);
     const qint64 partial = during.result().value("result").toMap().value("bytesReceived").toLongLong();
+    qint64 onDisk = 0;
+    const QString folder = QDir(m_temporary.path()).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot).first().filePath();
+    for (const QFileInfo &chunk : QDir(folder).entryInfoList(QDir::Files))
+        onDisk += chunk.size();
     QVERIFY(partial > 0);
+    QCOMPARE(partial, onDisk);
 
     HostCall empty(command, "zt_apply_isExist", {{"url", ""}});
     QCOMPARE(empty.errorCode(), 20693);
