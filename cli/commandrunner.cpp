@@ -1,0 +1,425 @@
+#include "commandrunner.h"
+
+#include "demorun.h"
+#include "errortext.h"
+#include "exitcode.h"
+#include "fileserviceprocess.h"
+#include "helptext.h"
+#include "interrupthandler.h"
+#include "pluginhost.h"
+#include "progressdisplay.h"
+#include "serviceclient.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QLoggingCategory>
+#include <QStandardPaths>
+#include <QUrl>
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+QString padded(const QString &text, int width)
+{
+    return text.leftJustified(width, QLatin1Char(' '));
+}
+
+// The service reports the time of change as seconds since the epoch or as text.
+QString modifiedText(const QVariant &value)
+{
+    bool isNumber = false;
+    const double seconds = value.toDouble(&isNumber);
+    if (value.type() != QVariant::String && isNumber)
+        return QDateTime::fromMSecsSinceEpoch(qint64(seconds * 1000)).toString(QStringLiteral("yyyy-MM-dd HH:mm:ss"));
+    return value.toString();
+}
+
+// The upload's result map of the file at path.
+QVariantMap resultFor(const QVariantList &results, const QString &path)
+{
+    for (const QVariant &result : results) {
+        const QVariantMap map = result.toMap();
+        if (map.value(QStringLiteral("filePath")).toString() == path)
+            return map;
+    }
+    return QVariantMap();
+}
+
+} // namespace
+
+CommandRunner::CommandRunner(const CommandLine &line, QObject *parent)
+    : QObject(parent)
+    , m_line(line)
+    , m_interrupts(new InterruptHandler(this))
+{
+    m_stdout.open(stdout, QIODevice::WriteOnly | QIODevice::Unbuffered);
+    m_stderr.open(stderr, QIODevice::WriteOnly | QIODevice::Unbuffered);
+}
+
+CommandRunner::~CommandRunner()
+{
+    // The plugin lets go of the client's replies before the host goes away.
+    m_client.reset();
+    m_host.reset();
+}
+
+void CommandRunner::out(const QString &text)
+{
+    m_stdout.write(text.toUtf8());
+}
+
+void CommandRunner::err(const QString &text)
+{
+    m_stderr.write(text.toUtf8());
+}
+
+void CommandRunner::applyLogRules(bool verbose)
+{
+    // Without a level the rule covers all four: debug, info, warning, critical.
+    QLoggingCategory::setFilterRules(verbose ? QStringLiteral("zephyrtide.dll=true")
+                                             : QStringLiteral("zephyrtide.dll=false"));
+}
+
+QString CommandRunner::defaultTempFolder()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation)
+           + QStringLiteral("/ztcli/partial");
+}
+
+int CommandRunner::run()
+{
+    if (!m_line.isValid()) {
+        err(QStringLiteral("ztcli: %1\n").arg(m_line.error()) + HelpText::usageHint());
+        return ExitUsage;
+    }
+    if (m_line.helpRequested()) {
+        out(m_line.helpTopic().isEmpty() ? HelpText::general() : HelpText::command(m_line.helpTopic()));
+        return ExitSuccess;
+    }
+    if (m_line.versionRequested()) {
+        out(QStringLiteral("ztcli %1, host of plugin interface %2\n")
+                .arg(QStringLiteral(ZT_CLI_VERSION), QLatin1String(PluginHost::Iid)));
+        return ExitSuccess;
+    }
+    applyLogRules(m_line.verbose());
+
+    const QString command = m_line.command();
+    if (command == QLatin1String("serve"))
+        return runServe();
+    if (command == QLatin1String("demo"))
+        return runDemo();
+    if (command == QLatin1String("upload") && !uploadFilesReadable())
+        return ExitUsage;
+    m_server = serverAddress();
+    if (m_server.isEmpty())
+        return ExitUsage;
+    if (const int status = openSession())
+        return status;
+
+    if (command == QLatin1String("list"))
+        return runList();
+    if (command == QLatin1String("delete"))
+        return runDelete();
+    if (command == QLatin1String("upload"))
+        return runUpload();
+    if (command == QLatin1String("download"))
+        return runDownload();
+    return runExists();
+}
+
+// Local mistakes are usage errors and are found before anything loads.
+bool CommandRunner::uploadFilesReadable()
+{
+    for (const QString &file : m_line.operands()) {
+        const QFileInfo info(file);
+        if (!info.isFile() || !info.isReadable()) {
+            err(QStringLiteral("ztcli: %1 is not a readable file\n").arg(file));
+            return false;
+        }
+    }
+    return true;
+}
+
+QString CommandRunner::serverAddress()
+{
+    QString address = m_line.value(QStringLiteral("server"), qEnvironmentVariable("ZT_SERVER")).trimmed();
+    if (address.isEmpty()) {
+        err(QStringLiteral("ztcli: no server address: give --server URL or set ZT_SERVER\n")
+            + HelpText::usageHint());
+        return QString();
+    }
+    while (address.endsWith(QLatin1Char('/')))
+        address.chop(1);
+    const QUrl url(address, QUrl::StrictMode);
+    const bool web = url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https");
+    if (!url.isValid() || !web || url.host().isEmpty() || url.hasQuery() || url.hasFragment()) {
+        err(QStringLiteral("ztcli: \"%1\" is not a file service address such as http://127.0.0.1:8080\n")
+                .arg(address));
+        return QString();
+    }
+    return address;
+}
+
+QVariantMap CommandRunner::hostConfig(const QString &tempFolder) const
+{
+    QVariantMap downloads{{QStringLiteral("temporaryStoragePath"), tempFolder}};
+    if (m_line.isSet(QStringLiteral("chunk-size-mb")))
+        downloads.insert(QStringLiteral("chunkSize"), m_line.number(QStringLiteral("chunk-size-mb"), 0));
+    QVariantMap config{{QStringLiteral("startDownload"), downloads}};
+    const QString token = m_line.value(QStringLiteral("token"), qEnvironmentVariable("ZT_TOKEN"));
+    if (!token.isEmpty())
+        config.insert(QStringLiteral("token"), token);
+    return config;
+}
+
+int CommandRunner::openSession()
+{
+    const QString temp = QDir(m_line.value(QStringLiteral("temp"), defaultTempFolder())).absolutePath();
+    m_host.reset(new PluginHost);
+    if (!m_host->open(PluginHost::defaultPluginPath(), hostConfig(temp))) {
+        err(QStringLiteral("ztcli: %1\n").arg(m_host->errorString()));
+        return ExitSetup;
+    }
+    m_display.reset(new ProgressDisplay(ProgressDisplay::modeForStdout(), &m_stdout, &m_stderr));
+    m_client.reset(new ServiceClient(m_host.data()));
+    m_client->setInterruptHandler(m_interrupts);
+    m_client->setDisplay(m_display.data());
+    const CommandOutcome outcome = m_client->setAddress(m_server);
+    if (!outcome.succeeded())
+        return report(QStringLiteral("setting the service address"), outcome, ErrorText::ServiceRequest);
+    return ExitSuccess;
+}
+
+int CommandRunner::report(const QString &what, const CommandOutcome &outcome, int context)
+{
+    if (!outcome.invoked) {
+        err(QStringLiteral("ztcli: %1: the plugin has no command for it\n").arg(what));
+        return ExitSetup;
+    }
+    err(QStringLiteral("ztcli: %1 failed: %2\n").arg(what, ErrorText::describe(outcome.code)));
+    const int status = ErrorText::exitCode(outcome.code, ErrorText::Context(context));
+    if (status == ExitServer && context == ErrorText::ServiceRequest)
+        err(QStringLiteral("ztcli: file service: %1\n").arg(m_server));
+    return status;
+}
+
+int CommandRunner::fetchListing(QVariantList &listing)
+{
+    const CommandOutcome outcome = m_client->list();
+    if (!outcome.succeeded())
+        return report(QStringLiteral("listing the service"), outcome, ErrorText::ServiceRequest);
+    listing = outcome.result.toList();
+    return ExitSuccess;
+}
+
+int CommandRunner::runServe()
+{
+    const QString script = FileServiceProcess::scriptPath();
+    if (!QFileInfo::exists(script)) {
+        err(QStringLiteral("ztcli: the reference file service is not at %1 (set ZT_FILESERVICE)\n").arg(script));
+        return ExitSetup;
+    }
+    const QString root = QDir(m_line.value(QStringLiteral("root"), QStringLiteral("zt-store"))).absolutePath();
+    if (!QDir().mkpath(root)) {
+        err(QStringLiteral("ztcli: cannot create %1\n").arg(root));
+        return ExitUsage;
+    }
+    const int port = int(m_line.number(QStringLiteral("port"), 8080));
+    // The service takes over this process: it stays in the foreground, gets
+    // Ctrl-C itself and prints its address first.
+    QList<QByteArray> words{FileServiceProcess::interpreter().toLocal8Bit()};
+    for (const QString &argument : FileServiceProcess::arguments(root, port))
+        words.append(argument.toLocal8Bit());
+    QVector<char *> argv;
+    for (QByteArray &word : words)
+        argv.append(word.data());
+    argv.append(nullptr);
+    delete m_interrupts; // give SIGINT back to its default before exec
+    m_interrupts = nullptr;
+    ::execv(argv.first(), argv.data());
+    err(QStringLiteral("ztcli: cannot run %1: %2\n").arg(FileServiceProcess::interpreter(),
+                                                        QString::fromLocal8Bit(strerror(errno))));
+    return ExitSetup;
+}
+
+int CommandRunner::runList()
+{
+    const CommandOutcome outcome = m_client->list();
+    if (!outcome.succeeded())
+        return report(QStringLiteral("listing the service"), outcome, ErrorText::ServiceRequest);
+    const QVariantList listing = outcome.result.toList();
+    if (m_line.isSet(QStringLiteral("json"))) {
+        out(QString::fromUtf8(QJsonDocument::fromVariant(listing).toJson(QJsonDocument::Indented)));
+        return ExitSuccess;
+    }
+    int nameWidth = 4;
+    for (const QVariant &entry : listing)
+        nameWidth = qMax(nameWidth, entry.toMap().value(QStringLiteral("fileName")).toString().size());
+    out(padded(QStringLiteral("NAME"), nameWidth) + QStringLiteral("  %1  %2  MODIFIED\n")
+            .arg(QStringLiteral("BYTES"), 14).arg(padded(QStringLiteral("SIZE"), 10)));
+    qint64 total = 0;
+    for (const QVariant &entry : listing) {
+        const QVariantMap map = entry.toMap();
+        const qint64 size = map.value(QStringLiteral("fileSize")).toLongLong();
+        total += size;
+        out(padded(map.value(QStringLiteral("fileName")).toString(), nameWidth)
+            + QStringLiteral("  %1  %2  %3\n")
+                  .arg(size, 14)
+                  .arg(padded(ProgressDisplay::bytes(size), 10), modifiedText(map.value(QStringLiteral("modified")))));
+    }
+    out(QStringLiteral("%1 file(s), %2\n").arg(listing.size()).arg(ProgressDisplay::bytes(total)));
+    return ExitSuccess;
+}
+
+int CommandRunner::runDelete()
+{
+    // A "notExist" answer reaches the host as a general failure, so the
+    // listing tells which names are stored; the others are never sent.
+    QVariantList listing;
+    if (const int status = fetchListing(listing))
+        return status;
+    int status = ExitSuccess;
+    for (const QString &name : m_line.operands()) {
+        if (ServiceClient::findEntry(listing, name).isEmpty()) {
+            err(QStringLiteral("ztcli: %1: not on the service\n").arg(name));
+            status = status == ExitSuccess ? int(ExitNotFound) : status;
+            continue;
+        }
+        const CommandOutcome outcome = m_client->remove(name);
+        if (!outcome.succeeded())
+            return report(QStringLiteral("deleting %1").arg(name), outcome, ErrorText::ServiceRequest);
+        out(QStringLiteral("deleted %1\n").arg(name));
+    }
+    return status;
+}
+
+int CommandRunner::runExists()
+{
+    const QString name = m_line.operands().first();
+    QVariantList listing;
+    if (const int status = fetchListing(listing))
+        return status;
+    const QVariantMap entry = ServiceClient::findEntry(listing, name);
+
+    const CommandOutcome outcome = m_client->exists(name);
+    if (!outcome.succeeded())
+        return report(QStringLiteral("asking about %1").arg(name), outcome, ErrorText::ServiceRequest);
+    const QVariantMap state = outcome.result.toMap();
+    const qint64 received = state.value(QStringLiteral("bytesReceived")).toLongLong();
+    const qint64 total = state.value(QStringLiteral("bytesTotal"), -1).toLongLong();
+
+    if (entry.isEmpty()) {
+        out(QStringLiteral("%1: not on the service\n").arg(name));
+        return ExitNotFound;
+    }
+    const qint64 size = entry.value(QStringLiteral("fileSize")).toLongLong();
+    QString partial = QStringLiteral("nothing downloaded here yet");
+    if (received > 0) {
+        partial = QStringLiteral("%1 bytes (%2%) already downloaded")
+                      .arg(received)
+                      .arg(size > 0 ? int(100.0 * double(qMin(received, size)) / double(size)) : 100);
+    }
+    out(QStringLiteral("%1: stored, %2 bytes (%3); %4\n")
+            .arg(name)
+            .arg(size)
+            .arg(ProgressDisplay::bytes(size), partial));
+    if (total >= 0 && total != size)
+        err(QStringLiteral("ztcli: the plugin's probe saw %1 bytes, the listing says %2\n").arg(total).arg(size));
+    return ExitSuccess;
+}
+
+int CommandRunner::runUpload()
+{
+    QStringList paths;
+    for (const QString &file : m_line.operands())
+        paths.append(QFileInfo(file).absoluteFilePath());
+    // Listing first tells an unreachable service from a failed transfer.
+    QVariantList before;
+    if (const int status = fetchListing(before))
+        return status;
+
+    const QString label = paths.size() == 1 ? QStringLiteral("upload %1").arg(QFileInfo(paths.first()).fileName())
+                                            : QStringLiteral("upload %1 files").arg(paths.size());
+    const CommandOutcome outcome = m_client->upload(paths, label);
+    if (!outcome.succeeded())
+        return report(QStringLiteral("upload"), outcome, ErrorText::Transfer);
+
+    QVariantList after;
+    if (const int status = fetchListing(after))
+        return status;
+    int status = ExitSuccess;
+    for (const QString &path : paths) {
+        const QFileInfo info(path);
+        const QVariantMap entry = ServiceClient::findEntry(after, info.fileName());
+        const qint64 stored = entry.value(QStringLiteral("fileSize"), -1).toLongLong();
+        if (stored != info.size()) {
+            err(QStringLiteral("ztcli: %1 is stored with %2 bytes, the local file has %3\n")
+                    .arg(info.fileName())
+                    .arg(stored)
+                    .arg(info.size()));
+            status = ExitTransfer;
+            continue;
+        }
+        const QString cdnUrl = resultFor(outcome.result.toList(), path).value(QStringLiteral("cdnURL")).toString();
+        out(QStringLiteral("uploaded %1 as %2 (%3)%4\n")
+                .arg(path, info.fileName(), ProgressDisplay::bytes(stored),
+                     cdnUrl.isEmpty() ? QString() : QStringLiteral(", ") + cdnUrl));
+    }
+    return status;
+}
+
+int CommandRunner::runDownload()
+{
+    const QStringList names = m_line.operands();
+    QVariantList listing;
+    if (const int status = fetchListing(listing))
+        return status;
+    QHash<QString, qint64> sizes;
+    for (const QString &name : names) {
+        const QVariantMap entry = ServiceClient::findEntry(listing, name);
+        if (entry.isEmpty()) {
+            err(QStringLiteral("ztcli: %1: not on the service\n").arg(name));
+            return ExitNotFound;
+        }
+        sizes.insert(name, entry.value(QStringLiteral("fileSize")).toLongLong());
+    }
+    const QString folder = QDir(m_line.value(QStringLiteral("to"), QStringLiteral("."))).absolutePath();
+    if (!QDir().mkpath(folder)) {
+        err(QStringLiteral("ztcli: cannot create the destination folder %1\n").arg(folder));
+        return ExitUsage;
+    }
+
+    const QString label = names.size() == 1 ? QStringLiteral("download %1").arg(names.first())
+                                            : QStringLiteral("download %1 files").arg(names.size());
+    const CommandOutcome outcome = m_client->download(names, folder, label);
+    if (!outcome.succeeded())
+        return report(QStringLiteral("download"), outcome, ErrorText::Transfer);
+
+    int status = ExitSuccess;
+    for (const QVariant &item : outcome.result.toList()) {
+        const QVariantMap task = item.toMap();
+        const QString name = task.value(QStringLiteral("filename")).toString();
+        const QString path = task.value(QStringLiteral("path")).toString();
+        const qint64 expected = sizes.value(name, task.value(QStringLiteral("fileSize")).toLongLong());
+        const qint64 actual = QFileInfo(path).size();
+        if (!QFileInfo::exists(path) || actual != expected) {
+            err(QStringLiteral("ztcli: %1 has %2 bytes, the service has %3\n").arg(path).arg(actual).arg(expected));
+            status = ExitTransfer;
+            continue;
+        }
+        out(QStringLiteral("downloaded %1 to %2 (%3)\n").arg(name, path, ProgressDisplay::bytes(actual)));
+    }
+    return status;
+}
+
+int CommandRunner::runDemo()
+{
+    DemoRun demo(&m_stdout, &m_stderr, m_interrupts);
+    demo.setVerbose(m_line.verbose());
+    return demo.run(m_line.number(QStringLiteral("size-mb"), DemoRun::DefaultSizeMiB));
+}

@@ -1,0 +1,113 @@
+#include "serviceclient.h"
+
+#include "interrupthandler.h"
+#include "pluginhost.h"
+#include "progressdisplay.h"
+
+#include <zephyrtide/error.h>
+
+#include <QDir>
+#include <QUrl>
+
+namespace {
+const QString UploadCategory = QStringLiteral("Zephyrtide");
+}
+
+ServiceClient::ServiceClient(PluginHost *host, QObject *parent)
+    : QObject(parent)
+    , m_host(host)
+{
+}
+
+CommandOutcome ServiceClient::call(QObject *target, const char *slot, const QVariantMap &params,
+                                   const QString &progressLabel)
+{
+    // A Ctrl-C between two commands ends the sequence before the next one.
+    if (m_interrupts && m_interrupts->count() > 0) {
+        CommandOutcome outcome;
+        outcome.invoked = outcome.interrupted = true;
+        outcome.status = QStringLiteral("fail");
+        outcome.code = Zephyrtide::Error::Stopped;
+        return outcome;
+    }
+    HostCommand command(target, slot, params);
+    command.watchInterrupts(m_interrupts);
+    const bool showsProgress = m_display && !progressLabel.isEmpty();
+    if (showsProgress) {
+        command.showProgress(m_display);
+        m_display->begin(progressLabel);
+    }
+    const CommandOutcome outcome = command.run();
+    if (showsProgress)
+        m_display->finish(outcome.succeeded());
+    return outcome;
+}
+
+CommandOutcome ServiceClient::setAddress(const QString &baseUrl)
+{
+    m_baseUrl = baseUrl;
+    return call(m_host->root(), "zt_apply_setIP", {{QStringLiteral("ip"), baseUrl}});
+}
+
+CommandOutcome ServiceClient::list()
+{
+    return call(m_host->root(), "zt_apply_fileList", QVariantMap());
+}
+
+CommandOutcome ServiceClient::remove(const QString &name)
+{
+    return call(m_host->root(), "zt_apply_delete", {{QStringLiteral("filename"), name}});
+}
+
+QString ServiceClient::downloadUrl(const QString &name) const
+{
+    return m_baseUrl + QStringLiteral("/download?fileName=")
+           + QString::fromLatin1(QUrl::toPercentEncoding(name));
+}
+
+CommandOutcome ServiceClient::exists(const QString &name)
+{
+    QObject *downloads = m_host->commandObject("StartDownload");
+    if (!downloads) {
+        CommandOutcome outcome;
+        outcome.status = QStringLiteral("fail");
+        outcome.code = Zephyrtide::Error::NoManager;
+        return outcome;
+    }
+    return call(downloads, "zt_apply_isExist", {{QStringLiteral("url"), downloadUrl(name)}});
+}
+
+CommandOutcome ServiceClient::upload(const QStringList &absolutePaths, const QString &label)
+{
+    QVariantList files;
+    for (const QString &path : absolutePaths) {
+        files.append(QVariantMap{{QStringLiteral("filePath"), path},
+                                 {QStringLiteral("category"), UploadCategory},
+                                 {QStringLiteral("private"), false},
+                                 {QStringLiteral("userID"), QString()}});
+    }
+    return call(m_host->root(), "zt_apply_startUpload", {{QStringLiteral("files"), files}}, label);
+}
+
+CommandOutcome ServiceClient::download(const QStringList &names, const QString &folder,
+                                       const QString &label)
+{
+    const QDir destination(folder);
+    QVariantList files;
+    for (const QString &name : names) {
+        // "path" is the destination file itself; the plugin takes its folder from it.
+        files.append(QVariantMap{{QStringLiteral("filename"), name},
+                                 {QStringLiteral("path"), destination.absoluteFilePath(name)}});
+    }
+    return call(m_host->root(), "zt_apply_startDownload", {{QStringLiteral("files"), files}}, label);
+}
+
+QVariantMap ServiceClient::findEntry(const QVariantList &listing, const QString &name)
+{
+    for (const QVariant &entry : listing) {
+        const QVariantMap map = entry.toMap();
+        if (map.value(QStringLiteral("fileName")).toString() == name)
+            return map;
+    }
+    return QVariantMap();
+}

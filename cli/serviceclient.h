@@ -1,0 +1,46 @@
+#pragma once
+
+#include "hostcommand.h"
+
+#include <QObject>
+#include <QPointer>
+#include <QStringList>
+#include <QVariantList>
+
+class PluginHost;
+
+// The file-service operations ztcli offers, each one command of the plugin
+// called by name on its root (or, for the existence query, on its download
+// command object) with the parameter maps a host sends.
+class ServiceClient : public QObject
+{
+    Q_OBJECT
+public:
+    explicit ServiceClient(PluginHost *host, QObject *parent = nullptr); // host borrowed
+
+    void setInterruptHandler(InterruptHandler *handler) { m_interrupts = handler; } // borrowed
+    void setDisplay(ProgressDisplay *display) { m_display = display; }              // borrowed
+
+    CommandOutcome setAddress(const QString &baseUrl);
+    CommandOutcome list();                     // result: list of {"fileName", "fileSize", ...}
+    CommandOutcome remove(const QString &name);
+    CommandOutcome exists(const QString &name); // result: {"url", "bytesReceived", "bytesTotal"}
+    CommandOutcome upload(const QStringList &absolutePaths, const QString &label);
+    // Each name NAME lands as folder/NAME (or a free variant of it; see the result's "path").
+    CommandOutcome download(const QStringList &names, const QString &folder, const QString &label);
+
+    // The existence query names the file in the address: the plugin probes it
+    // before it knows any file name.
+    QString downloadUrl(const QString &name) const;
+
+    static QVariantMap findEntry(const QVariantList &listing, const QString &name);
+
+private:
+    CommandOutcome call(QObject *target, const char *slot, const QVariantMap &params,
+                        const QString &progressLabel = QString());
+
+    PluginHost *m_host; // borrowed
+    QPointer<InterruptHandler> m_interrupts;
+    QPointer<ProgressDisplay> m_display;
+    QString m_baseUrl;
+};

@@ -1,0 +1,85 @@
+#include "clirun.h"
+
+#include <QDir>
+#include <QTest>
+
+#include <csignal>
+
+CliRun::CliRun(const QString &home)
+    : m_env(QProcessEnvironment::systemEnvironment())
+{
+    const QDir dir(home);
+    for (const char *folder : {"config", "cache", "data", "tmp"})
+        dir.mkpath(QLatin1String(folder));
+    m_env.insert(QStringLiteral("HOME"), home);
+    m_env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir.filePath(QStringLiteral("config")));
+    m_env.insert(QStringLiteral("XDG_CACHE_HOME"), dir.filePath(QStringLiteral("cache")));
+    m_env.insert(QStringLiteral("XDG_DATA_HOME"), dir.filePath(QStringLiteral("data")));
+    m_env.insert(QStringLiteral("TMPDIR"), dir.filePath(QStringLiteral("tmp")));
+    // ztcli's own defaults are under test, not the harness's log settings.
+    for (const char *name : {"QT_LOGGING_RULES", "QT_FORCE_STDERR_LOGGING", "ZT_SERVER", "ZT_TOKEN",
+                             "ZT_PLUGIN"})
+        m_env.remove(QLatin1String(name));
+    QObject::connect(&m_process, &QProcess::readyReadStandardOutput, [this] { collect(); });
+    QObject::connect(&m_process, &QProcess::readyReadStandardError, [this] { collect(); });
+}
+
+CliRun::~CliRun()
+{
+    if (isRunning()) {
+        m_process.kill();
+        m_process.waitForFinished(5000);
+    }
+}
+
+void CliRun::collect()
+{
+    m_out += m_process.readAllStandardOutput();
+    m_err += m_process.readAllStandardError();
+}
+
+void CliRun::start(const QStringList &arguments)
+{
+    m_out.clear();
+    m_err.clear();
+    m_process.setProcessEnvironment(m_env);
+    m_process.start(QStringLiteral(ZTCLI_PATH), arguments);
+    m_process.waitForStarted(10000);
+}
+
+bool CliRun::finish(int timeoutMs)
+{
+    const bool ended = QTest::qWaitFor([this] { return !isRunning(); }, timeoutMs);
+    if (!ended) {
+        m_process.kill();
+        m_process.waitForFinished(5000);
+    }
+    collect();
+    return ended;
+}
+
+int CliRun::run(const QStringList &arguments, int timeoutMs)
+{
+    start(arguments);
+    return finish(timeoutMs) ? exitCode() : -1;
+}
+
+QString CliRun::firstLine(int timeoutMs)
+{
+    (void)QTest::qWaitFor([this] { return m_out.contains('\n') || !isRunning(); }, timeoutMs);
+    collect();
+    return QString::fromUtf8(m_out.left(m_out.indexOf('\n'))).trimmed();
+}
+
+void CliRun::interrupt()
+{
+    if (isRunning())
+        ::kill(pid_t(m_process.processId()), SIGINT);
+}
+
+int CliRun::exitCode() const
+{
+    if (m_process.exitStatus() != QProcess::NormalExit)
+        return -1;
+    return m_process.exitCode();
+}

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+
+// Runs the built ztcli as a user would, in a private home: HOME and the XDG
+// folders point under the given folder, so settings, caches and partial
+// downloads never touch the real user's. Waiting keeps the caller's event loop
+// running (an in-process server may be answering), is always bounded, and a
+// process still running at the end is killed.
+class CliRun
+{
+public:
+    explicit CliRun(const QString &home);
+    ~CliRun();
+
+    void setEnv(const QString &name, const QString &value) { m_env.insert(name, value); }
+    void unsetEnv(const QString &name) { m_env.remove(name); }
+
+    void start(const QStringList &arguments);
+    // True when it ended by itself within timeoutMs; otherwise it is killed.
+    bool finish(int timeoutMs = 60000);
+    // start() and finish(); the exit status, or -1 after a time-out or crash.
+    int run(const QStringList &arguments, int timeoutMs = 60000);
+
+    // Waits (bounded) until stdout holds a full line and returns it.
+    QString firstLine(int timeoutMs = 20000);
+    void interrupt(); // SIGINT, as Ctrl-C sends it
+    qint64 pid() const { return m_process.processId(); }
+    bool isRunning() const { return m_process.state() != QProcess::NotRunning; }
+
+    int exitCode() const;
+    QString out() const { return QString::fromUtf8(m_out); }
+    QString err() const { return QString::fromUtf8(m_err); }
+    QString output() const { return out() + err(); }
+
+private:
+    void collect();
+
+    QProcess m_process;
+    QProcessEnvironment m_env;
+    QByteArray m_out;
+    QByteArray m_err;
+};

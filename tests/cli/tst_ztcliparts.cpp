@@ -1,0 +1,347 @@
+#include "commandline.h"
+#include "errortext.h"
+#include "hostcommand.h"
+#include "interrupthandler.h"
+#include "progressdisplay.h"
+
+#include <zephyrtide/error.h>
+#include <zephyrtide/reply.h>
+
+#include <QBuffer>
+#include <QEventLoop>
+#include <QRegularExpression>
+#include <QTest>
+#include <QTimer>
+
+#include <csignal>
+
+using Code = Zephyrtide::Error::ErrorCode;
+
+// Plays the plugin's part for HostCommand: a command slot that answers stop()
+// and abort() as it is told to.
+class FakeCommand : public QObject
+{
+    Q_OBJECT
+public:
+    enum Behaviour { FinishAtOnce, FinishOnStop, FinishOnAbort, NeverFinish, BusyThenFinishOnStop };
+    Behaviour behaviour = FinishAtOnce;
+    int stops = 0;
+    int aborts = 0;
+
+public Q_SLOTS:
+    void zt_apply_fake(Zephyrtide::Reply *reply, QVariantMap params)
+    {
+        if (behaviour == FinishAtOnce) {
+            Q_EMIT reply->finished({{"status", "success"}, {"result", params.value("echo")}, {"errorCode", 0}});
+            return;
+        }
+        if (behaviour == BusyThenFinishOnStop) {
+            // Like a probe: a nested wait inside the call, before stop() is wired.
+            QEventLoop loop;
+            QTimer::singleShot(300, &loop, &QEventLoop::quit);
+            loop.exec();
+        }
+        connect(reply, &Zephyrtide::Reply::stop, this, [this, reply] {
+            ++stops;
+            if (behaviour == FinishOnStop || behaviour == BusyThenFinishOnStop)
+                finish(reply, Zephyrtide::Error::Stopped);
+        });
+        connect(reply, &Zephyrtide::Reply::abort, this, [this, reply] {
+            ++aborts;
+            if (behaviour != NeverFinish)
+                finish(reply, Zephyrtide::Error::Aborted);
+        });
+    }
+
+private:
+    static void finish(Zephyrtide::Reply *reply, Code code)
+    {
+        Q_EMIT reply->finished({{"status", "fail"}, {"result", QVariant()}, {"errorCode", int(code)}});
+    }
+};
+
+// The parts of ztcli that do not need a service: command-line parsing, the
+// progress display, Ctrl-C handling around a command, the exit statuses.
+class tst_ZtcliParts : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void commandLine_data();
+    void commandLine();
+    void byteAndTimeFormats_data();
+    void byteAndTimeFormats();
+    void statusLine();
+    void plainLinesAtMostOncePerSecond();
+    void barRedrawsInPlace();
+    void resumedTransferCountsOnlyNewBytes();
+    void interruptsReachTheReply_data();
+    void interruptsReachTheReply();
+    void missingSlotIsNotInvoked();
+    void exitStatusForCodes_data();
+    void exitStatusForCodes();
+};
+
+void tst_ZtcliParts::commandLine_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<QString>("error"); // empty: valid
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QStringList>("operands");
+    QTest::addColumn<QString>("option");
+    QTest::addColumn<QString>("value");
+
+    QTest::newRow("global option after the command")
+        << QStringList{"list", "--server", "http://h:1"} << "" << "list" << QStringList() << "server" << "http://h:1";
+    QTest::newRow("--name=value") << QStringList{"--server=http://h:1", "list"} << "" << "list" << QStringList()
+                                  << "server" << "http://h:1";
+    QTest::newRow("short option") << QStringList{"-s", "http://h:2", "list"} << "" << "list" << QStringList()
+                                  << "server" << "http://h:2";
+    QTest::newRow("-- keeps a dash name an operand")
+        << QStringList{"delete", "--", "--odd-name"} << "" << "delete" << QStringList{"--odd-name"} << "" << "";
+    QTest::newRow("options between operands")
+        << QStringList{"download", "a", "--to", "d", "b"} << "" << "download" << QStringList{"a", "b"} << "to" << "d";
+    QTest::newRow("chunk size 0 means the plugin's") << QStringList{"--chunk-size-mb", "0", "list"} << ""
+                                                     << "list" << QStringList() << "chunk-size-mb" << "0";
+    QTest::newRow("chunk size too large") << QStringList{"--chunk-size-mb", "4096", "list"}
+                                          << "from 0 to 4095" << "" << QStringList() << "" << "";
+    QTest::newRow("demo size 0") << QStringList{"demo", "--size-mb", "0"} << "from 1 to 65536" << ""
+                                 << QStringList() << "" << "";
+    QTest::newRow("not a number") << QStringList{"serve", "--port", "eighty"} << "not \"eighty\"" << ""
+                                  << QStringList() << "" << "";
+    QTest::newRow("flag with a value") << QStringList{"--verbose=yes", "list"} << "takes no value" << ""
+                                       << QStringList() << "" << "";
+    QTest::newRow("list takes no operands") << QStringList{"list", "x"} << "takes no operands" << ""
+                                            << QStringList() << "" << "";
+    QTest::newRow("help skips the operand checks") << QStringList{"exists", "--help"} << "" << "exists"
+                                                   << QStringList() << "help" << "";
+}
+
+void tst_ZtcliParts::commandLine()
+{
+    QFETCH(QStringList, args);
+    QFETCH(QString, error);
+    QFETCH(QString, command);
+    QFETCH(QStringList, operands);
+    QFETCH(QString, option);
+    QFETCH(QString, value);
+
+    const CommandLine line = CommandLine::parse(args);
+    if (!error.isEmpty()) {
+        QVERIFY(!line.isValid());
+        QVERIFY2(line.error().contains(error), qPrintable(line.error()));
+        return;
+    }
+    QVERIFY2(line.isValid(), qPrintable(line.error()));
+    QCOMPARE(line.command(), command);
+    QCOMPARE(line.operands(), operands);
+    if (!option.isEmpty())
+        QCOMPARE(line.value(option), value);
+}
+
+void tst_ZtcliParts::byteAndTimeFormats_data()
+{
+    QTest::addColumn<QString>("actual");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("0 bytes") << ProgressDisplay::bytes(0) << "0 B";
+    QTest::newRow("1023 bytes") << ProgressDisplay::bytes(1023) << "1023 B";
+    QTest::newRow("1 KiB") << ProgressDisplay::bytes(1024) << "1.0 KiB";
+    QTest::newRow("just under 1 MiB") << ProgressDisplay::bytes(1024 * 1024 - 1) << "1024.0 KiB";
+    QTest::newRow("300 MiB") << ProgressDisplay::bytes(300LL << 20) << "300.0 MiB";
+    QTest::newRow("1.5 GiB") << ProgressDisplay::bytes(3LL << 29) << "1.50 GiB";
+    QTest::newRow("unknown size") << ProgressDisplay::bytes(-1) << "?";
+    QTest::newRow("rate") << ProgressDisplay::rate(2.5 * 1024 * 1024) << "2.5 MiB/s";
+    QTest::newRow("nothing left") << ProgressDisplay::timeLeft(0) << "0:00";
+    // A fraction of a second left still shows as a second, not as done.
+    QTest::newRow("a moment left") << ProgressDisplay::timeLeft(0.2) << "0:01";
+    QTest::newRow("just under a minute") << ProgressDisplay::timeLeft(59.5) << "1:00";
+    QTest::newRow("over an hour") << ProgressDisplay::timeLeft(3661) << "1:01:01";
+    QTest::newRow("unknown time") << ProgressDisplay::timeLeft(-1) << "--:--";
+}
+
+void tst_ZtcliParts::byteAndTimeFormats()
+{
+    QFETCH(QString, actual);
+    QFETCH(QString, expected);
+    QCOMPARE(actual, expected);
+}
+
+void tst_ZtcliParts::statusLine()
+{
+    QCOMPARE(ProgressDisplay::status(50, 100, 10, 10), QStringLiteral("[#####.....]  50%  50 B / 100 B  10 B/s  0:05 left"));
+    QCOMPARE(ProgressDisplay::status(7, -1, 0, 0), QStringLiteral(" --%  7 B / ?  0 B/s  --:-- left"));
+    // Progress past the total (the plugin may report the merge on top) is capped.
+    QCOMPARE(ProgressDisplay::status(120, 100, 0, 4), QStringLiteral("[####] 100%  120 B / 100 B  0 B/s  --:-- left"));
+}
+
+void tst_ZtcliParts::plainLinesAtMostOncePerSecond()
+{
+    QBuffer out;
+    out.open(QIODevice::WriteOnly);
+    qint64 now = 0;
+    ProgressDisplay display(ProgressDisplay::Lines, &out, nullptr);
+    display.setClock([&now] { return now; });
+    display.begin(QStringLiteral("download x"));
+    const qint64 MiB = 1 << 20;
+    // (time in ms, bytes done): lines are due at 0, 1000 and 2500 only.
+    const QList<QPair<qint64, qint64>> updates{{0, 0}, {200, MiB}, {999, 2 * MiB}, {1000, 3 * MiB},
+                                               {1999, 4 * MiB}, {2500, 5 * MiB}};
+    for (const auto &step : updates) {
+        now = step.first;
+        display.update(step.second, 10 * MiB);
+    }
+    now = 4000;
+    display.finish(true);
+
+    const QStringList lines = QString::fromUtf8(out.data()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QCOMPARE(lines.size(), 4);
+    QVERIFY2(lines.at(1).startsWith(QLatin1String("download x   30%  3.0 MiB / 10.0 MiB  3.0 MiB/s")), qPrintable(lines.at(1)));
+    QVERIFY2(lines.at(2).contains(QLatin1String(" 50%  5.0 MiB")), qPrintable(lines.at(2)));
+    QCOMPARE(lines.at(3), QStringLiteral("download x  done: 10.0 MiB in 4.00 s, 2.5 MiB/s"));
+    QVERIFY(!out.data().contains('\r'));
+}
+
+void tst_ZtcliParts::barRedrawsInPlace()
+{
+    QBuffer out;
+    out.open(QIODevice::WriteOnly);
+    QBuffer notes;
+    notes.open(QIODevice::WriteOnly);
+    qint64 now = 0;
+    ProgressDisplay display(ProgressDisplay::Bar, &out, &notes);
+    display.setClock([&now] { return now; });
+    display.setWidth(80);
+    display.begin(QStringLiteral("upload"));
+    for (now = 0; now <= 1000; now += 20)
+        display.update(now, 1000);
+    const QByteArray drawn = out.data();
+    // Redrawn about ten times a second, each time over the same line.
+    QCOMPARE(drawn.count('\r'), 11);
+    QVERIFY(!drawn.contains('\n'));
+    const QList<QByteArray> frames = drawn.split('\r');
+    for (const QByteArray &frame : frames)
+        QVERIFY2(frame.size() <= 83, frame.constData()); // 79 columns plus the clear-line escape
+
+    now = 1000;
+    display.note(QStringLiteral("Stopping"));
+    QVERIFY(out.data().endsWith("\r\033[K")); // the bar makes room for the note
+    QCOMPARE(notes.data(), QByteArray("Stopping\n"));
+    display.finish(false);
+    QVERIFY2(out.data().endsWith("upload  ended at 1000 B of 1000 B (100%) after 1.00 s\n"), out.data().right(80).constData());
+}
+
+void tst_ZtcliParts::resumedTransferCountsOnlyNewBytes()
+{
+    QBuffer out;
+    out.open(QIODevice::WriteOnly);
+    qint64 now = 0;
+    ProgressDisplay display(ProgressDisplay::Lines, &out, nullptr);
+    display.setClock([&now] { return now; });
+    display.begin(QStringLiteral("upload"));
+    const qint64 MiB = 1 << 20;
+    display.update(90 * MiB, 100 * MiB); // already on the service from the last run
+    now = 1000;
+    display.update(95 * MiB, 100 * MiB);
+    now = 2000;
+    display.finish(true);
+    const QStringList lines = QString::fromUtf8(out.data()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QCOMPARE(lines.size(), 3);
+    QVERIFY2(lines.at(0).contains(QLatin1String("0 B/s  --:-- left")), qPrintable(lines.at(0)));
+    QVERIFY2(lines.at(1).contains(QLatin1String("5.0 MiB/s  0:01 left")), qPrintable(lines.at(1)));
+    QCOMPARE(lines.at(2), QStringLiteral("upload  done: 100.0 MiB in 2.00 s, 5.0 MiB/s (resumed at 90%)"));
+}
+
+void tst_ZtcliParts::interruptsReachTheReply_data()
+{
+    QTest::addColumn<int>("behaviour");
+    QTest::addColumn<int>("interrupts"); // SIGINTs, 150 ms apart, from 50 ms on
+    QTest::addColumn<int>("code");
+    QTest::addColumn<int>("stops");
+    QTest::addColumn<int>("aborts");
+
+    QTest::newRow("no Ctrl-C") << int(FakeCommand::FinishAtOnce) << 0 << 0 << 0 << 0;
+    QTest::newRow("Ctrl-C: stop") << int(FakeCommand::FinishOnStop) << 1 << int(Code::Stopped) << 1 << 0;
+    QTest::newRow("second Ctrl-C: abort") << int(FakeCommand::FinishOnAbort) << 2 << int(Code::Aborted) << 1 << 1;
+    QTest::newRow("unanswered stop: abort after the grace time")
+        << int(FakeCommand::FinishOnAbort) << 1 << int(Code::Aborted) << 1 << 1;
+    QTest::newRow("third Ctrl-C: stop waiting") << int(FakeCommand::NeverFinish) << 3 << int(Code::Aborted) << 1 << 1;
+    QTest::newRow("Ctrl-C while the slot still runs: stop said again")
+        << int(FakeCommand::BusyThenFinishOnStop) << 1 << int(Code::Stopped) << 1 << 0;
+}
+
+void tst_ZtcliParts::interruptsReachTheReply()
+{
+    QFETCH(int, behaviour);
+    QFETCH(int, interrupts);
+    QFETCH(int, code);
+    QFETCH(int, stops);
+    QFETCH(int, aborts);
+
+    FakeCommand plugin;
+    plugin.behaviour = FakeCommand::Behaviour(behaviour);
+    InterruptHandler handler;
+    QVERIFY(handler.isActive());
+    HostCommand command(&plugin, "zt_apply_fake", {{"echo", "pong"}});
+    command.watchInterrupts(&handler);
+    command.setInterruptGraceMs(1000);
+    // The timers die with this row's plugin, so no signal outlives the handler.
+    for (int i = 0; i < interrupts; ++i)
+        QTimer::singleShot(50 + 150 * i, &plugin, [] { ::raise(SIGINT); });
+    // A hang here is the fault under test; end it rather than the test run.
+    QTimer::singleShot(10000, &plugin, [] {
+        for (int i = 0; i < 3; ++i)
+            ::raise(SIGINT);
+    });
+
+    const CommandOutcome outcome = command.run();
+    QVERIFY(outcome.invoked);
+    QCOMPARE(outcome.code, code);
+    QCOMPARE(outcome.interrupted, interrupts > 0);
+    QCOMPARE(plugin.stops, stops);
+    QCOMPARE(plugin.aborts, aborts);
+    if (interrupts == 0)
+        QCOMPARE(outcome.result.toString(), QStringLiteral("pong"));
+}
+
+void tst_ZtcliParts::missingSlotIsNotInvoked()
+{
+    QObject notAPlugin;
+    HostCommand command(&notAPlugin, "zt_apply_fake", {});
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("No such method")));
+    const CommandOutcome outcome = command.run();
+    QVERIFY(!outcome.invoked);
+    QVERIFY(!outcome.succeeded());
+}
+
+void tst_ZtcliParts::exitStatusForCodes_data()
+{
+    QTest::addColumn<int>("code");
+    QTest::addColumn<int>("context");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("name");
+    const int request = ErrorText::ServiceRequest;
+    const int transfer = ErrorText::Transfer;
+    QTest::newRow("success") << 0 << request << 0 << "NoError";
+    QTest::newRow("listing: not there") << int(Code::NotExist) << request << 1 << "NotExist";
+    QTest::newRow("listing: refused") << int(Code::ConnectionRefused) << request << 3 << "ConnectionRefused";
+    QTest::newRow("listing: time-out") << int(Code::Timeout) << request << 3 << "Timeout";
+    QTest::newRow("listing: wrong token") << int(Code::AuthError) << request << 3 << "AuthError";
+    QTest::newRow("transfer: disk full") << int(Code::NotEnoughDiskSpace) << transfer << 4 << "NotEnoughDiskSpace";
+    QTest::newRow("transfer: connection lost") << int(Code::RemoteHostClosed) << transfer << 4 << "RemoteHostClosed";
+    QTest::newRow("transfer: stopped") << int(Code::Stopped) << transfer << 130 << "Stopped";
+    QTest::newRow("transfer: aborted") << int(Code::Aborted) << transfer << 130 << "Aborted";
+    QTest::newRow("shared number 20699") << 20699 << transfer << 4 << "FileError";
+    QTest::newRow("unknown number") << 12345 << transfer << 4 << "Error12345";
+}
+
+void tst_ZtcliParts::exitStatusForCodes()
+{
+    QFETCH(int, code);
+    QFETCH(int, context);
+    QFETCH(int, status);
+    QFETCH(QString, name);
+    QCOMPARE(ErrorText::exitCode(code, ErrorText::Context(context)), status);
+    QVERIFY(ErrorText::describe(code).startsWith(QStringLiteral("%1 (%2): ").arg(name).arg(code)));
+}
+
+QTEST_GUILESS_MAIN(tst_ZtcliParts)
+#include "tst_ztcliparts.moc"

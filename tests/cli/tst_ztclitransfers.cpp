@@ -1,0 +1,255 @@
+#include "clirun.h"
+#include "scriptedserver.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QTest>
+
+// Transfers through ztcli and the plugin: round trips against the reference
+// file service, the existence query, Ctrl-C and resume, and the demo.
+class tst_ZtcliTransfers : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+    void uploadThenDownload_data();
+    void uploadThenDownload();
+    void secondDownloadGetsAFreeName();
+    void existsTellsStoredFromMissing_data();
+    void existsTellsStoredFromMissing();
+    void interruptedDownloadResumes();
+    void demoRunsEndToEnd();
+
+private:
+    static QByteArray randomBytes(qint64 size);
+    static QByteArray readFile(const QString &path);
+    static qint64 bytesUnder(const QString &folder);
+    QString writeLocal(const QString &name, const QByteArray &content);
+
+    QTemporaryDir m_home;
+    QTemporaryDir m_store;
+    QTemporaryDir m_local;
+    CliRun *m_service = nullptr;
+    QString m_url;
+};
+
+QByteArray tst_ZtcliTransfers::randomBytes(qint64 size)
+{
+    QByteArray data(int(size), Qt::Uninitialized);
+    auto *words = reinterpret_cast<quint32 *>(data.data());
+    QRandomGenerator::global()->fillRange(words, data.size() / 4);
+    for (int i = data.size() / 4 * 4; i < data.size(); ++i)
+        data[i] = char(QRandomGenerator::global()->generate());
+    return data;
+}
+
+QByteArray tst_ZtcliTransfers::readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+qint64 tst_ZtcliTransfers::bytesUnder(const QString &folder)
+{
+    qint64 sum = 0;
+    QDirIterator it(folder, QDir::Files, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        it.next();
+        sum += it.fileInfo().size();
+    }
+    return sum;
+}
+
+QString tst_ZtcliTransfers::writeLocal(const QString &name, const QByteArray &content)
+{
+    const QString path = QDir(m_local.path()).filePath(name);
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        return QString();
+    return path;
+}
+
+void tst_ZtcliTransfers::initTestCase()
+{
+    QVERIFY(m_home.isValid() && m_store.isValid() && m_local.isValid());
+    m_service = new CliRun(m_home.path());
+    m_service->start({"serve", "--root", m_store.path(), "--port", "0"});
+    m_url = m_service->firstLine();
+    QVERIFY2(m_url.startsWith(QLatin1String("http://127.0.0.1:")), qPrintable(m_service->output()));
+}
+
+void tst_ZtcliTransfers::cleanupTestCase()
+{
+    delete m_service;
+}
+
+void tst_ZtcliTransfers::uploadThenDownload_data()
+{
+    QTest::addColumn<qint64>("size");
+    const qint64 chunk = 1024 * 1024; // --chunk-size-mb 1 for downloads
+    QTest::newRow("empty") << qint64(0);
+    QTest::newRow("one byte") << qint64(1);
+    QTest::newRow("one chunk less a byte") << chunk - 1;
+    QTest::newRow("one chunk and a byte") << chunk + 1;
+    QTest::newRow("several chunks, odd size") << 5 * chunk + 3;
+}
+
+void tst_ZtcliTransfers::uploadThenDownload()
+{
+    QFETCH(qint64, size);
+    const QString name = QStringLiteral("round-%1.bin").arg(size);
+    const QByteArray content = randomBytes(size);
+    const QString source = writeLocal(name, content);
+    QVERIFY(!source.isEmpty());
+
+    CliRun cli(m_home.path());
+    QCOMPARE(cli.run({"--server", m_url, "upload", source}), 0);
+    QVERIFY2(cli.out().contains(QStringLiteral("uploaded %1").arg(source)), qPrintable(cli.output()));
+    QVERIFY(readFile(QDir(m_store.path()).filePath(name)) == content);
+
+    QTemporaryDir target;
+    QCOMPARE(cli.run({"--server", m_url, "--chunk-size-mb", "1", "download", name, "--to", target.path()}), 0);
+    const QString path = QDir(target.path()).filePath(name);
+    QVERIFY2(cli.out().contains(QStringLiteral("downloaded %1 to %2").arg(name, path)), qPrintable(cli.output()));
+    QVERIFY(readFile(path) == content);
+}
+
+void tst_ZtcliTransfers::secondDownloadGetsAFreeName()
+{
+    const QByteArray content = randomBytes(300000);
+    QFile stored(QDir(m_store.path()).filePath(QStringLiteral("twice.dat")));
+    QVERIFY(stored.open(QIODevice::WriteOnly));
+    stored.write(content);
+    stored.close();
+
+    QTemporaryDir target;
+    CliRun cli(m_home.path());
+    const QStringList args{"--server", m_url, "download", "twice.dat", "--to", target.path()};
+    QCOMPARE(cli.run(args), 0);
+    QCOMPARE(cli.run(args), 0);
+    // The first copy is kept; the second lands beside it and ztcli says where.
+    const QString second = QDir(target.path()).filePath(QStringLiteral("twice(1).dat"));
+    QVERIFY2(cli.out().contains(second), qPrintable(cli.output()));
+    QVERIFY(readFile(QDir(target.path()).filePath(QStringLiteral("twice.dat"))) == content);
+    QVERIFY(readFile(second) == content);
+}
+
+void tst_ZtcliTransfers::existsTellsStoredFromMissing_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("says");
+    QTest::newRow("stored") << "exists-here.txt" << 0 << "exists-here.txt: stored, 11 bytes";
+    QTest::newRow("not stored") << "exists-nowhere.txt" << 1 << "exists-nowhere.txt: not on the service";
+    QTest::newRow("name with a blank and umlaut") << QString::fromUtf8("ä b.txt") << 0
+                                                  << QString::fromUtf8("ä b.txt: stored, 11 bytes");
+}
+
+void tst_ZtcliTransfers::existsTellsStoredFromMissing()
+{
+    QFETCH(QString, name);
+    QFETCH(int, status);
+    QFETCH(QString, says);
+    for (const char *stored : {"exists-here.txt", "ä b.txt"}) {
+        QFile file(QDir(m_store.path()).filePath(QString::fromUtf8(stored)));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("hello world");
+    }
+    CliRun cli(m_home.path());
+    QCOMPARE(cli.run({"--server", m_url, "exists", name}), status);
+    QVERIFY2(cli.out().contains(says), qPrintable(cli.output()));
+    if (status == 0)
+        QVERIFY2(cli.out().contains(QLatin1String("nothing downloaded here yet")), qPrintable(cli.output()));
+}
+
+// Ctrl-C mid-download stops through the reply's stop(): the chunks stay, the
+// existence query sees them, and the next run fetches only what is missing.
+// The server is scripted so that the first run is certain to be mid-way:
+// two chunks are answered, the others held until the interrupt.
+void tst_ZtcliTransfers::interruptedDownloadResumes()
+{
+    const qint64 chunk = 1024 * 1024;
+    const QByteArray content = randomBytes(6 * chunk + 123);
+    const QByteArray etag = "\"v1\"";
+    bool holdAfterTwo = true;
+    int chunksAnswered = 0;
+
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.setHandler([&](const ScriptedRequest &request) {
+        if (request.path() == QLatin1String("/download/pathList")) {
+            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": "big.bin", "fileSize": )"
+                                          + QByteArray::number(content.size()) + R"(, "etag": "v1", "modified": 0}]})");
+        }
+        if (request.path() != QLatin1String("/download"))
+            return ScriptedResponse::json("{}", 404);
+        ScriptedResponse response = ScriptedResponse::file(content, request, etag, "big.bin");
+        if (request.header("Range") != "bytes=0-1" && holdAfterTwo && ++chunksAnswered > 2)
+            response.hold = true;
+        return response;
+    });
+
+    QTemporaryDir temp;
+    QTemporaryDir target;
+    const QString result = QDir(target.path()).filePath(QStringLiteral("big.bin"));
+    const QStringList args{"--server", server.baseUrl(), "--temp", temp.path(), "--chunk-size-mb", "1",
+                           "download", "big.bin", "--to", target.path()};
+
+    CliRun first(m_home.path());
+    first.start(args);
+    QTRY_VERIFY_WITH_TIMEOUT(bytesUnder(temp.path()) >= 2 * chunk && server.heldCount() > 0, 30000);
+    first.interrupt();
+    QVERIFY(first.finish(20000));
+    QCOMPARE(first.exitCode(), 130);
+    QVERIFY2(first.err().contains(QLatin1String("Stopped (20716)")), qPrintable(first.output()));
+    QVERIFY(!QFile::exists(result));
+    const qint64 kept = bytesUnder(temp.path());
+    QVERIFY(kept >= 2 * chunk);
+
+    CliRun exists(m_home.path());
+    QCOMPARE(exists.run({"--server", server.baseUrl(), "--temp", temp.path(), "exists", "big.bin"}), 0);
+    QVERIFY2(exists.out().contains(QStringLiteral("%1 bytes").arg(kept)), qPrintable(exists.output()));
+
+    holdAfterTwo = false;
+    const qint64 sentBefore = server.bodyBytesSent();
+    CliRun second(m_home.path());
+    QCOMPARE(second.run(args), 0);
+    QVERIFY(readFile(result) == content);
+    // Only the missing chunks travelled again, plus their overlap bytes, the
+    // probe's two bytes and the listing ztcli asks for before it downloads.
+    const qint64 resent = server.bodyBytesSent() - sentBefore;
+    QVERIFY2(resent <= content.size() - kept + 512,
+             qPrintable(QStringLiteral("resent %1 of %2 bytes").arg(resent).arg(content.size())));
+    QCOMPARE(bytesUnder(temp.path()), qint64(0)); // the merged chunks are gone
+}
+
+void tst_ZtcliTransfers::demoRunsEndToEnd()
+{
+    CliRun cli(m_home.path());
+    QCOMPARE(cli.run({"demo", "--size-mb", "8"}, 300000), 0);
+    const QString out = cli.out();
+    QVERIFY2(out.contains(QLatin1String("all 3 files came back identical (SHA-256)")), qPrintable(cli.output()));
+    QVERIFY2(out.contains(QRegularExpression(QStringLiteral("archive\\.bin +8388608 +[0-9a-f]{16} +identical"))),
+             qPrintable(out));
+    QVERIFY(out.contains(QRegularExpression(QStringLiteral("upload +11\\.0 MiB in [0-9.]+ s, [0-9.]+ [KM]iB/s"))));
+
+    // Nothing left behind: the work folder is gone and the service stopped.
+    const QString work = QRegularExpression(QStringLiteral("working in (\\S+)")).match(out).captured(1);
+    QVERIFY(!work.isEmpty());
+    QVERIFY2(!QFileInfo::exists(work), qPrintable(work));
+    const QUrl service(QRegularExpression(QStringLiteral("file service at (\\S+)")).match(out).captured(1));
+    QVERIFY(service.port() > 0);
+    QTcpSocket probe;
+    probe.connectToHost(QStringLiteral("127.0.0.1"), quint16(service.port()));
+    QVERIFY(!probe.waitForConnected(2000));
+}
+
+QTEST_GUILESS_MAIN(tst_ZtcliTransfers)
+#include "tst_ztclitransfers.moc"
