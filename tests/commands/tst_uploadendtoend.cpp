@@ -1,3 +1,4 @@
+#include "filedigest.h"
 #include "fileserviceprocess.h"
 #include "hostcall.h"
 #include "plugin/globalmanager.h"
@@ -37,7 +38,6 @@ private:
     static constexpr qint64 LargeChunkSize = 1024 * 1024;
 
     QString makeFile(const QString &name, qint64 size);
-    QByteArray digestOf(const QString &path) const;
     bool startService(qint64 chunkSize = ChunkSize);
     void useLargeParts();
     void setAddress();
@@ -109,15 +109,6 @@ QString tst_UploadEndToEnd::makeFile(const QString &name, qint64 size)
     return path;
 }
 
-QByteArray tst_UploadEndToEnd::digestOf(const QString &path) const
-{
-    QFile file(path);
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
-        return QByteArray();
-    return hash.result();
-}
-
 QVariantMap tst_UploadEndToEnd::filesParam(const QStringList &paths) const
 {
     QVariantList files;
@@ -164,7 +155,7 @@ void tst_UploadEndToEnd::sizesAroundTheChunkSize()
     for (const QString &path : paths) {
         const QString stored = m_store->filePath(QFileInfo(path).fileName());
         QVERIFY2(QFileInfo::exists(stored), qPrintable(stored));
-        QCOMPARE(digestOf(stored), digestOf(path));
+        QCOMPARE(sha256OfFile(stored), sha256OfFile(path));
     }
     qint64 total = 0;
     for (const QString &path : paths)
@@ -193,7 +184,7 @@ void tst_UploadEndToEnd::stopThenResume()
     HostCall second(m_root.data(), "zt_apply_startUpload", filesParam({path}));
     second.wait(120000);
     QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
-    QCOMPARE(digestOf(m_store->filePath("stopped.bin")), digestOf(path));
+    QCOMPARE(sha256OfFile(m_store->filePath("stopped.bin")), sha256OfFile(path));
     // One session throughout, and no byte travelled twice.
     QCOMPARE(uploadIdsInLog().size(), 1);
     QCOMPARE(m_service->partBytesReceived(), size);
@@ -221,7 +212,7 @@ void tst_UploadEndToEnd::serviceKilledThenResume()
     HostCall second(m_root.data(), "zt_apply_startUpload", filesParam({path}));
     second.wait(120000);
     QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
-    QCOMPARE(digestOf(m_store->filePath("killed.bin")), digestOf(path));
+    QCOMPARE(sha256OfFile(m_store->filePath("killed.bin")), sha256OfFile(path));
     QVERIFY(m_service->partBytesReceived() < size); // only what the first run did not leave
 }
 
@@ -243,7 +234,7 @@ void tst_UploadEndToEnd::abortStartsAfresh()
     HostCall second(m_root.data(), "zt_apply_startUpload", filesParam({path}));
     second.wait(120000);
     QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
-    QCOMPARE(digestOf(m_store->filePath("aborted.bin")), digestOf(path));
+    QCOMPARE(sha256OfFile(m_store->filePath("aborted.bin")), sha256OfFile(path));
 }
 
 QTEST_MAIN(tst_UploadEndToEnd)

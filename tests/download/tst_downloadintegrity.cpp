@@ -26,6 +26,7 @@ private Q_SLOTS:
     void fileChangedBetweenRuns();
     void chunkFilesLeftBehind_data();
     void chunkFilesLeftBehind();
+    void abortOfOneTaskDeletesItsChunks();
 
 private:
     static constexpr qint64 C = 1024 * 1024;
@@ -209,6 +210,36 @@ void tst_DownloadIntegrity::chunkFilesLeftBehind()
         ranges << QString::fromLatin1(r.header("Range"));
     QCOMPARE(ranges.contains(QString::fromLatin1(askedFor1)), !askedFor1.isEmpty());
     QVERIFY(!ranges.contains("bytes=0-1048576")); // chunk 1 was never fetched whole
+}
+
+void tst_DownloadIntegrity::abortOfOneTaskDeletesItsChunks()
+{
+    bool hold = false;
+    m_server->setHandler([&](const ScriptedRequest &r) {
+        ScriptedResponse response = ScriptedResponse::file(m_content, r, "\"d\"", "d.bin");
+        response.hold = hold && r.header("Range").startsWith("bytes=1048576-");
+        hold = true; // every chunk request but the probe's
+        return response;
+    });
+    auto task = QSharedPointer<DownloadTask>::create();
+    QCOMPARE(task->isValid(m_target->filePath("d.bin"), m_server->baseUrl() + "/download", "d.bin"), 0);
+    Downloader downloader;
+    QVERIFY(downloader.addTask(task));
+    int code = -1;
+    connect(&downloader, &Downloader::finished, this,
+            [&](ZTErrorCode status, const QList<DownloadTask *> &) { code = status; });
+    QCOMPARE(downloader.start(), 0);
+    QTRY_VERIFY_WITH_TIMEOUT(m_server->heldCount() == 1 && QFileInfo(chunkFolder("d") + "/1").size() > 0, 10000);
+
+    Q_EMIT downloader.abort(task.data());
+    QCOMPARE(code, int(Zephyrtide::Error::Aborted));
+    QCOMPARE(task->status, Zephyrtide::Error::Aborted);
+    QVERIFY(!QDir(chunkFolder("d")).exists());
+    // A repeated request is refused, and reports nothing more.
+    code = -1;
+    Q_EMIT downloader.stopAll();
+    QCOMPARE(code, -1);
+    m_server->release();
 }
 
 QTEST_MAIN(tst_DownloadIntegrity)

@@ -1,0 +1,7 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+// SHA-256 of a file's bytes; empty when it cannot be read.
+QByteArray sha256OfFile(const QString &path);
