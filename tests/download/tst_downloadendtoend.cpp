@@ -308,6 +308,15 @@ void tst_DownloadEndToEnd::isExist()
     QVERIFY(partial > 0);
     QCOMPARE(partial, onDisk);
 
+    // After the download completes, its chunks are merged and gone.
+    HostCall resumed(m_root.data(), "zt_apply_startDownload",
+                     {{"files", QVariantList{fileEntry("probe.bin", m_target->path())}}});
+    resumed.wait(60000);
+    QVERIFY(resumed.succeeded());
+    HostCall after(command, "zt_apply_isExist", query);
+    QCOMPARE(after.result().value("result").toMap().value("bytesReceived").toLongLong(), 0LL);
+    QCOMPARE(after.result().value("result").toMap().value("bytesTotal").toLongLong(), 64 * C);
+
     HostCall empty(command, "zt_apply_isExist", {{"url", ""}});
     QCOMPARE(empty.errorCode(), 20693);
     // A 403 to the probe: nothing to restore, the fresh task's values.
