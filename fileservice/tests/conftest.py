@@ -1,60 +1,92 @@
+"""The file service as a subprocess on loopback, and small clients for it."""
 import base64
 import hashlib
 import http.client
 import json
 import os
+import select
+import shutil
+import signal
 import subprocess
 import tempfile
-import shutil
+import time
 from urllib.parse import urlsplit
 
 import pytest
 
 SERVICE = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "zt-fileservice")
+TIMEOUT = 20  # seconds any single wait may take
+IDENTIFIER = "0123456789abcdef0123456789abcdef"
 
 
 class Service:
-    """The file service as a subprocess on loopback, port 0."""
-
-    def __init__(self, root, *options):
+    def __init__(self, root, log_path, options):
         self.root = root
+        self.log_path = log_path
         self.options = list(options)
         self.process = None
         self.url = None
 
     def start(self):
-        self.process = subprocess.Popen(
-            ["/usr/bin/python3", "-B", SERVICE, "--root", self.root, "--port", "0", *self.options],
-            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-        self.url = self.process.stdout.readline().strip()
-        assert self.url.startswith("http://127.0.0.1:"), "service did not start"
+        os.makedirs(self.root, exist_ok=True)
+        with open(self.log_path, "ab") as log:
+            self.process = subprocess.Popen(
+                ["/usr/bin/python3", "-B", SERVICE, "--root", self.root, "--port", "0", *self.options],
+                stdout=subprocess.PIPE, stderr=log)
+        line, deadline = b"", time.monotonic() + TIMEOUT
+        fd = self.process.stdout.fileno()
+        while not line.endswith(b"\n"):
+            remaining = deadline - time.monotonic()
+            if remaining <= 0 or not select.select([fd], [], [], remaining)[0]:
+                break
+            piece = os.read(fd, 256)
+            if not piece:
+                break
+            line += piece
+        self.url = line.decode(errors="replace").strip()
+        if not self.url.startswith("http://127.0.0.1:"):
+            self.stop()
+            raise AssertionError("service did not start (%r): %s" % (self.url, self.log()))
+        parts = urlsplit(self.url)
+        self.host, self.port = parts.hostname, parts.port
         return self
 
-    def stop(self):
-        if self.process and self.process.poll() is None:
-            self.process.terminate()
+    def stop(self, signum=signal.SIGTERM):
+        """Stops the service; returns its exit code."""
+        if self.process is None:
+            return None
+        if self.process.poll() is None:
+            self.process.send_signal(signum)
             try:
-                self.process.wait(timeout=10)
+                self.process.wait(timeout=TIMEOUT)
             except subprocess.TimeoutExpired:
                 self.process.kill()
-                self.process.wait(timeout=10)
-        return self.process.returncode if self.process else None
+                self.process.wait(timeout=TIMEOUT)
+        self.process.stdout.close()
+        return self.process.returncode
 
-    def request(self, method, path, body=b"", headers=None):
-        parts = urlsplit(self.url)
-        connection = http.client.HTTPConnection(parts.hostname, parts.port, timeout=30)
+    def log(self):
+        with open(self.log_path, "rb") as f:
+            return f.read().decode(errors="replace")
+
+    def connect(self):
+        return http.client.HTTPConnection(self.host, self.port, timeout=TIMEOUT)
+
+    def request(self, method, path, body=None, headers=None):
+        """One request on a fresh connection: (status, headers, body)."""
+        connection = self.connect()
         try:
             connection.request(method, path, body=body, headers=headers or {})
             response = connection.getresponse()
-            return response.status, dict(response.getheaders()), response.read()
+            return response.status, response.headers, response.read()
         finally:
             connection.close()
 
     def call(self, path, body, headers=None):
-        """A JSON endpoint: returns (status word, result)."""
+        """A JSON endpoint: (status word, result)."""
         raw = body if isinstance(body, bytes) else json.dumps(body).encode()
         status, _, data = self.request("POST", path, raw, headers)
-        assert status == 200
+        assert status == 200, data
         answer = json.loads(data)
         return answer["status"], answer["result"]
 
@@ -62,22 +94,72 @@ class Service:
         with open(os.path.join(self.root, name), "wb") as f:
             f.write(content)
 
+    def stored(self, name):
+        with open(os.path.join(self.root, name), "rb") as f:
+            return f.read()
+
+    # Uploads
+
+    def info(self, name, size, identifier=IDENTIFIER):
+        status, result = self.call("/upload/info", {"fileName": name, "fileMD5": identifier,
+                                                    "fileSize": size, "contentType": "x/y"})
+        assert status == "success", result
+        return result
+
+    def send_part(self, chunk, data, md5=None, headers=None):
+        """Posts data to a chunk descriptor's url with its headers; returns the status."""
+        sent = dict(chunk["headers"])
+        sent["fileMD5"] = md5 if md5 is not None else md5_header(data)
+        sent["Content-Type"] = "application/json"  # what the plugin sends, whatever the bytes
+        sent.update(headers or {})
+        return self.request("POST", path_of(self, chunk["url"]), data, sent)[0]
+
+    def upload(self, name, content, chunk_size, identifier=IDENTIFIER):
+        """Sends every part info asks for and completes: (status word, result)."""
+        for chunk in self.info(name, len(content), identifier)["uploadInfo"]["chunks"]:
+            number = part_number(chunk)
+            piece = content[(number - 1) * chunk_size:number * chunk_size]
+            assert self.send_part(chunk, piece) == 200
+        return self.complete(name, identifier)
+
+    def complete(self, name, identifier=IDENTIFIER):
+        return self.call("/upload/complete", {"fileName": name, "fileMD5": identifier})
+
+
+def md5_header(data):
+    return base64.b64encode(hashlib.md5(data).digest()).decode()
+
+
+def sha256(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+def part_number(chunk):
+    return int(chunk["url"].rsplit("partNumber=", 1)[1])
+
+
+def path_of(service, url):
+    assert url.startswith(service.url), url
+    return url[len(service.url):]
+
 
 @pytest.fixture
-def root():
-    folder = tempfile.mkdtemp(prefix="zt-fileservice-")
+def scratch():
+    folder = tempfile.mkdtemp(prefix="zt-fileservice-test-")
     yield folder
     shutil.rmtree(folder, ignore_errors=True)
 
 
 @pytest.fixture
-def make_service(root):
+def make_service(scratch):
+    """make_service(*options, root=None): a started service, stopped after the test."""
     started = []
 
-    def make(*options, folder=None):
-        service = Service(folder or root, *options).start()
+    def make(*options, root=None):
+        log = os.path.join(scratch, "service-%d.log" % len(started))
+        service = Service(root or os.path.join(scratch, "root"), log, options)
         started.append(service)
-        return service
+        return service.start()
     yield make
     for service in started:
         service.stop()
@@ -85,18 +167,18 @@ def make_service(root):
 
 @pytest.fixture
 def service(make_service):
+    """A service with 8-byte parts."""
     return make_service("--chunk-size", "8")
 
 
-def md5_header(data):
-    return base64.b64encode(hashlib.md5(data).digest()).decode()
-
-
-def send_part(service, chunk, data, md5=None):
-    path = chunk["url"][len(service.url):]
-    headers = dict(chunk["headers"])
-    headers["fileMD5"] = md5 if md5 is not None else md5_header(data)
-    status, _, _ = service.request("POST", path, data, headers)
-    return status
-
-
+@pytest.fixture(scope="module")
+def shared():
+    """One service for a module's tests that change nothing it stores."""
+    folder = tempfile.mkdtemp(prefix="zt-fileservice-test-")
+    service = Service(os.path.join(folder, "root"), os.path.join(folder, "service.log"),
+                      ["--chunk-size", "8"])
+    try:
+        yield service.start()
+    finally:
+        service.stop()
+        shutil.rmtree(folder, ignore_errors=True)

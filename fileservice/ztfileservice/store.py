@@ -1,25 +1,46 @@
 """Stored files and upload sessions on disk.
 
 Layout under the root folder:
-  <name>                        stored files
-  .uploads/completed.json       fileName -> {"fileMD5", "fileSize"} of finished uploads
-  .uploads/<identifier>/session.json
-  .uploads/<identifier>/part-<n>    parts, written at their offsets (sparse)
+  <name>                              stored files (plain names only, never hidden)
+  .assemble-*                         a stored file being joined; removed at start
+  .uploads/completed.json             fileName -> {"fileMD5", "fileSize"} of finished uploads
+  .uploads/<uploadID>/session.json    one upload session, rewritten atomically
+  .uploads/<uploadID>/part-<n>        part n, at most chunkSize bytes
+  .uploads/<uploadID>/incoming-*      a part body on its way in; removed at start
+
+A part's bytes count only once session.json records them, and that happens
+after they are on disk: a crash mid-write leaves at worst bytes that are not
+counted, never counted bytes that are wrong.
 """
+import asyncio
+import errno
 import json
+import logging
+import math
 import os
 import secrets
 import shutil
 import tempfile
 import time
 
-COPY_BUFFER = 1 << 20
+COPY_BLOCK = 1 << 20
+ASSEMBLE_PREFIX = ".assemble-"
+INCOMING_PREFIX = "incoming-"
+
+log = logging.getLogger("zt-fileservice")
+
+
+def _fsync_path(path, directory=False):
+    fd = os.open(path, os.O_RDONLY | (os.O_DIRECTORY if directory else 0))
+    try:
+        os.fsync(fd)
+    finally:
+        os.close(fd)
 
 
 def _write_json(path, data):
-    """Writes data aside and renames it into place, so a crash leaves the old or the new."""
-    folder = os.path.dirname(path)
-    fd, temp = tempfile.mkstemp(prefix=".tmp-", dir=folder)
+    """Writes data aside and renames it into place: a crash leaves the old or the new."""
+    fd, temp = tempfile.mkstemp(prefix=".tmp-", dir=os.path.dirname(path))
     try:
         with os.fdopen(fd, "w", encoding="utf-8") as out:
             json.dump(data, out)
@@ -30,6 +51,38 @@ def _write_json(path, data):
         if os.path.exists(temp):
             os.unlink(temp)
         raise
+
+
+def _read_json(path, default):
+    try:
+        with open(path, encoding="utf-8") as f:
+            return json.load(f)
+    except (OSError, ValueError):
+        return default
+
+
+def copy_range(source, source_offset, target, target_offset, count):
+    """Copies count bytes between open descriptors, in the kernel where it can."""
+    use_kernel = hasattr(os, "copy_file_range")
+    while count > 0:
+        if use_kernel:
+            try:
+                done = os.copy_file_range(source, target, min(count, 1 << 30),
+                                          source_offset, target_offset)
+            except OSError as error:
+                if error.errno not in (errno.EXDEV, errno.ENOSYS, errno.EINVAL,
+                                       errno.EOPNOTSUPP, errno.EPERM):
+                    raise
+                use_kernel = False
+                continue
+        else:
+            block = os.pread(source, min(count, COPY_BLOCK), source_offset)
+            done = os.pwrite(target, block, target_offset) if block else 0
+        if done <= 0:
+            raise OSError(errno.EIO, "source ended %d bytes early" % count)
+        source_offset += done
+        target_offset += done
+        count -= done
 
 
 def merge_ranges(ranges):
@@ -48,6 +101,8 @@ class Session:
     def __init__(self, folder, data):
         self.folder = folder
         self.data = data
+        # Held while parts are put in place or the session is completed.
+        self.lock = asyncio.Lock()
 
     @property
     def upload_id(self):
@@ -57,9 +112,13 @@ class Session:
     def token(self):
         return self.data["token"]
 
+    @property
+    def identifier(self):
+        return self.data["identifier"]
+
     def part_count(self):
         size, chunk = self.data["fileSize"], self.data["chunkSize"]
-        return (size + chunk - 1) // chunk if size else 0
+        return (size + chunk - 1) // chunk
 
     def part_size(self, number):
         size, chunk = self.data["fileSize"], self.data["chunkSize"]
@@ -68,33 +127,80 @@ class Session:
     def part_path(self, number):
         return os.path.join(self.folder, "part-%d" % number)
 
-    def ranges(self, number):
-        return self.data["parts"].get(str(number), [])
-
     def held_prefix(self, number):
-        """Bytes of the part held without a gap from its first byte."""
-        ranges = self.ranges(number)
+        """Bytes of the part held without a gap from its first byte on."""
+        ranges = self.data["parts"].get(str(number), [])
         return ranges[0][1] if ranges and ranges[0][0] == 0 else 0
 
-    def is_complete(self, number):
-        return self.held_prefix(number) >= self.part_size(number)
-
     def missing_parts(self):
-        return [n for n in range(1, self.part_count() + 1) if not self.is_complete(n)]
+        return [n for n in range(1, self.part_count() + 1)
+                if self.held_prefix(n) < self.part_size(n)]
+
+    def seconds_left(self, now=None):
+        """What the session has left to live: its whole lifetime when it is new."""
+        now = time.time() if now is None else now
+        return max(0, math.ceil(self.data["created"] + self.data["expires"] - now))
 
     def expired(self, now=None):
         now = time.time() if now is None else now
         return now > self.data["created"] + self.data["expires"]
 
     def record(self, number, start, end):
-        if end <= start:
-            return
-        ranges = self.ranges(number) + [[start, end]]
-        self.data["parts"][str(number)] = merge_ranges(ranges)
+        """Counts bytes [start, end) of a part as received; they are on disk already."""
+        if end > start:
+            ranges = self.data["parts"].get(str(number), []) + [[start, end]]
+            self.data["parts"][str(number)] = merge_ranges(ranges)
+            self.save()
+
+    def forget(self, numbers):
+        for number in numbers:
+            self.data["parts"].pop(str(number), None)
         self.save()
 
     def save(self):
         _write_json(os.path.join(self.folder, "session.json"), self.data)
+
+    def new_incoming(self):
+        """A scratch file for a part body: (open binary file, path)."""
+        fd, path = tempfile.mkstemp(prefix=INCOMING_PREFIX, dir=self.folder)
+        return os.fdopen(fd, "wb"), path
+
+    def take_part(self, number, offset, incoming, count):
+        """Puts count bytes of the scratch file at offset of part number, synced,
+        then counts them as received.
+
+        A body that is the whole part is renamed into place; a tail is copied
+        into the part file. Blocking: runs off the event loop, with the
+        session's lock held by the caller.
+        """
+        path = self.part_path(number)
+        if offset == 0 and count == self.part_size(number):
+            _fsync_path(incoming)
+            os.replace(incoming, path)
+        else:
+            source = os.open(incoming, os.O_RDONLY)
+            try:
+                target = os.open(path, os.O_WRONLY | os.O_CREAT, 0o644)
+                try:
+                    copy_range(source, 0, target, offset, count)
+                    os.fsync(target)
+                finally:
+                    os.close(target)
+            finally:
+                os.close(source)
+        self.record(number, offset, offset + count)
+
+    def short_parts(self):
+        """Parts counted as received whose files do not hold all their bytes."""
+        short = []
+        for number in range(1, self.part_count() + 1):
+            try:
+                size = os.path.getsize(self.part_path(number))
+            except OSError:
+                size = -1
+            if size < self.part_size(number):
+                short.append(number)
+        return short
 
 
 class Store:
@@ -105,38 +211,72 @@ class Store:
         self.expires = expires
         os.makedirs(self.uploads, exist_ok=True)
         self._completed_path = os.path.join(self.uploads, "completed.json")
-        self.completed = self._read_json(self._completed_path, {})
-        self.sessions = {}
-        for identifier in os.listdir(self.uploads):
-            data = self._read_json(os.path.join(self.uploads, identifier, "session.json"), None)
-            if data:
-                self.sessions[identifier] = Session(os.path.join(self.uploads, identifier), data)
+        self.completed = _read_json(self._completed_path, {})
+        if not isinstance(self.completed, dict):
+            self.completed = {}
+        self.sessions = {}   # identifier -> Session
+        self.by_upload_id = {}
+        self._load()
+
+    def _load(self):
+        """Takes up the sessions a previous run left, and clears what it left half done."""
+        for name in os.listdir(self.root):
+            if name.startswith(ASSEMBLE_PREFIX):
+                os.unlink(os.path.join(self.root, name))
+        for name in os.listdir(self.uploads):
+            folder = os.path.join(self.uploads, name)
+            if not os.path.isdir(folder):
+                if name.startswith(".tmp-"):
+                    os.unlink(folder)
+                continue
+            data = _read_json(os.path.join(folder, "session.json"), None)
+            if not self._usable(data, name):
+                shutil.rmtree(folder, ignore_errors=True)
+                continue
+            session = Session(folder, data)
+            for entry in os.listdir(folder):
+                if entry.startswith(INCOMING_PREFIX) or entry.startswith(".tmp-"):
+                    os.unlink(os.path.join(folder, entry))
+            self._attach(session)
+        log.info("%d upload sessions taken up", len(self.sessions))
 
     @staticmethod
-    def _read_json(path, default):
+    def _usable(data, upload_id):
+        """Whether a session.json read back describes a live session of that folder."""
         try:
-            with open(path, encoding="utf-8") as f:
-                return json.load(f)
-        except (OSError, ValueError):
-            return default
+            return (data["uploadID"] == upload_id and isinstance(data["parts"], dict)
+                    and data["fileSize"] >= 0 and data["chunkSize"] >= 1
+                    and bool(data["token"]) and bool(data["identifier"])
+                    and isinstance(data["fileName"], str)
+                    and not Session(None, data).expired())
+        except (KeyError, TypeError):
+            return False
 
     # Stored files
 
     def path_of(self, name):
         return os.path.join(self.root, name)
 
+    @staticmethod
+    def etag_of(st):
+        """The entity tag of a stored file; the same one its download answers with."""
+        return "%x-%x" % (st.st_mtime_ns, st.st_size)
+
     def list_files(self):
         entries = []
         for name in sorted(os.listdir(self.root)):
-            path = self.path_of(name)
-            if name.startswith(".") or not os.path.isfile(path):
+            if name.startswith("."):
                 continue
-            st = os.stat(path)
+            try:
+                st = os.stat(self.path_of(name))
+            except OSError:  # deleted meanwhile
+                continue
+            if not os.path.isfile(self.path_of(name)):
+                continue
             entries.append({
                 "fileName": name,
                 "fileSize": st.st_size,
-                # The same tag the download answers with.
-                "etag": "%x-%x" % (st.st_mtime_ns, st.st_size),
+                "etag": self.etag_of(st),
                 "modified": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(st.st_mtime)),
             })
         return entries
@@ -145,7 +285,10 @@ class Store:
         path = self.path_of(name)
         if not os.path.isfile(path):
             return False
-        os.unlink(path)
+        try:
+            os.unlink(path)
+        except FileNotFoundError:
+            return False
         if self.completed.pop(name, None) is not None:
             _write_json(self._completed_path, self.completed)
         return True
@@ -158,18 +301,44 @@ class Store:
 
     # Sessions
 
+    def _attach(self, session):
+        self.sessions[session.identifier] = session
+        self.by_upload_id[session.upload_id] = session
+
+    def detach(self, session):
+        """Takes a session out of reach of new requests; its folder stays."""
+        if self.sessions.get(session.identifier) is session:
+            del self.sessions[session.identifier]
+        if self.by_upload_id.get(session.upload_id) is session:
+            del self.by_upload_id[session.upload_id]
+
+    def reattach(self, session):
+        if session.identifier not in self.sessions:
+            self._attach(session)
+
+    def drop(self, session):
+        self.detach(session)
+        shutil.rmtree(session.folder, ignore_errors=True)
+
+    def drop_expired(self):
+        now = time.time()
+        for session in [s for s in self.sessions.values() if s.expired(now)]:
+            log.info("upload %s expired", session.upload_id)
+            self.drop(session)
+
     def session_for(self, identifier, name, size):
-        """The live session of identifier, or a new one."""
+        """The live session of identifier for this name and size, or a new one."""
+        self.drop_expired()
         session = self.sessions.get(identifier)
-        if session and (session.expired() or session.data["fileName"] != name
-                        or session.data["fileSize"] != size):
-            self.drop(identifier)
+        if session and (session.data["fileName"] != name or session.data["fileSize"] != size):
+            self.drop(session)
             session = None
         if session is None:
-            folder = os.path.join(self.uploads, identifier)
-            os.makedirs(folder, exist_ok=True)
+            upload_id = secrets.token_hex(16)
+            folder = os.path.join(self.uploads, upload_id)
+            os.makedirs(folder)
             session = Session(folder, {
-                "uploadID": secrets.token_hex(16),
+                "uploadID": upload_id,
                 "token": secrets.token_hex(16),
                 "identifier": identifier,
                 "fileName": name,
@@ -180,37 +349,48 @@ class Store:
                 "parts": {},
             })
             session.save()
-            self.sessions[identifier] = session
+            self._attach(session)
         return session
 
     def session_by_upload_id(self, upload_id):
-        for session in self.sessions.values():
-            if session.upload_id == upload_id:
-                return session
-        return None
-
-    def drop(self, identifier):
-        session = self.sessions.pop(identifier, None)
-        if session:
-            shutil.rmtree(session.folder, ignore_errors=True)
+        session = self.by_upload_id.get(upload_id)
+        if session is not None and session.expired():
+            self.drop(session)
+            return None
+        return session
 
     def assemble(self, session):
-        """Joins the parts into the stored file: written aside, synced, renamed."""
+        """Joins the parts into the stored file: written aside, synced, renamed.
+
+        Blocking: runs off the event loop. Returns the stored file's size.
+        """
         name = session.data["fileName"]
-        fd, temp = tempfile.mkstemp(prefix=".assemble-", dir=self.root)
+        fd, temp = tempfile.mkstemp(prefix=ASSEMBLE_PREFIX, dir=self.root)
         try:
-            with os.fdopen(fd, "wb") as out:
-                for number in range(1, session.part_count() + 1):
-                    with open(session.part_path(number), "rb") as part:
-                        shutil.copyfileobj(part, out, COPY_BUFFER)
-                out.flush()
-                os.fsync(out.fileno())
+            offset = 0
+            for number in range(1, session.part_count() + 1):
+                count = session.part_size(number)
+                source = os.open(session.part_path(number), os.O_RDONLY)
+                try:
+                    copy_range(source, 0, fd, offset, count)
+                finally:
+                    os.close(source)
+                offset += count
+            os.fsync(fd)
+            os.close(fd)
+            fd = -1
+            os.chmod(temp, 0o644)
             os.replace(temp, self.path_of(name))
+            _fsync_path(self.root, directory=True)
         except BaseException:
+            if fd >= 0:
+                os.close(fd)
             if os.path.exists(temp):
                 os.unlink(temp)
             raise
-        self.completed[name] = {"fileMD5": session.data["identifier"], "fileSize": session.data["fileSize"]}
+        return offset
+
+    def remember_completed(self, session):
+        self.completed[session.data["fileName"]] = {
+            "fileMD5": session.identifier, "fileSize": session.data["fileSize"]}
         _write_json(self._completed_path, self.completed)
-        self.drop(session.data["identifier"])
-        return os.path.getsize(self.path_of(name))
