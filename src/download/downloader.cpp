@@ -49,6 +49,7 @@ ZTErrorCode Downloader::start()
     }
     group();
     qCCritical(ztLog) << "start start down";
+    m_starting = true;
 
     for (auto it = m_tasksByEtag.cbegin(); it != m_tasksByEtag.cend(); ++it) {
         Q_EMIT keepAlive();
@@ -66,13 +67,16 @@ ZTErrorCode Downloader::start()
         connect(file.data(), &DownloadSingleFile::errorOccurred, this, &Downloader::onErrorOccurred);
         m_runningFiles.append(file);
         if (!file->start()) {
+            m_starting = false;
             qCCritical(ztLog) << "start fail" << task->fileName << task->url;
             return Zephyrtide::Error::GeneralFailure;
         }
     }
+    m_starting = false;
     qCInfo(ztLog) << "start finished";
-    if (m_runningFiles.isEmpty())
-        finishIfDone(); // every task failed its check
+    // An empty file ends at once, inside the loop above; the batch ends only
+    // when every file has been started and has ended.
+    finishIfDone();
     return Zephyrtide::Error::NoError;
 }
 
@@ -163,6 +167,8 @@ void Downloader::onErrorOccurred()
 
 void Downloader::finishIfDone()
 {
+    if (m_starting)
+        return;
     if (!m_runningFiles.isEmpty()) {
         qCDebug(ztLog) << "not finished number" << m_runningFiles.size()
                        << m_runningFiles.first()->task->fileName;

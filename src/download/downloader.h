@@ -73,4 +73,5 @@ private:
     int m_state = Running;
     qint64 m_totalSize = 0;
     ZTErrorCode m_failure = Zephyrtide::Error::NoError;
+    bool m_starting = false; // files that end inside start() must not end the batch early
 };

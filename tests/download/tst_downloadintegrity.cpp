@@ -8,6 +8,8 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -27,6 +29,7 @@ private Q_SLOTS:
     void chunkFilesLeftBehind_data();
     void chunkFilesLeftBehind();
     void abortOfOneTaskDeletesItsChunks();
+    void emptyFilesEndTheBatchOnlyOnce();
 
 private:
     static constexpr qint64 C = 1024 * 1024;
@@ -240,6 +243,31 @@ void tst_DownloadIntegrity::abortOfOneTaskDeletesItsChunks()
     Q_EMIT downloader.stopAll();
     QCOMPARE(code, -1);
     m_server->release();
+}
+
+void tst_DownloadIntegrity::emptyFilesEndTheBatchOnlyOnce()
+{
+    // Empty files end inside start(): the batch must still wait for all of them.
+    m_server->setHandler([](const ScriptedRequest &r) {
+        const QByteArray name = QJsonDocument::fromJson(r.body).object().value("fileName").toString().toUtf8();
+        return ScriptedResponse::file(QByteArray(), r, "\"" + name + "\"", name);
+    });
+    Downloader downloader;
+    QList<QSharedPointer<DownloadTask>> tasks;
+    for (const QString &name : QStringList{"e1.bin", "e2.bin", "e3.bin"}) {
+        auto task = QSharedPointer<DownloadTask>::create();
+        QCOMPARE(task->isValid(m_target->filePath(name), m_server->baseUrl() + "/download", name), 0);
+        QVERIFY(downloader.addTask(task));
+        tasks << task;
+    }
+    QList<int> counts;
+    connect(&downloader, &Downloader::finished, this,
+            [&](ZTErrorCode, const QList<DownloadTask *> &done) { counts << done.size(); });
+    QCOMPARE(downloader.start(), 0);
+    QTest::qWait(100);
+    QCOMPARE(counts, QList<int>{3});
+    for (const QString &name : QStringList{"e1.bin", "e2.bin", "e3.bin"})
+        QVERIFY(QFileInfo::exists(m_target->filePath(name)));
 }
 
 QTEST_MAIN(tst_DownloadIntegrity)
