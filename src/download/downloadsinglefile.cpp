@@ -9,9 +9,52 @@
 #include <QFile>
 #include <QNetworkAccessManager>
 
+#ifdef Q_OS_LINUX
+#include <cerrno>
+#include <unistd.h>
+#endif
+
 namespace {
 constexpr qint64 CopySize = 1024 * 1024;
+
+// Copies up to count bytes from the start of source to the end of destination
+// inside the kernel, so the merge never moves the bytes through user space.
+// Returns the bytes copied (fewer when source is short), or -1 when nothing was
+// copied because this file system or kernel can't; a failure after the first
+// byte is left in failure (an errno value).
+qint64 copyInKernel(QFile &source, QFile &destination, qint64 count, int &failure)
+{
+    failure = 0;
+#ifdef Q_OS_LINUX
+    const qint64 at = destination.pos();
+    if (!destination.flush())
+        return -1;
+    loff_t from = 0;
+    qint64 done = 0;
+    while (done < count) {
+        const ssize_t n = ::copy_file_range(source.handle(), &from, destination.handle(), nullptr,
+                                            size_t(count - done), 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 && done == 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP))
+            return -1;
+        if (n < 0) {
+            failure = errno;
+            break;
+        }
+        if (n == 0)
+            break;
+        done += n;
+    }
+    // The kernel moved the descriptor's offset; QFile must agree with it.
+    destination.seek(at + done);
+    return done;
+#else
+    Q_UNUSED(source) Q_UNUSED(destination) Q_UNUSED(count)
+    return -1;
+#endif
 }
+} // namespace
 
 DownloadSingleFile::DownloadSingleFile(const QSharedPointer<DownloadTask> &downloadTask, QObject *parent)
     : QObject(parent)
@@ -177,6 +220,12 @@ bool DownloadSingleFile::appendChunk(QFile &destination, const QString &chunkPat
         return false;
     }
     qCDebug(ztLog) << "chunk size" << chunk.size();
+    int failure = 0;
+    if (copyInKernel(chunk, destination, share, failure) >= 0) {
+        if (failure != 0)
+            qCCritical(ztLog) << "merge chunk fail" << task->filePath << qt_error_string(failure);
+        return failure == 0; // short: the size check after the merge refuses the result
+    }
     QByteArray buffer(CopySize, Qt::Uninitialized);
     for (qint64 left = share; left > 0;) {
         const qint64 count = chunk.read(buffer.data(), qMin<qint64>(buffer.size(), left));
