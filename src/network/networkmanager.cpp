@@ -22,9 +22,14 @@ NetworkManager::NetworkManager(QObject *parent)
     , m_access(new QNetworkAccessManager)
 {
     qCDebug(ztLog) << "NetworkManager thread id " << QThread::currentThread();
+    m_preparer.setMaxThreadCount(1);
 }
 
-NetworkManager::~NetworkManager() = default;
+NetworkManager::~NetworkManager()
+{
+    m_preparer.clear();
+    m_preparer.waitForDone();
+}
 
 NetworkReply *NetworkManager::get(const QNetworkRequest &request)
 {
@@ -87,6 +92,7 @@ NetworkReply *NetworkManager::enqueue(const QSharedPointer<PendingRequest> &reco
         timer.start();
         m_waiting.append(record);
         qCDebug(ztLog) << "waitinnnnggggggggggg" << request.url() << m_waiting.size();
+        prepareAhead();
     }
     return reply;
 }
@@ -149,6 +155,23 @@ void NetworkManager::startNext()
 
     m_requesting.append(record);
     start(record);
+    prepareAhead();
+}
+
+// The transfers that start next get their bodies prepared while the running
+// ones are still sending; only as many as run at once, so a long queue does not
+// read the whole file ahead of the network.
+void NetworkManager::prepareAhead()
+{
+    const int ahead = qMin(m_waiting.size(), m_netLimit + 1);
+    for (int i = 0; i < ahead; ++i) {
+        PendingRequest &record = *m_waiting.at(i);
+        if (!record.bodySource || record.prepareScheduled)
+            continue;
+        record.prepareScheduled = true;
+        const QSharedPointer<RequestBody> body = record.bodySource; // alive until prepared
+        m_preparer.start([body] { body->prepare(); });
+    }
 }
 
 void NetworkManager::onReplyFinished()

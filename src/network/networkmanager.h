@@ -9,6 +9,7 @@
 #include <QObject>
 #include <QSharedPointer>
 #include <QThread>
+#include <QThreadPool>
 
 class NetworkReply;
 
@@ -54,6 +55,7 @@ private:
     NetworkReply *enqueue(const QSharedPointer<PendingRequest> &record);
     void start(const QSharedPointer<PendingRequest> &record);
     void startNext();
+    void prepareAhead();
     static QNetworkReply *issueWithDevice(QNetworkAccessManager *access, const PendingRequest &record);
     static void removeRecordsOf(QList<QSharedPointer<PendingRequest>> &list, const QObject *reply,
                                 bool *found = nullptr);
@@ -64,5 +66,8 @@ private:
     // Kept unstarted: the access manager stays on the thread that made this
     // manager; issue() already copes with callers on other threads.
     QThread m_thread;
+    // One worker prepares the bodies of the next transfers in queue order.
+    // Destroyed first: its queued work is dropped and the running one awaited.
+    QThreadPool m_preparer;
     int m_netLimit = 3;
 };

@@ -18,5 +18,6 @@ struct PendingRequest
     int type = Get;
     QByteArray body;
     QSharedPointer<RequestBody> bodySource; // when set, read at issue time instead of body
+    bool prepareScheduled = false;          // bodySource->prepare() handed to a worker
     NetworkReply *reply = nullptr; // identity only; the caller owns the reply
 };

@@ -17,4 +17,9 @@ public:
     // A device positioned at the first byte to send, or null when the body
     // cannot be read. The caller owns the device.
     virtual QIODevice *open(QNetworkRequest &request) = 0;
+
+    // Work that depends only on the bytes, such as a digest, done ahead of the
+    // transfer on a worker thread so that open() finds it ready and the thread
+    // that moves the data never waits for it. Must be thread-safe; cheap once done.
+    virtual void prepare() {}
 };

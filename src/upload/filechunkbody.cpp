@@ -16,16 +16,31 @@ FileChunkBody::FileChunkBody(const QString &filePath, qint64 offset, qint64 leng
 {
 }
 
+void FileChunkBody::prepare()
+{
+    QMutexLocker locker(&m_mutex);
+    if (m_digest.isEmpty())
+        computeDigest();
+}
+
+QByteArray FileChunkBody::digest() const
+{
+    QMutexLocker locker(&m_mutex);
+    return m_digest;
+}
+
 QIODevice *FileChunkBody::open(QNetworkRequest &request)
 {
-    if (m_digest.isEmpty() && !computeDigest())
+    prepare();
+    const QByteArray digest = this->digest();
+    if (digest.isEmpty())
         return nullptr;
     auto *device = new FileRangeDevice(m_filePath, m_offset, m_length); // the caller's
     if (!device->open(QIODevice::ReadOnly)) {
         delete device;
         return nullptr;
     }
-    request.setRawHeader("fileMD5", m_digest);
+    request.setRawHeader("fileMD5", digest);
     request.setHeader(QNetworkRequest::ContentLengthHeader, m_length);
     return device;
 }
