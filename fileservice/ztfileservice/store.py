@@ -2,15 +2,16 @@
 
 Layout under the root folder:
   <name>                              stored files (plain names only, never hidden)
-  .assemble-*                         a stored file being joined; removed at start
   .uploads/completed.json             fileName -> {"fileMD5", "fileSize"} of finished uploads
   .uploads/<uploadID>/session.json    one upload session, rewritten atomically
-  .uploads/<uploadID>/part-<n>        part n, at most chunkSize bytes
+  .uploads/<uploadID>/data            the file being uploaded, every part at its place
   .uploads/<uploadID>/incoming-*      a part body on its way in; removed at start
 
-A part's bytes count only once session.json records them, and that happens
-after they are on disk: a crash mid-write leaves at worst bytes that are not
-counted, never counted bytes that are wrong.
+A body is checked in its scratch file, then copied to its place in the data
+file. A part's bytes count only once session.json records them, and that
+happens after they are on disk: a crash mid-write leaves at worst bytes that
+are not counted, never counted bytes that are wrong. Completing an upload
+renames the data file into place, so no byte is copied twice.
 """
 import asyncio
 import errno
@@ -24,7 +25,6 @@ import tempfile
 import time
 
 COPY_BLOCK = 1 << 20
-ASSEMBLE_PREFIX = ".assemble-"
 INCOMING_PREFIX = "incoming-"
 
 log = logging.getLogger("zt-fileservice")
@@ -124,8 +124,8 @@ class Session:
         size, chunk = self.data["fileSize"], self.data["chunkSize"]
         return max(0, min(chunk, size - (number - 1) * chunk))
 
-    def part_path(self, number):
-        return os.path.join(self.folder, "part-%d" % number)
+    def data_path(self):
+        return os.path.join(self.folder, "data")
 
     def held_prefix(self, number):
         """Bytes of the part held without a gap from its first byte on."""
@@ -166,23 +166,23 @@ class Session:
         return os.fdopen(fd, "wb"), path
 
     def take_part(self, number, offset, incoming, count):
-        """Puts count bytes of the scratch file at offset of part number, synced,
-        then counts them as received.
+        """Puts count bytes of the scratch file at offset of part number in the
+        data file, synced, then counts them as received.
 
-        A body that is the whole part is renamed into place; a tail is copied
-        into the part file. Blocking: runs off the event loop, with the
-        session's lock held by the caller.
+        The body of a one-part upload is the whole file and is renamed into
+        place; any other body is copied in the kernel. Blocking: runs off the
+        event loop, with the session's lock held by the caller.
         """
-        path = self.part_path(number)
-        if offset == 0 and count == self.part_size(number):
+        if self.part_count() == 1 and offset == 0 and count == self.part_size(1):
             _fsync_path(incoming)
-            os.replace(incoming, path)
+            os.replace(incoming, self.data_path())
         else:
             source = os.open(incoming, os.O_RDONLY)
             try:
-                target = os.open(path, os.O_WRONLY | os.O_CREAT, 0o644)
+                target = os.open(self.data_path(), os.O_WRONLY | os.O_CREAT, 0o644)
                 try:
-                    copy_range(source, 0, target, offset, count)
+                    place = (number - 1) * self.data["chunkSize"] + offset
+                    copy_range(source, 0, target, place, count)
                     os.fsync(target)
                 finally:
                     os.close(target)
@@ -191,16 +191,14 @@ class Session:
         self.record(number, offset, offset + count)
 
     def short_parts(self):
-        """Parts counted as received whose files do not hold all their bytes."""
-        short = []
-        for number in range(1, self.part_count() + 1):
-            try:
-                size = os.path.getsize(self.part_path(number))
-            except OSError:
-                size = -1
-            if size < self.part_size(number):
-                short.append(number)
-        return short
+        """Parts counted as received that end past the data file's end."""
+        try:
+            size = os.path.getsize(self.data_path())
+        except OSError:
+            size = -1
+        chunk = self.data["chunkSize"]
+        return [n for n in range(1, self.part_count() + 1)
+                if self.part_size(n) > 0 and size < (n - 1) * chunk + self.part_size(n)]
 
 
 class Store:
@@ -220,9 +218,6 @@ class Store:
 
     def _load(self):
         """Takes up the sessions a previous run left, and clears what it left half done."""
-        for name in os.listdir(self.root):
-            if name.startswith(ASSEMBLE_PREFIX):
-                os.unlink(os.path.join(self.root, name))
         for name in os.listdir(self.uploads):
             folder = os.path.join(self.uploads, name)
             if not os.path.isdir(folder):
@@ -360,35 +355,20 @@ class Store:
         return session
 
     def assemble(self, session):
-        """Joins the parts into the stored file: written aside, synced, renamed.
+        """Makes the data file the stored file: synced, then renamed into place.
 
         Blocking: runs off the event loop. Returns the stored file's size.
         """
-        name = session.data["fileName"]
-        fd, temp = tempfile.mkstemp(prefix=ASSEMBLE_PREFIX, dir=self.root)
-        try:
-            offset = 0
-            for number in range(1, session.part_count() + 1):
-                count = session.part_size(number)
-                source = os.open(session.part_path(number), os.O_RDONLY)
-                try:
-                    copy_range(source, 0, fd, offset, count)
-                finally:
-                    os.close(source)
-                offset += count
-            os.fsync(fd)
-            os.close(fd)
-            fd = -1
-            os.chmod(temp, 0o644)
-            os.replace(temp, self.path_of(name))
-            _fsync_path(self.root, directory=True)
-        except BaseException:
-            if fd >= 0:
-                os.close(fd)
-            if os.path.exists(temp):
-                os.unlink(temp)
-            raise
-        return offset
+        data = session.data_path()
+        with open(data, "ab") as out:   # an empty file never got a part
+            size = out.tell()
+            if size != session.data["fileSize"]:
+                raise OSError(errno.EIO, "data holds %d bytes, not %d" % (size, session.data["fileSize"]))
+            os.fsync(out.fileno())
+        os.chmod(data, 0o644)
+        os.replace(data, self.path_of(session.data["fileName"]))
+        _fsync_path(self.root, directory=True)
+        return size
 
     def remember_completed(self, session):
         self.completed[session.data["fileName"]] = {
