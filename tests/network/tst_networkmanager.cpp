@@ -3,8 +3,11 @@
 #include "logcapture.h"
 #include "scriptedserver.h"
 
+#include <QBuffer>
 #include <QCryptographicHash>
+#include <QMutex>
 #include <QRandomGenerator>
+#include <QThread>
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTest>
@@ -36,6 +39,7 @@ private Q_SLOTS:
     void retrySendsSameRequest();
     void bodiesArriveIntact_data();
     void bodiesArriveIntact();
+    void bodiesPreparedAheadOnAWorker();
 
 private:
     QNetworkRequest request(const QString &path) const
@@ -351,6 +355,75 @@ void tst_NetworkManager::bodiesArriveIntact()
     QVERIFY(finished.wait(10000));
     QCOMPARE(method, QByteArray(type == 0 ? "POST" : "PUT"));
     QCOMPARE(serverDigest, QCryptographicHash::hash(body, QCryptographicHash::Sha256));
+}
+
+namespace {
+// Counts where and how often the queue prepares it.
+class RecordingBody : public RequestBody
+{
+public:
+    QIODevice *open(QNetworkRequest &) override
+    {
+        auto *device = new QBuffer; // the caller's
+        device->setData("body");
+        device->open(QIODevice::ReadOnly);
+        return device;
+    }
+    void prepare() override
+    {
+        QMutexLocker locker(&mutex);
+        ++prepared;
+        preparedOn = QThread::currentThread();
+    }
+    int preparedCount() const
+    {
+        QMutexLocker locker(&mutex);
+        return prepared;
+    }
+    QThread *thread() const
+    {
+        QMutexLocker locker(&mutex);
+        return preparedOn;
+    }
+
+private:
+    mutable QMutex mutex;
+    int prepared = 0;
+    QThread *preparedOn = nullptr;
+};
+} // namespace
+
+// Bodies of the transfers next in line are prepared off the thread that moves
+// the data, once each, and only a window as wide as the transfers at once: a
+// long queue must not read a whole file ahead of the network.
+void tst_NetworkManager::bodiesPreparedAheadOnAWorker()
+{
+    m_manager->setNetLimit(Zephyrtide::Manager::Low); // two at once
+    holdAll();
+    QList<QSharedPointer<RecordingBody>> bodies;
+    for (int i = 0; i < 8; ++i) {
+        bodies.append(QSharedPointer<RecordingBody>::create());
+        m_replies.append(QSharedPointer<NetworkReply>(
+            m_manager->requestRemote(request("/p" + QString::number(i)), bodies.last(), 0)));
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 2, 5000);
+    const auto preparedWindow = [&bodies] {
+        QList<int> counts;
+        for (const auto &body : bodies)
+            counts << body->preparedCount();
+        return counts;
+    };
+    QTRY_COMPARE_WITH_TIMEOUT(preparedWindow(), QList<int>({0, 0, 1, 1, 0, 0, 0, 0}), 5000);
+    QVERIFY(bodies.at(2)->thread() != QThread::currentThread());
+    QVERIFY(bodies.at(2)->thread() != nullptr);
+
+    m_server->release(1);
+    QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), 3, 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(preparedWindow(), QList<int>({0, 0, 1, 1, 1, 0, 0, 0}), 5000);
+    m_server->setHandler([](const ScriptedRequest &) { return ScriptedResponse::json("{}"); });
+    m_server->release();
+    QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), 8, 10000);
+    QCOMPARE(preparedWindow(), QList<int>({0, 0, 1, 1, 1, 1, 1, 1}));
 }
 
 QTEST_MAIN(tst_NetworkManager)
