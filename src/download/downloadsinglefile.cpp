@@ -16,6 +16,7 @@
 
 namespace {
 constexpr qint64 CopySize = 1024 * 1024;
+constexpr char MergeSuffix[] = ".ztmerge"; // the file being joined, beside its final name
 
 // Copies up to count bytes from the start of source to the end of destination
 // inside the kernel, so the merge never moves the bytes through user space.
@@ -178,11 +179,34 @@ bool DownloadSingleFile::merge()
 {
     qCDebug(ztLog) << "merge chunk" << task->m_path;
     QDir().mkpath(task->m_path);
-    QFile destination(task->filePath);
+    // Joined aside and renamed into place: a merge that fails (a full disk)
+    // leaves nothing under the file's name, and the chunk files stay for a
+    // later run that merges again.
+    QFile destination(task->filePath + QLatin1String(MergeSuffix));
     if (!destination.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         qCCritical(ztLog) << "merge chunk fail" << task->filePath;
         return false;
     }
+    const bool joined = appendChunks(destination);
+    destination.close();
+    const qint64 written = destination.size();
+    if (joined && written != task->fileSize)
+        qCCritical(ztLog) << "merge size error" << task->filePath << written << task->fileSize;
+    if (!joined || written != task->fileSize || !moveIntoPlace(destination)) {
+        destination.remove();
+        return false;
+    }
+    if (!copyToSameFileTargets(task->filePath)) {
+        qCCritical(ztLog) << "merge copy fail" << task->filePath;
+        return false;
+    }
+    Q_EMIT downloadProgress(task->fileSize, task->fileSize);
+    qCDebug(ztLog) << "merge chunk finished" << QFileInfo(task->filePath).size();
+    return true;
+}
+
+bool DownloadSingleFile::appendChunks(QFile &destination)
+{
     const qint64 step = task->fileSize / 100;
     int merged = 0;
     for (auto it = startedChunks.cbegin(); it != startedChunks.cend(); ++it) {
@@ -196,20 +220,18 @@ bool DownloadSingleFile::merge()
         if (!appendChunk(destination, path, share))
             return false;
     }
-    destination.close();
-    const qint64 written = QFileInfo(task->filePath).size();
-    if (written != task->fileSize) {
-        // The chunk files stay; a later run merges again.
-        qCCritical(ztLog) << "merge size error" << task->filePath << written << task->fileSize;
-        return false;
-    }
-    if (!copyToSameFileTargets(task->filePath)) {
-        qCCritical(ztLog) << "merge copy fail" << task->filePath;
-        return false;
-    }
-    Q_EMIT downloadProgress(task->fileSize, task->fileSize);
-    qCDebug(ztLog) << "merge chunk finished" << QFileInfo(task->filePath).size();
     return true;
+}
+
+// The name may hold the empty file that reserved it (a free name such as
+// "a(1).txt"); the whole file takes its place.
+bool DownloadSingleFile::moveIntoPlace(QFile &merged)
+{
+    QFile::remove(task->filePath);
+    if (merged.rename(task->filePath))
+        return true;
+    qCCritical(ztLog) << "merge chunk fail" << task->filePath << merged.errorString();
+    return false;
 }
 
 bool DownloadSingleFile::appendChunk(QFile &destination, const QString &chunkPath, qint64 share)

@@ -61,5 +61,7 @@ public Q_SLOTS:
 private:
     void plan();
     bool createEmptyFile();
+    bool appendChunks(QFile &destination);
     bool appendChunk(QFile &destination, const QString &chunkPath, qint64 share);
+    bool moveIntoPlace(QFile &merged);
 };

@@ -18,6 +18,10 @@ public:
 
     void setEnv(const QString &name, const QString &value) { m_env.insert(name, value); }
     void unsetEnv(const QString &name) { m_env.remove(name); }
+    // Runs ztcli under a file-size limit of blocks * 512 bytes (through sh's
+    // "ulimit -f"), with SIGXFSZ ignored: a write past the limit fails with
+    // EFBIG, as on a full disk, instead of killing the process. -1: no limit.
+    void setFileSizeLimit(qint64 blocks) { m_fileSizeLimit = blocks; }
 
     void start(const QStringList &arguments);
     // True when it ended by itself within timeoutMs; otherwise it is killed.
@@ -43,4 +47,5 @@ private:
     QProcessEnvironment m_env;
     QByteArray m_out;
     QByteArray m_err;
+    qint64 m_fileSizeLimit = -1;
 };

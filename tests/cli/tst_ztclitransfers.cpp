@@ -25,6 +25,8 @@ private Q_SLOTS:
     void existsTellsStoredFromMissing_data();
     void existsTellsStoredFromMissing();
     void interruptedDownloadResumes();
+    void fullDiskThenResume_data();
+    void fullDiskThenResume();
     void demoRunsEndToEnd();
 
 private:
@@ -228,6 +230,65 @@ void tst_ZtcliTransfers::interruptedDownloadResumes()
     QVERIFY2(resent <= content.size() - kept + 512,
              qPrintable(QStringLiteral("resent %1 of %2 bytes").arg(resent).arg(content.size())));
     QCOMPARE(bytesUnder(temp.path()), qint64(0)); // the merged chunks are gone
+}
+
+void tst_ZtcliTransfers::fullDiskThenResume_data()
+{
+    QTest::addColumn<qint64>("blocks"); // the file-size limit, in 512-byte blocks
+    QTest::addColumn<QString>("says");
+    QTest::newRow("no room for a byte") << qint64(0) << "FileError (20699)";
+    QTest::newRow("room for half a chunk") << qint64(1000) << "FileError (20699)";
+    QTest::newRow("room for every chunk, not for the merged file") << qint64(3000) << "MergeError (20735)";
+}
+
+// A write that fails for want of room (here a file-size limit, so the test
+// needs no mount and no full disk) ends the download with a code; every chunk
+// file holds only true bytes of its range, so the next run, with room again,
+// resumes from them and ends with an identical file.
+void tst_ZtcliTransfers::fullDiskThenResume()
+{
+    QFETCH(qint64, blocks);
+    QFETCH(QString, says);
+    const qint64 chunk = 1024 * 1024;
+    const QString name = QStringLiteral("full-%1.bin").arg(blocks);
+    const QByteArray content = randomBytes(3 * chunk + 77);
+    QFile stored(QDir(m_store.path()).filePath(name));
+    QVERIFY(stored.open(QIODevice::WriteOnly) && stored.write(content) == content.size());
+    stored.close();
+
+    QTemporaryDir temp;
+    QTemporaryDir target;
+    const QStringList args{"--server", m_url, "--temp", temp.path(), "--chunk-size-mb", "1",
+                           "download", name, "--to", target.path()};
+    CliRun limited(m_home.path());
+    limited.setFileSizeLimit(blocks);
+    QCOMPARE(limited.run(args), 4);
+    QVERIFY2(limited.err().contains(QStringLiteral("download failed: ") + says), qPrintable(limited.output()));
+
+    // Chunk n starts at (n - 1) MiB; each file must be a prefix of its range.
+    qint64 largest = 0;
+    QDirIterator it(temp.path(), QDir::Files, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        const qint64 first = (it.fileName().toLongLong() - 1) * chunk;
+        const QByteArray kept = readFile(path);
+        QVERIFY2(first >= 0 && kept == content.mid(int(first), kept.size()), qPrintable(path));
+        QVERIFY(kept.size() <= chunk + 1);
+        largest = qMax<qint64>(largest, kept.size());
+    }
+    // The write that met the limit kept what fitted: no chunk went past it, and
+    // one reached it, or was whole when the merge was what failed.
+    QCOMPARE(largest, qMin(blocks * 512, chunk + 1));
+    const QString destination = QDir(target.path()).filePath(name);
+    QVERIFY2(!QFileInfo::exists(destination), qPrintable(QString::number(QFileInfo(destination).size())));
+
+    CliRun again(m_home.path());
+    QCOMPARE(again.run(args), 0);
+    const QString result =
+        QRegularExpression(QStringLiteral("downloaded \\S+ to (\\S+) \\(")).match(again.out()).captured(1);
+    QVERIFY2(!result.isEmpty(), qPrintable(again.output()));
+    QVERIFY(readFile(result) == content);
+    QCOMPARE(bytesUnder(temp.path()), qint64(0));
 }
 
 void tst_ZtcliTransfers::demoRunsEndToEnd()
