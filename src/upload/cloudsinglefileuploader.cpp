@@ -70,7 +70,11 @@ bool CloudSingleFileUploader::start()
     qCInfo(ztLog) << "get upload success" << m_item->fileName;
     UploadGlobal::instance();
 
-    if (m_item->uploadID.isEmpty() || !m_item->sessionValid())
+    // A cached session is resumed only while the service still knows it; one
+    // that expired there (or was lost) is replaced by the session it hands out.
+    const QString answeredID =
+        answer.value(QStringLiteral("uploadInfo")).toMap().value(QStringLiteral("uploadID")).toString();
+    if (m_item->uploadID.isEmpty() || !m_item->sessionValid() || answeredID != m_item->uploadID)
         applyUploadInfo(answer);
     else
         takeServerChunkList(answer);
@@ -171,7 +175,10 @@ void CloudSingleFileUploader::applyUploadInfo(const QVariantMap &answer)
         writeCache();
         return;
     }
+    if (!m_item->uploadID.isEmpty())
+        qCInfo(ztLog) << "upload session replaced" << m_item->uploadID;
     const QVariantMap info = answer.value(QStringLiteral("uploadInfo")).toMap();
+    m_item->bytesSent = 0; // nothing of an earlier session counts in a new one
     m_item->chunkSize = info.value(QStringLiteral("chunkSize")).toLongLong();
     m_item->expires = info.value(QStringLiteral("expires")).toInt();
     m_item->method = info.value(QStringLiteral("method")).toString();
@@ -195,8 +202,6 @@ void CloudSingleFileUploader::takeServerChunkList(const QVariantMap &answer)
     // When the service still knows the session it says which parts it lacks
     // and how much of each it holds, and that is what is sent.
     const QVariantMap info = answer.value(QStringLiteral("uploadInfo")).toMap();
-    if (info.value(QStringLiteral("uploadID")).toString() != m_item->uploadID)
-        return;
     m_item->chunks = info.value(QStringLiteral("chunks")).toList();
     writeCache();
 }

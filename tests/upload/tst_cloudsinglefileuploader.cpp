@@ -208,14 +208,17 @@ void tst_CloudSingleFileUploader::emptyFile()
 void tst_CloudSingleFileUploader::sessionChoice_data()
 {
     QTest::addColumn<int>("ageSeconds");
+    QTest::addColumn<QString>("serviceSession");
     QTest::addColumn<QString>("usedSession");
-    QTest::newRow("exactly at expiry: cached kept") << 100 << "cached";
-    QTest::newRow("one second past expiry: fresh taken") << 101 << "fresh";
+    QTest::newRow("exactly at expiry, still known to the service: cached kept") << 100 << "cached" << "cached";
+    QTest::newRow("one second past expiry: the service's taken") << 101 << "fresh" << "fresh";
+    QTest::newRow("within expiry but gone at the service: its new one taken") << 10 << "fresh" << "fresh";
 }
 
 void tst_CloudSingleFileUploader::sessionChoice()
 {
     QFETCH(int, ageSeconds);
+    QFETCH(QString, serviceSession);
     QFETCH(QString, usedSession);
     auto item = makeItem("0123456789");
     QVERIFY(item);
@@ -227,7 +230,8 @@ void tst_CloudSingleFileUploader::sessionChoice()
     item->currentRequestTime = QDateTime::currentDateTime().addSecs(-ageSeconds);
     item->chunks = {QVariantMap{{"url", m_server->baseUrl() + "/upload/part?uploadID=cached&partNumber=1"},
                                 {"headers", QVariantMap{{"X-Upload-Token", "cached-token"}}}}};
-    serve(infoAnswer("fresh", 10, {1}));
+    item->bytesSent = 7; // what the cached session had sent
+    serve(infoAnswer(serviceSession, 10, {1}));
 
     CloudSingleFileUploader uploader;
     uploader.setFileItem(item);
@@ -238,6 +242,7 @@ void tst_CloudSingleFileUploader::sessionChoice()
     QCOMPARE(parts.size(), 1);
     QCOMPARE(QUrlQuery(parts.first().url()).queryItemValue("uploadID"), usedSession);
     QCOMPARE(item->uploadID, usedSession);
+    QCOMPARE(parts.first().body, QByteArray("0123456789")); // a new session gets every byte
 }
 
 void tst_CloudSingleFileUploader::resumedChunkSendsItsTail_data()
