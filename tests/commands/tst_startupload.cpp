@@ -87,6 +87,7 @@ void tst_StartUpload::init()
         if (m_refuseParts > 0 && QUrlQuery(request.url()).queryItemValue("partNumber") == "2") {
             --m_refuseParts;
             part.status = 400; // the service's answer to a digest that does not match
+            part.body = "fileMD5 does not match the body";
         }
         return part;
     });
@@ -262,6 +263,9 @@ void tst_StartUpload::uploadListIsTheProcessJob()
     upload.wait();
 }
 
+// A part refused for its digest is not sent again in the same run: the file
+// fails with the network code of the 400, keeps its session in the cache, and
+// the next start sends the parts the service lacks.
 void tst_StartUpload::refusedPartThenCompletes()
 {
     m_refuseParts = 1;
@@ -277,11 +281,17 @@ void tst_StartUpload::refusedPartThenCompletes()
     second.wait();
     QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
     QList<QByteArray> partTwo;
+    QMap<int, QByteArray> lastBodies; // what the service holds at the end
     for (const ScriptedRequest &request : m_server->requests()) {
-        if (QUrlQuery(request.url()).queryItemValue("partNumber") == "2")
+        const int number = QUrlQuery(request.url()).queryItemValue("partNumber").toInt();
+        if (number == 2)
             partTwo << request.body;
+        if (number > 0)
+            lastBodies.insert(number, request.body);
     }
     QCOMPARE(partTwo, QList<QByteArray>({"4567", "4567"}));
+    QCOMPARE(lastBodies.keys(), QList<int>({1, 2, 3}));
+    QCOMPARE(lastBodies.values().join(), QByteArray("0123456789ab"));
 }
 
 QTEST_MAIN(tst_StartUpload)
