@@ -1,5 +1,6 @@
 #include "logcapture.h"
 #include "plugin/globalmanager.h"
+#include "plugin/logging.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"
 #include "upload/chunkitem.h"
@@ -356,7 +357,8 @@ void tst_CloudSingleFileUploader::progressNeverGoesBack()
     QCOMPARE(progress.at(0).at(0).toLongLong(), 31LL); // counted from 1
     QCOMPARE(progress.at(1).at(0).toLongLong(), 101LL);  // reported as is ...
     QCOMPARE(item->bytesSent, 100LL);                     // ... but stored capped
-    QCOMPARE(log.count(QStringLiteral("CloudSingleFileUploader::little: ")), 1);
+    if (ztLog().isDebugEnabled()) // a debug line: QT_LOGGING_RULES may turn it off
+        QCOMPARE(log.count(QStringLiteral("CloudSingleFileUploader::little: ")), 1);
     QCOMPARE(item->chunks.at(1).toMap().value("bytesSent").toLongLong(), 50LL);
 }
 
