@@ -100,12 +100,17 @@ void tst_DownloadIntegrity::faultyAnswerThenResume_data()
     QTest::addColumn<QByteArray>("contentRange");
     QTest::addColumn<qint64>("dropAfter");
     QTest::addColumn<qint64>("keptInChunk2");
-    QTest::newRow("404 with an error page") << 404 << QByteArray() << qint64(-1) << qint64(0);
-    QTest::newRow("416 with an error page") << 416 << QByteArray() << qint64(-1) << qint64(0);
-    QTest::newRow("206 for another range") << 206 << QByteArray("bytes 0-1048576/3145805") << qint64(-1) << qint64(0);
-    QTest::newRow("dropped at the first byte") << 206 << QByteArray() << qint64(0) << qint64(0);
-    QTest::newRow("dropped mid-chunk") << 206 << QByteArray() << qint64(300000) << qint64(300000);
-    QTest::newRow("dropped before the last byte") << 206 << QByteArray() << qint64(C) << qint64(C);
+    QTest::addColumn<QByteArray>("etag");
+    const QByteArray d = "\"d\"";
+    QTest::newRow("404 with an error page") << 404 << QByteArray() << qint64(-1) << qint64(0) << d;
+    QTest::newRow("416 with an error page") << 416 << QByteArray() << qint64(-1) << qint64(0) << d;
+    QTest::newRow("206 for another range")
+        << 206 << QByteArray("bytes 0-1048576/3145805") << qint64(-1) << qint64(0) << d;
+    QTest::newRow("206 whose tag changed since the probe")
+        << 206 << QByteArray() << qint64(-1) << qint64(0) << QByteArray("\"e\"");
+    QTest::newRow("dropped at the first byte") << 206 << QByteArray() << qint64(0) << qint64(0) << d;
+    QTest::newRow("dropped mid-chunk") << 206 << QByteArray() << qint64(300000) << qint64(300000) << d;
+    QTest::newRow("dropped before the last byte") << 206 << QByteArray() << qint64(C) << qint64(C) << d;
 }
 
 void tst_DownloadIntegrity::faultyAnswerThenResume()
@@ -114,6 +119,7 @@ void tst_DownloadIntegrity::faultyAnswerThenResume()
     QFETCH(QByteArray, contentRange);
     QFETCH(qint64, dropAfter);
     QFETCH(qint64, keptInChunk2);
+    QFETCH(QByteArray, etag);
     bool faulted = false;
     m_server->setHandler([&](const ScriptedRequest &r) {
         ScriptedResponse response = ScriptedResponse::file(m_content, r, "\"d\"", "d.bin");
@@ -126,6 +132,8 @@ void tst_DownloadIntegrity::faultyAnswerThenResume()
             page.body = "<html><body>no such range</body></html>";
             return page;
         }
+        if (etag != "\"d\"")
+            response = ScriptedResponse::file(m_content, r, etag, "d.bin");
         if (!contentRange.isEmpty()) {
             response.headers.clear();
             response.header("ETag", "\"d\"").header("Content-Range", contentRange);
