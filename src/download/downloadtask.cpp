@@ -126,7 +126,11 @@ bool DownloadTask::parseTask()
     reply->disconnect(&loop);
     reply->abort();
     reply->deleteLater();
+    return applyProbe();
+}
 
+bool DownloadTask::applyProbe()
+{
     if (!etag.isEmpty()) {
         etag = QString::fromLatin1(
             QCryptographicHash::hash((QString::number(fileSize) + etag).toUtf8(), QCryptographicHash::Md5)
@@ -149,7 +153,12 @@ void DownloadTask::parseHeaders(QNetworkReply *reply)
 {
     const auto headers = reply->rawHeaderPairs();
     qCDebug(ztLog) << "parsing task headerlist " << reply->url() << !headers.isEmpty();
-    rangeSupported = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() == 206;
+    parseHeaderPairs(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), headers);
+}
+
+void DownloadTask::parseHeaderPairs(int statusCode, const QList<QPair<QByteArray, QByteArray>> &headers)
+{
+    rangeSupported = statusCode == 206;
     for (const auto &header : headers) {
         const QByteArray &name = header.first;
         const QByteArray &value = header.second;

@@ -2,9 +2,11 @@
 
 #include "plugin/zterrorcode.h"
 
+#include <QByteArray>
 #include <QFileInfo>
 #include <QList>
 #include <QObject>
+#include <QPair>
 #include <QVariantMap>
 
 class QNetworkReply;
@@ -28,8 +30,16 @@ public:
 
     ZTErrorCode isValid(const QString &filePath, const QString &url, const QString &fileName);
     bool init(const QString &url);
+    // Probes the server (a POST for bytes 0-1), then derives as applyProbe() does.
     bool parseTask();
     void parseHeaders(QNetworkReply *reply);
+    // What parseHeaders reads from the probe's reply: its HTTP status and its
+    // raw header pairs, in the form QNetworkReply::rawHeaderPairs() gives them.
+    void parseHeaderPairs(int statusCode, const QList<QPair<QByteArray, QByteArray>> &headers);
+    // From what the probe found: the folder tag, a free destination name (an
+    // empty placeholder file reserves it) and the temporary folder. False when
+    // the size, the tag or the name is still missing.
+    bool applyProbe();
     QString checkFileIsExist(const QString &path);
     bool appendSameFile(const DownloadTask &other);
     QVariantMap toMap() const;
