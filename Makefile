@@ -3,19 +3,29 @@
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+FUZZ_BUILD ?= build-fuzz
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
 PACKAGES := cmake make g++ qtbase5-dev qtbase5-dev-tools python3 python3-aiohttp \
             python3-pytest curl aria2 time shared-mime-info
+# Only `make fuzz` needs these.
+FUZZ_PACKAGES := clang libclang-rt-14-dev
 
-.PHONY: all deps configure build test test-asan demo bench fuzz clean
+FUZZ_TARGETS := probeheaders uploadcache
+FUZZ_SECONDS ?= 60
+# Scratch corpus and crash inputs: the committed corpus stays as it is.
+FUZZ_WORK    ?= $(FUZZ_BUILD)/work
+
+.PHONY: all deps fuzz-deps configure build test test-asan demo bench fuzz clean
 
 all: build
 
-deps:
+# $(call install_missing,PACKAGES): installs those not installed yet, as root;
+# otherwise prints the command and fails.
+define install_missing
 	@missing=""; \
-	for p in $(PACKAGES); do \
+	for p in $(1); do \
 	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
 	done; \
 	if [ -n "$$missing" ]; then \
@@ -28,6 +38,13 @@ deps:
 	    exit 1; \
 	  fi; \
 	fi
+endef
+
+deps:
+	$(call install_missing,$(PACKAGES))
+
+fuzz-deps:
+	$(call install_missing,$(FUZZ_PACKAGES))
 
 $(BUILD)/CMakeCache.txt: | deps
 	cmake -S . -B $(BUILD) $(CMAKE_ARGS)
@@ -53,5 +70,27 @@ demo: build
 bench: build
 	bench/run-bench $(BUILD)
 
+# Not part of `test` (which replays the kept inputs): runs each libFuzzer target
+# for FUZZ_SECONDS on a scratch copy of its corpus. A crash fails the run; copy
+# the input it names into tests/fuzz/regressions/<target>/ to keep it.
+fuzz: deps fuzz-deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DZT_FUZZ=ON $(CMAKE_ARGS)
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target $(addprefix fuzz_,$(FUZZ_TARGETS))
+	@failed=""; \
+	for t in $(FUZZ_TARGETS); do \
+	  work=$(abspath $(FUZZ_WORK))/$$t; \
+	  rm -rf $$work && mkdir -p $$work/corpus $$work/artifacts $$work/tmp || exit 1; \
+	  cp tests/fuzz/corpus/$$t/* tests/fuzz/regressions/$$t/* $$work/corpus/ || exit 1; \
+	  echo "== fuzz_$$t for $(FUZZ_SECONDS) s"; \
+	  if ! TMPDIR=$$work/tmp LSAN_OPTIONS=suppressions=$(CURDIR)/tests/fuzz/lsan.supp:print_suppressions=0 \
+	       $(FUZZ_BUILD)/tests/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	       -artifact_prefix=$$work/artifacts/ $$work/corpus; then \
+	    failed="$$failed $$t"; \
+	    echo "fuzz_$$t failed; its input:"; ls -1 $$work/artifacts/* 2>/dev/null | sed 's/^/  /'; \
+	    echo "keep it: cp <input> tests/fuzz/regressions/$$t/"; \
+	  fi; \
+	done; \
+	if [ -n "$$failed" ]; then echo "fuzz: crashes in:$$failed"; exit 1; fi
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -1,0 +1,155 @@
+// The probe answer's headers, as a server sends them, through DownloadTask's
+// parsing and what it derives from them: size, tag, destination name and
+// temporary folder.
+//
+// An input is text. The first line is the HTTP status, optionally followed by
+// a space and the file name the host gave (without one, the server's
+// Content-Disposition names the file). Every further line is a header,
+// "Name: value"; the value is trimmed as Qt's HTTP parser trims it.
+//
+//   206 report.pdf
+//   Content-Range: bytes 0-1/3145805
+//   Etag: "18ea8bc464e925fd-30004d"
+
+#include "fuzzenvironment.h"
+
+#include "download/downloadglobal.h"
+#include "download/downloadtask.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QRegularExpression>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace {
+
+using FuzzEnvironment::require;
+
+// The address the plugin asks every file from; the name goes in the body.
+const QString ProbeUrl = QStringLiteral("http://127.0.0.1:8080/download");
+// Present in the destination folder before every input, so that a name the
+// host or the server gives can collide with an existing file.
+const QStringList PresentFiles{QStringLiteral("report.pdf"), QStringLiteral("Grüße.txt"),
+                               QStringLiteral("noext")};
+
+struct ProbeAnswer
+{
+    int status = 0;
+    QString hostName;
+    QList<QPair<QByteArray, QByteArray>> headers;
+};
+
+ProbeAnswer readAnswer(const QByteArray &input)
+{
+    ProbeAnswer answer;
+    const QList<QByteArray> lines = input.split('\n');
+    const QByteArray first = lines.first().trimmed();
+    const int space = first.indexOf(' ');
+    answer.status = first.left(space).toInt(); // left(-1) is the whole line
+    if (space > 0)
+        answer.hostName = QString::fromUtf8(first.mid(space + 1).trimmed());
+    for (int i = 1; i < lines.size(); ++i) {
+        const int colon = lines.at(i).indexOf(':');
+        if (colon > 0) // a line without a name never reaches rawHeaderPairs()
+            answer.headers.append(
+                {lines.at(i).left(colon).trimmed(), lines.at(i).mid(colon + 1).trimmed()});
+    }
+    return answer;
+}
+
+QString destinationFolder()
+{
+    return FuzzEnvironment::scratchPath() + QLatin1String("/destination");
+}
+
+// Back to the present files only: the placeholders an input reserved go, so
+// that the loop neither fills the disk nor lets one input's names collide
+// with the next one's.
+void resetDestination()
+{
+    QDir folder(destinationFolder());
+    const QFileInfoList entries =
+        folder.entryInfoList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot);
+    for (const QFileInfo &entry : entries) {
+        if (PresentFiles.contains(entry.fileName()) && entry.isFile())
+            continue;
+        if (entry.isDir() && !entry.isSymLink())
+            QDir(entry.filePath()).removeRecursively();
+        else
+            folder.remove(entry.fileName());
+    }
+    for (const QString &name : PresentFiles) {
+        QFile file(folder.filePath(name));
+        if (!file.exists())
+            require(file.open(QIODevice::WriteOnly), "a present file can be made", file.fileName());
+    }
+}
+
+// The part of isValid() before the probe: the host's destination and name.
+void prepare(DownloadTask &task, const QString &hostName)
+{
+    task.m_path = destinationFolder();
+    task.url = ProbeUrl;
+    if (hostName.isEmpty())
+        return;
+    task.fileName = hostName;
+    task.requestedName = hostName;
+    task.filePath = task.m_path + QLatin1Char('/') + hostName;
+}
+
+void checkDerived(const DownloadTask &task, const QString &askedPath, bool askedWasPresent)
+{
+    static const QRegularExpression md5Hex(QStringLiteral("^[0-9a-f]{32}$"));
+    // The tag names a folder that is removed whole after the merge: whatever
+    // the server sent as ETag reaches the file system only as a digest.
+    if (!task.serverEtag.isEmpty())
+        require(md5Hex.match(task.etag).hasMatch(), "a server tag becomes an MD5 digest", task.etag);
+    require(!task.etag.isEmpty() && !task.etag.contains(QLatin1Char('/')), "the tag is one path segment",
+            task.etag);
+    require(task.tempDir == DownloadGlobal::instance()->temporaryStoragePath() + QLatin1Char('/') + task.etag,
+            "the temporary folder is the tag's folder under the storage path", task.tempDir);
+    if (!askedWasPresent)
+        return;
+    // A taken destination gives way to a new name beside it, never over a present file.
+    const QFileInfo given(task.filePath);
+    require(task.filePath != askedPath, "a taken destination is not kept", task.filePath);
+    require(given.absolutePath() == QFileInfo(task.m_path).absoluteFilePath(),
+            "the free name is in the destination folder", task.filePath);
+    require(!PresentFiles.contains(given.fileName()), "the free name was free", task.filePath);
+    require(given.fileName() == task.fileName, "the file name is the path's last segment",
+            task.fileName + QLatin1String(" / ") + task.filePath);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    FuzzEnvironment::setUp();
+    DownloadGlobal *global = DownloadGlobal::instance();
+    require(global->temporaryStoragePath().startsWith(FuzzEnvironment::scratchPath()),
+            "the default storage path is in the scratch home", global->temporaryStoragePath());
+    global->setTemporaryStoragePath(FuzzEnvironment::scratchPath() + QLatin1String("/temporary"));
+    QDir().mkpath(destinationFolder());
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const ProbeAnswer answer =
+        readAnswer(QByteArray::fromRawData(reinterpret_cast<const char *>(data), int(size)));
+    resetDestination();
+
+    DownloadTask task;
+    prepare(task, answer.hostName);
+    task.parseHeaderPairs(answer.status, answer.headers);
+    require(task.fileSize >= -1, "the size is unknown (-1) or a byte count",
+            QString::number(task.fileSize));
+
+    const QString askedPath = task.filePath;
+    const bool askedWasPresent = !askedPath.isEmpty() && QFileInfo::exists(askedPath);
+    if (task.applyProbe())
+        checkDerived(task, askedPath, askedWasPresent);
+    return 0;
+}
