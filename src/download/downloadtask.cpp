@@ -16,7 +16,17 @@
 
 namespace {
 constexpr int TransferTimeoutMs = 30000;
+
+// True when the name is one entry of a folder: not empty, "." or "..", and
+// without a separator (either one: the host may run where a backslash is one)
+// or a NUL.
+bool isOneFileName(const QString &name)
+{
+    return !name.isEmpty() && name != QLatin1String(".") && name != QLatin1String("..")
+           && !name.contains(QLatin1Char('/')) && !name.contains(QLatin1Char('\\'))
+           && !name.contains(QChar::Null);
 }
+} // namespace
 
 DownloadTask::DownloadTask() = default;
 
@@ -180,7 +190,13 @@ void DownloadTask::parseHeaderPairs(int statusCode, const QList<QPair<QByteArray
                    && filePath.isEmpty()) {
             const QString decoded = QUrl::fromPercentEncoding(value);
             // Everything after "filename" and one more character, kept as it stands.
-            fileName = decoded.mid(decoded.indexOf(QLatin1String("filename")) + 9);
+            const QString name = decoded.mid(decoded.indexOf(QLatin1String("filename")) + 9);
+            if (!isOneFileName(name)) {
+                // The server's name must not reach outside the folder the host chose.
+                qCCritical(ztLog) << "file name refused" << name;
+                continue;
+            }
+            fileName = name;
             filePath = m_path + QLatin1Char('/') + fileName;
             qCDebug(ztLog) << "task etag " << etag;
         }

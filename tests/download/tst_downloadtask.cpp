@@ -70,6 +70,12 @@ void tst_DownloadTask::probeHeaders_data()
     QTest::newRow("name from Content-Disposition, percent-encoded UTF-8")
         << 206 << QByteArrayList{"Content-Range: bytes 0-1/3", "Content-Length: 2", "Content-Disposition: attachment; filename=Gr%C3%BC%C3%9Fe.txt"}
         << "" << true << qint64(3) << true << "" << QStringLiteral("Grüße.txt");
+    // A server's name that would put the file outside the host's folder is no name at all.
+    for (const QByteArray &name : {QByteArray("..%2F..%2Fevil.sh"), QByteArray("..%5Cevil.sh"), QByteArray(".."),
+                                   QByteArray("a%00b")})
+        QTest::addRow("name from Content-Disposition refused: %s", name.constData())
+            << 206 << QByteArrayList{"Content-Range: bytes 0-1/3", "Content-Length: 2", "Content-Disposition: attachment; filename=" + name}
+            << "" << false << qint64(3) << true << "" << "";
     QTest::newRow("no name anywhere") << 206 << QByteArrayList{"Content-Range: bytes 0-1/3", "Content-Length: 2"}
                                       << "" << false << qint64(3) << true << "" << "";
 }

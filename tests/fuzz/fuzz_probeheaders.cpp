@@ -99,7 +99,7 @@ void prepare(DownloadTask &task, const QString &hostName)
     task.filePath = task.m_path + QLatin1Char('/') + hostName;
 }
 
-void checkDerived(const DownloadTask &task, const QString &askedPath, bool askedWasPresent)
+void checkDerived(const DownloadTask &task, bool serverNamed, const QString &askedPath, bool askedWasPresent)
 {
     static const QRegularExpression md5Hex(QStringLiteral("^[0-9a-f]{32}$"));
     // The tag names a folder that is removed whole after the merge: whatever
@@ -110,16 +110,20 @@ void checkDerived(const DownloadTask &task, const QString &askedPath, bool asked
             task.etag);
     require(task.tempDir == DownloadGlobal::instance()->temporaryStoragePath() + QLatin1Char('/') + task.etag,
             "the temporary folder is the tag's folder under the storage path", task.tempDir);
+    // The host may name any path; a name the server gave, or a free name beside
+    // a taken one, stays in the host's folder.
+    const QFileInfo given(task.filePath);
+    if (!serverNamed && !askedWasPresent)
+        return;
+    require(given.absolutePath() == QFileInfo(task.m_path).absoluteFilePath(),
+            "the destination is in the host's folder", task.filePath);
+    require(given.fileName() == task.fileName, "the file name is the path's last segment",
+            task.fileName + QLatin1String(" / ") + task.filePath);
     if (!askedWasPresent)
         return;
     // A taken destination gives way to a new name beside it, never over a present file.
-    const QFileInfo given(task.filePath);
     require(task.filePath != askedPath, "a taken destination is not kept", task.filePath);
-    require(given.absolutePath() == QFileInfo(task.m_path).absoluteFilePath(),
-            "the free name is in the destination folder", task.filePath);
     require(!PresentFiles.contains(given.fileName()), "the free name was free", task.filePath);
-    require(given.fileName() == task.fileName, "the file name is the path's last segment",
-            task.fileName + QLatin1String(" / ") + task.filePath);
 }
 
 } // namespace
@@ -150,6 +154,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QString askedPath = task.filePath;
     const bool askedWasPresent = !askedPath.isEmpty() && QFileInfo::exists(askedPath);
     if (task.applyProbe())
-        checkDerived(task, askedPath, askedWasPresent);
+        checkDerived(task, answer.hostName.isEmpty(), askedPath, askedWasPresent);
     return 0;
 }
