@@ -7,6 +7,7 @@
 #include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QRegularExpression>
 #include <QSslConfiguration>
 #include <QUrl>
 
@@ -17,7 +18,19 @@ namespace {
 constexpr qint64 ReadSize = 64 * 1024;
 constexpr qint64 ReadBufferSize = 1024 * 1024;
 constexpr int TransferTimeoutMs = 30000;
+
+// The first byte of a Content-Range "bytes A-B/T" (T may be "*"), or -1 when
+// the value is not one: a range that cannot be read is not the one asked for.
+qint64 firstByteOf(const QByteArray &contentRange)
+{
+    static const QRegularExpression form(QStringLiteral("^bytes (\\d{1,18})-(\\d{1,18})/(\\d{1,18}|\\*)$"));
+    const QRegularExpressionMatch match = form.match(QString::fromLatin1(contentRange));
+    if (!match.hasMatch())
+        return -1;
+    const qint64 first = match.captured(1).toLongLong();
+    return match.captured(2).toLongLong() >= first ? first : -1;
 }
+} // namespace
 
 DownloadChunk::DownloadChunk(const QSharedPointer<QNetworkAccessManager> &manager, QObject *parent)
     : QObject(parent)
@@ -119,6 +132,21 @@ void DownloadChunk::sendRequest()
     connect(reply.data(), &QNetworkReply::downloadProgress, this, &DownloadChunk::relayProgress);
 }
 
+QString DownloadChunk::refusal(int status, const QByteArray &contentRange, const QByteArray &etag, qint64 from,
+                               const QString &expectedEtag)
+{
+    if (status != 200 && status != 206)
+        return QStringLiteral("http status %1").arg(status);
+    if (status == 200 && from != 0)
+        return QStringLiteral("the whole file instead of a range");
+    if (status == 206 && firstByteOf(contentRange) != from)
+        return QStringLiteral("another range: ") + QString::fromLatin1(contentRange);
+    const QString tag = QString::fromUtf8(etag).remove(QLatin1Char('"')).remove(QLatin1Char('/'));
+    if (!expectedEtag.isEmpty() && tag != expectedEtag)
+        return QStringLiteral("the file changed: ") + tag;
+    return QString();
+}
+
 void DownloadChunk::checkAnswer()
 {
     if (m_answerChecked || !reply)
@@ -126,19 +154,9 @@ void DownloadChunk::checkAnswer()
     m_answerChecked = true;
     // Judged before the first byte is written: an error page, another range or
     // another version of the file must never land in the chunk file.
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    const QByteArray range = reply->rawHeader("Content-Range");
-    const qint64 rangeStart = range.mid(6, range.indexOf('-') - 6).toLongLong(); // "bytes A-B/T"
-    const QString tag = QString::fromUtf8(reply->rawHeader("ETag")).remove(QLatin1Char('"')).remove(QLatin1Char('/'));
-    QString reason;
-    if (status != 200 && status != 206)
-        reason = QStringLiteral("http status %1").arg(status);
-    else if (status == 200 && startOffset != 0)
-        reason = QStringLiteral("the whole file instead of a range");
-    else if (status == 206 && (!range.startsWith("bytes ") || rangeStart != startOffset))
-        reason = QStringLiteral("another range: ") + QString::fromLatin1(range);
-    else if (!expectedEtag.isEmpty() && tag != expectedEtag)
-        reason = QStringLiteral("the file changed: ") + tag;
+    const QString reason = refusal(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(),
+                                   reply->rawHeader("Content-Range"), reply->rawHeader("ETag"), startOffset,
+                                   expectedEtag);
     if (reason.isEmpty())
         return;
     qCCritical(ztLog) << "chunk answer refused" << url << chunkPath << reason;

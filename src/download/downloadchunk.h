@@ -27,6 +27,11 @@ public:
     bool start();
     bool start(const QString &chunkDir, const QString &chunkPath, const QString &url, qint64 start,
                qint64 end, const QString &etag);
+    // Why an answer to a request from byte `from` on must not go into the chunk
+    // file, or an empty string when it may: judged on its status, Content-Range
+    // and ETag alone, before the first byte is written.
+    static QString refusal(int status, const QByteArray &contentRange, const QByteArray &etag, qint64 from,
+                           const QString &expectedEtag);
 
     QSharedPointer<QNetworkAccessManager> networkManager;
     QSharedPointer<QNetworkReply> reply;

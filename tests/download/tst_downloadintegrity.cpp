@@ -1,3 +1,4 @@
+#include "download/downloadchunk.h"
 #include "download/downloader.h"
 #include "download/downloadglobal.h"
 #include "download/downloadtask.h"
@@ -22,6 +23,8 @@ class tst_DownloadIntegrity : public QObject
 private Q_SLOTS:
     void initTestCase();
     void init();
+    void chunkAnswerJudged_data();
+    void chunkAnswerJudged();
     void faultyAnswerThenResume_data();
     void faultyAnswerThenResume();
     void serverWithoutRanges();
@@ -92,6 +95,43 @@ QByteArray tst_DownloadIntegrity::downloaded() const
 {
     QFile file(m_target->filePath("d.bin"));
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void tst_DownloadIntegrity::chunkAnswerJudged_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QByteArray>("contentRange");
+    QTest::addColumn<QByteArray>("etag");
+    QTest::addColumn<qint64>("from");
+    QTest::addColumn<QString>("probeTag");
+    QTest::addColumn<bool>("taken");
+    const QByteArray d = "\"d\"";
+    QTest::newRow("206, the range asked for") << 206 << QByteArray("bytes 5-9/10") << d << qint64(5) << "d" << true;
+    QTest::newRow("206, total unknown") << 206 << QByteArray("bytes 5-9/*") << d << qint64(5) << "d" << true;
+    QTest::newRow("200 for a chunk from byte 0") << 200 << QByteArray() << d << qint64(0) << "d" << true;
+    QTest::newRow("no tag at the probe: any tag") << 206 << QByteArray("bytes 0-9/10") << QByteArray("\"e\"") << qint64(0) << "" << true;
+    QTest::newRow("200 for a chunk further on") << 200 << QByteArray() << d << qint64(5) << "d" << false;
+    QTest::newRow("404") << 404 << QByteArray() << d << qint64(0) << "d" << false;
+    QTest::newRow("206 from another byte") << 206 << QByteArray("bytes 4-9/10") << d << qint64(5) << "d" << false;
+    QTest::newRow("206 without Content-Range") << 206 << QByteArray() << d << qint64(0) << "d" << false;
+    QTest::newRow("206, first byte not a number") << 206 << QByteArray("bytes x-9/10") << d << qint64(0) << "d" << false;
+    QTest::newRow("206, no first byte") << 206 << QByteArray("bytes /10") << d << qint64(0) << "d" << false;
+    QTest::newRow("206, last byte before the first") << 206 << QByteArray("bytes 9-0/10") << d << qint64(9) << "d" << false;
+    QTest::newRow("206, another unit") << 206 << QByteArray("items 0-9/10") << d << qint64(0) << "d" << false;
+    QTest::newRow("206, another tag") << 206 << QByteArray("bytes 0-9/10") << QByteArray("W/\"d\"") << qint64(0) << "d" << false;
+}
+
+// The check on an answer's headers alone, before any byte may be written.
+void tst_DownloadIntegrity::chunkAnswerJudged()
+{
+    QFETCH(int, status);
+    QFETCH(QByteArray, contentRange);
+    QFETCH(QByteArray, etag);
+    QFETCH(qint64, from);
+    QFETCH(QString, probeTag);
+    QFETCH(bool, taken);
+    const QString reason = DownloadChunk::refusal(status, contentRange, etag, from, probeTag);
+    QVERIFY2(reason.isEmpty() == taken, qPrintable(reason));
 }
 
 void tst_DownloadIntegrity::faultyAnswerThenResume_data()

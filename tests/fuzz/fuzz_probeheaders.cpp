@@ -1,6 +1,7 @@
 // The probe answer's headers, as a server sends them, through DownloadTask's
 // parsing and what it derives from them: size, tag, destination name and
-// temporary folder.
+// temporary folder; then the same answer as a chunk's, through the check that
+// decides whether its body may go into the chunk file.
 //
 // An input is text. The first line is the HTTP status, optionally followed by
 // a space and the file name the host gave (without one, the server's
@@ -13,6 +14,7 @@
 
 #include "fuzzenvironment.h"
 
+#include "download/downloadchunk.h"
 #include "download/downloadglobal.h"
 #include "download/downloadtask.h"
 
@@ -22,6 +24,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 namespace {
 
@@ -126,6 +129,44 @@ void checkDerived(const DownloadTask &task, bool serverNamed, const QString &ask
     require(!PresentFiles.contains(given.fileName()), "the free name was free", task.filePath);
 }
 
+// Header values as QNetworkReply::rawHeader() finds them: by name in any case.
+QByteArrayList headerValues(const ProbeAnswer &answer, const QByteArray &name)
+{
+    QByteArrayList values;
+    for (const auto &header : answer.headers) {
+        if (header.first.compare(name, Qt::CaseInsensitive) == 0)
+            values.append(header.second);
+    }
+    return values;
+}
+
+// The answer as a chunk's, for a request from byte `from` on, against the tag
+// the probe kept: bytes of another range or another file never reach the chunk
+// file, and a well-formed answer with the range asked for is never refused.
+void checkChunkAnswer(const ProbeAnswer &answer, qint64 from, const QString &probeTag)
+{
+    static const QRegularExpression wellFormed(
+        QStringLiteral("^bytes (\\d{1,18})-(\\d{1,18})/(\\d{1,18}|\\*)$"));
+    const QByteArray range = headerValues(answer, "Content-Range").value(0);
+    const QByteArrayList tags = headerValues(answer, "ETag");
+    const QString reason = DownloadChunk::refusal(answer.status, range, tags.value(0), from, probeTag);
+    const QRegularExpressionMatch strict = wellFormed.match(QString::fromLatin1(range));
+    const bool rangeAsked = strict.hasMatch() && strict.captured(1).toLongLong() == from
+                            && strict.captured(2).toLongLong() >= from;
+    const QString detail = QString::number(answer.status) + QLatin1Char(' ') + QString::fromLatin1(range)
+                           + QLatin1String(" from ") + QString::number(from) + QLatin1String(": ") + reason;
+    if (reason.isEmpty()) {
+        require(answer.status == 206 || (answer.status == 200 && from == 0),
+                "only a range answer, or the whole file from byte 0, is taken", detail);
+        require(answer.status != 206 || rangeAsked, "only the range asked for is taken", detail);
+    }
+    // With one ETag, the chunk reads the very tag the probe kept.
+    const bool sameFile = tags.size() <= 1;
+    const bool asked = (answer.status == 206 && rangeAsked) || (answer.status == 200 && from == 0);
+    if (sameFile && asked)
+        require(reason.isEmpty(), "the range asked for, of the same file, is taken", detail);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
@@ -155,5 +196,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const bool askedWasPresent = !askedPath.isEmpty() && QFileInfo::exists(askedPath);
     if (task.applyProbe())
         checkDerived(task, answer.hostName.isEmpty(), askedPath, askedWasPresent);
+
+    // A chunk asks from byte 0, from where this answer's range starts, or one past it.
+    const QByteArray range = headerValues(answer, "Content-Range").value(0);
+    const qint64 start = range.startsWith("bytes ") ? range.mid(6, range.indexOf('-') - 6).toLongLong() : 0;
+    const qint64 next = start < std::numeric_limits<qint64>::max() ? start + 1 : start;
+    for (const qint64 from : {qint64(0), start, next})
+        checkChunkAnswer(answer, from, task.serverEtag);
     return 0;
 }
