@@ -142,12 +142,16 @@ bool DownloadTask::parseTask()
 bool DownloadTask::applyProbe()
 {
     if (!etag.isEmpty()) {
-        etag = QString::fromLatin1(
-            QCryptographicHash::hash((QString::number(fileSize) + etag).toUtf8(), QCryptographicHash::Md5)
-                .toHex());
+        etag = contentTag(etag);
     } else {
         etag = QUrl(url).path(QUrl::FullyDecoded).mid(1).replace(QLatin1Char('/'), QLatin1Char('%'));
         qCDebug(ztLog) << "etag is empty" << etag;
+        // Every file comes from the one download address, so the address alone
+        // would give two files one folder of chunks and one transfer: the name
+        // the server was asked for tells them apart.
+        const QString name = requestedName.isEmpty() ? fileName : requestedName;
+        if (!name.isEmpty())
+            etag = contentTag(etag + QLatin1Char('/') + name);
     }
     if (fileSize >= 0 && !etag.isEmpty() && !fileName.isEmpty()) {
         checkFileIsExist(filePath);
@@ -201,6 +205,12 @@ void DownloadTask::parseHeaderPairs(int statusCode, const QList<QPair<QByteArray
             qCDebug(ztLog) << "task etag " << etag;
         }
     }
+}
+
+QString DownloadTask::contentTag(const QString &identity) const
+{
+    return QString::fromLatin1(
+        QCryptographicHash::hash((QString::number(fileSize) + identity).toUtf8(), QCryptographicHash::Md5).toHex());
 }
 
 QString DownloadTask::checkFileIsExist(const QString &path)

@@ -59,4 +59,8 @@ public:
     QString tempDir;
     QString requestedName; // the name the server knows the file by
     QString serverEtag;    // the tag as the probe saw it, which every chunk answer must carry
+
+private:
+    // The folder tag for content known by `identity`: the MD5 of the size and it, in hex.
+    QString contentTag(const QString &identity) const;
 };

@@ -14,6 +14,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
+
 // A download that reports success is byte-identical to the source; one that
 // meets a fault fails with a code and keeps what the next run can use. Three
 // chunks of 1 MiB and a tail, against a scripted server that misbehaves once.
@@ -33,6 +35,7 @@ private Q_SLOTS:
     void chunkFilesLeftBehind();
     void abortOfOneTaskDeletesItsChunks();
     void emptyFilesEndTheBatchOnlyOnce();
+    void filesWithoutTagsStayApart();
 
 private:
     static constexpr qint64 C = 1024 * 1024;
@@ -316,6 +319,36 @@ void tst_DownloadIntegrity::emptyFilesEndTheBatchOnlyOnce()
     QCOMPARE(counts, QList<int>{3});
     for (const QString &name : QStringList{"e1.bin", "e2.bin", "e3.bin"})
         QVERIFY(QFileInfo::exists(m_target->filePath(name)));
+}
+
+void tst_DownloadIntegrity::filesWithoutTagsStayApart()
+{
+    // Every file comes from the one download address; without an ETag only the
+    // name tells two files of the same size apart.
+    QByteArray other = m_content;
+    std::reverse(other.begin(), other.end());
+    const QMap<QByteArray, QByteArray> contents{{"a.bin", m_content}, {"b.bin", other}};
+    m_server->setHandler([&](const ScriptedRequest &r) {
+        const QByteArray name = QJsonDocument::fromJson(r.body).object().value("fileName").toString().toUtf8();
+        return ScriptedResponse::file(contents.value(name), r);
+    });
+    Downloader downloader;
+    for (const QByteArray &name : contents.keys()) {
+        auto task = QSharedPointer<DownloadTask>::create();
+        const QString path = m_target->filePath(QString::fromLatin1(name));
+        QCOMPARE(task->isValid(path, m_server->baseUrl() + "/download", QString::fromLatin1(name)), 0);
+        QVERIFY(downloader.addTask(task));
+    }
+    int code = -1;
+    connect(&downloader, &Downloader::finished, this,
+            [&](ZTErrorCode status, const QList<DownloadTask *> &) { code = status; });
+    QCOMPARE(downloader.start(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(code, 0, 20000);
+    for (const QByteArray &name : contents.keys()) {
+        QFile file(m_target->filePath(QString::fromLatin1(name)));
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QVERIFY2(file.readAll() == contents.value(name), name.constData());
+    }
 }
 
 QTEST_MAIN(tst_DownloadIntegrity)

@@ -118,10 +118,10 @@ void tst_DownloadTask::probeHeaders()
     QCOMPARE(probe.header("Range"), QByteArray("bytes=0-1"));
     if (!ok)
         return;
-    const QString expectedTag = serverTag.isEmpty()
-        ? QStringLiteral("files%x")
-        : QString::fromLatin1(QCryptographicHash::hash((QString::number(size) + serverTag).toUtf8(),
-                                                       QCryptographicHash::Md5).toHex());
+    // Without a server tag, the address and the name stand for the content.
+    const QString identity = serverTag.isEmpty() ? "files%x/" + fileName : serverTag;
+    const QString expectedTag = QString::fromLatin1(
+        QCryptographicHash::hash((QString::number(size) + identity).toUtf8(), QCryptographicHash::Md5).toHex());
     QCOMPARE(task.etag, expectedTag);
     QCOMPARE(task.tempDir, DownloadGlobal::instance()->temporaryStoragePath() + "/" + expectedTag);
     QCOMPARE(task.filePath, folder + "/" + fileName);
