@@ -17,6 +17,11 @@ namespace {
 // memory.
 constexpr qint64 ReadSize = 64 * 1024;
 constexpr qint64 ReadBufferSize = 1024 * 1024;
+// A chunk's range is asked for in requests of at most this many bytes, one
+// after the other. Qt's HTTP thread keeps reading its socket whatever the
+// reply's read buffer holds, so when the disk is slower than the network all
+// that is in flight piles up in memory: a request's size bounds it.
+constexpr qint64 RequestWindow = 8 * 1024 * 1024;
 constexpr int TransferTimeoutMs = 30000;
 
 // The first byte of a Content-Range "bytes A-B/T" (T may be "*"), or -1 when
@@ -112,12 +117,16 @@ bool DownloadChunk::covered() const
 void DownloadChunk::sendRequest()
 {
     QNetworkRequest request{QUrl(url)};
-    request.setRawHeader("Range", QStringLiteral("bytes=%1-%2").arg(startOffset).arg(end).toLatin1());
+    m_requestFrom = startOffset;
+    const qint64 last = qMin(end, startOffset + RequestWindow - 1);
+    request.setRawHeader("Range", QStringLiteral("bytes=%1-%2").arg(startOffset).arg(last).toLatin1());
     request.setSslConfiguration(QSslConfiguration::defaultConfiguration());
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
     request.setTransferTimeout(TransferTimeoutMs);
     const QByteArray body = QJsonDocument(QJsonObject{{QStringLiteral("fileName"), fileName}}).toJson();
 
+    if (reply)
+        reply->disconnect(this); // the window before, finished
     reply = QSharedPointer<QNetworkReply>(networkManager->post(request, body), &QObject::deleteLater);
     reply->setReadBufferSize(ReadBufferSize);
     m_answerChecked = false;
@@ -155,7 +164,7 @@ void DownloadChunk::checkAnswer()
     // Judged before the first byte is written: an error page, another range or
     // another version of the file must never land in the chunk file.
     const QString reason = refusal(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(),
-                                   reply->rawHeader("Content-Range"), reply->rawHeader("ETag"), startOffset,
+                                   reply->rawHeader("Content-Range"), reply->rawHeader("ETag"), m_requestFrom,
                                    expectedEtag);
     if (reason.isEmpty())
         return;
@@ -188,6 +197,7 @@ void DownloadChunk::writeAvailable()
             failTransfer(Zephyrtide::Error::FileError);
             return;
         }
+        startOffset += count;
     }
 }
 
@@ -215,6 +225,13 @@ void DownloadChunk::checkCompletion()
     writeAvailable();
     if (m_failed)
         return;
+    // The next window of the range, while the last one brought something: a
+    // server that ends a range early is not asked again forever.
+    if (status == 206 && !covered() && startOffset > m_requestFrom) {
+        pendingProgress = 0; // this reply's bytes are all reported
+        sendRequest();
+        return;
+    }
     qCDebug(ztLog) << "chunk finish" << etag << fileName;
     reply.reset();
     file.flush();

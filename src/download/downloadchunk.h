@@ -12,6 +12,7 @@ class QNetworkReply;
 // Fetches one byte range of a remote file into a file of its own in the task's
 // folder, appending to what that file already holds: a chunk file that covers
 // its range finishes without a request, a partial one asks only for the rest.
+// The range goes out in windows of a few MiB, one request after the other.
 // downloadProgress() carries increments, not running totals.
 //
 // Call order: construct, fill the fields, connect, start(). Validation and file
@@ -68,6 +69,7 @@ private:
     void failTransfer(ZTErrorCode code);
     void cancel();
 
+    qint64 m_requestFrom = 0; // the first byte the request in flight asked for
     bool m_answerChecked = false;
     bool m_failed = false;
 };
