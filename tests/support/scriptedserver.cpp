@@ -104,6 +104,7 @@ void ScriptedServer::dropAll()
 
 void ScriptedServer::incomingConnection(qintptr socketDescriptor)
 {
+    ++m_connections;
     auto *socket = new QTcpSocket(this); // child; deleted when the peer goes
     socket->setSocketDescriptor(socketDescriptor);
     m_buffers.insert(socket, QByteArray());
@@ -165,6 +166,11 @@ void ScriptedServer::dispatch(QTcpSocket *socket, const ScriptedRequest &request
     else
         response.status = 404;
 
+    // As an HTTP/1.1 server does: the client that asks for it gets the connection closed.
+    if (request.header("Connection").compare("close", Qt::CaseInsensitive) == 0) {
+        response.closeAfterAnswer = true;
+        response.header("Connection", "close");
+    }
     if (response.hold) {
         m_held.append({socket, response});
         return;
@@ -202,7 +208,7 @@ void ScriptedServer::answer(QTcpSocket *socket, const ScriptedResponse &response
     const QByteArray body = drop ? response.body.left(response.dropAfterBytes) : response.body;
     socket->write(body);
     m_bodyBytesSent += body.size();
-    if (drop) {
+    if (drop || response.closeAfterAnswer) {
         socket->flush();
         socket->disconnectFromHost();
     }

@@ -35,6 +35,7 @@ struct ScriptedResponse
     qint64 dropAfterBytes = -1; // close the connection after this many body bytes
     bool closeWithoutAnswer = false;
     bool hold = false;          // answer only when release() is called
+    bool closeAfterAnswer = false; // set when the request says "Connection: close"
 
     ScriptedResponse &header(const QByteArray &name, const QByteArray &value)
     {
@@ -72,6 +73,7 @@ public:
 
     QList<ScriptedRequest> requests() const { return m_requests; }
     int requestCount() const { return m_requests.size(); }
+    int connectionCount() const { return m_connections; } // accepted since start
     int openRequests() const { return m_open; }
     int maxOpenRequests() const { return m_maxOpen; }
     int heldCount() const { return m_held.size(); }
@@ -105,5 +107,6 @@ private:
     QHash<QTcpSocket *, QByteArray> m_buffers;
     int m_open = 0;
     int m_maxOpen = 0;
+    int m_connections = 0;
     qint64 m_bodyBytesSent = 0;
 };
