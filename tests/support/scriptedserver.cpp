@@ -1,9 +1,11 @@
 #include "scriptedserver.h"
 
+#include <QElapsedTimer>
 #include <QJsonDocument>
+#include <QPointer>
 #include <QRegularExpression>
 #include <QTcpSocket>
-#include <QPointer>
+#include <QTest>
 #include <QTimer>
 
 QByteArray ScriptedRequest::header(const QByteArray &name) const
@@ -93,6 +95,19 @@ void ScriptedServer::release(int n)
         if (m_buffers.contains(held.socket))
             answer(held.socket, held.response);
     }
+}
+
+bool ScriptedServer::waitUntilQuiet(int quietMs, int boundMs)
+{
+    QElapsedTimer waited;
+    waited.start();
+    while (waited.elapsed() < boundMs) {
+        const int seen = requestCount();
+        QTest::qWait(quietMs);
+        if (requestCount() == seen && m_open == 0)
+            return true;
+    }
+    return false;
 }
 
 void ScriptedServer::dropAll()

@@ -74,6 +74,10 @@ public:
     QList<ScriptedRequest> requests() const { return m_requests; }
     int requestCount() const { return m_requests.size(); }
     int connectionCount() const { return m_connections; } // accepted since start
+    // Waits until no request has come and none is open for quietMs, at most
+    // boundMs. A client that gave up may still have requests on their way, and
+    // a count of what is sent next must not take them for its own.
+    bool waitUntilQuiet(int quietMs = 100, int boundMs = 5000);
     int openRequests() const { return m_open; }
     int maxOpenRequests() const { return m_maxOpen; }
     int heldCount() const { return m_held.size(); }
