@@ -33,7 +33,11 @@ void NetworkReply::attach(QNetworkReply *reply)
     connect(this, &QObject::destroyed, reply, &QObject::deleteLater);
     connect(reply, &QNetworkReply::finished, this, &NetworkReply::checkFinished);
     connect(reply, &QNetworkReply::uploadProgress, this, &NetworkReply::uploadProgress);
-    connect(reply, &QNetworkReply::downloadProgress, this, &NetworkReply::downloadProgress);
+    m_bytesReceived = 0;
+    connect(reply, &QNetworkReply::downloadProgress, this, [this](qint64 received, qint64 total) {
+        m_bytesReceived = received;
+        Q_EMIT downloadProgress(received, total);
+    });
     connect(reply, &QNetworkReply::readyRead, this, &NetworkReply::readyRead);
     connect(reply, &QNetworkReply::errorOccurred, this, [](QNetworkReply::NetworkError error) {
         // The outcome is decided from the status when the reply finishes.
@@ -56,9 +60,26 @@ void NetworkReply::checkFinished()
         Q_EMIT errorOccurred(m_reply->error());
         return;
     }
+    if (isCutShort()) {
+        // Qt 5 may report no error for an answer whose connection closed before
+        // its body was whole; such an answer is a dropped connection.
+        qCCritical(ztLog) << "errorrrrrrrrrrrrrrrr" << m_reply->url() << "http error"
+                          << QNetworkReply::RemoteHostClosedError << "http status" << status << "body cut short"
+                          << m_bytesReceived << m_reply->header(QNetworkRequest::ContentLengthHeader);
+        Q_EMIT errorOccurred(QNetworkReply::RemoteHostClosedError);
+        return;
+    }
     qCDebug(ztLog) << "reply finished";
     m_reply->blockSignals(true);
     Q_EMIT finished();
+}
+
+bool NetworkReply::isCutShort() const
+{
+    // Qt drops Content-Length from a body it decompresses: only a length that
+    // the body is sent with counts.
+    const QVariant announced = m_reply->header(QNetworkRequest::ContentLengthHeader);
+    return announced.isValid() && m_bytesReceived < announced.toLongLong();
 }
 
 void NetworkReply::retry()

@@ -50,10 +50,12 @@ Q_SIGNALS:
 
 private:
     void checkFinished();
+    bool isCutShort() const;
 
     QPointer<QNetworkReply> m_reply; // owned: deleted with this handle
     QTimer m_timer;
     QSharedPointer<PendingRequest> m_record;
     int m_retryCount = 0;
+    qint64 m_bytesReceived = 0; // of the attached reply, as its last progress said
     QPointer<NetworkManager> m_manager;
 };

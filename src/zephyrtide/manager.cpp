@@ -25,6 +25,17 @@ Error::ErrorCode codeForNetworkError(QNetworkReply::NetworkError error)
     return static_cast<Error::ErrorCode>(e + shifts[range]);
 }
 
+// Qt 5 can finish a reply without an error although the connection closed
+// before the body was whole: when it sees the socket closed before it has read
+// what came, it takes the close for the end of a body without a length. A cut
+// answer is a failed one, whatever Qt says. (Qt drops Content-Length from a
+// body it decompresses, so only a length that the body is sent with counts.)
+bool isCutShort(const QNetworkReply *networkReply, const QByteArray &body)
+{
+    const QVariant announced = networkReply->header(QNetworkRequest::ContentLengthHeader);
+    return announced.isValid() && body.size() < announced.toLongLong();
+}
+
 QByteArray jsonBody(const QVariant &body)
 {
     return QJsonDocument(QJsonObject::fromVariantMap(body.toMap())).toJson(QJsonDocument::Compact);
@@ -129,6 +140,11 @@ void Manager::onNetworkReplyFinished(QNetworkReply *networkReply, Reply *reply, 
     }
 
     const QByteArray data = networkReply->readAll();
+    if (isCutShort(networkReply, data)) {
+        finishReply(reply, QStringLiteral("fail"), QVariant(),
+                    codeForNetworkError(QNetworkReply::RemoteHostClosedError));
+        return;
+    }
     const QJsonDocument document = QJsonDocument::fromJson(data);
     const QVariantMap answer = document.object().toVariantMap();
     if (!document.isObject() || !answer.contains(QStringLiteral("status"))) {
