@@ -6,6 +6,7 @@
 #include <zephyrtide/manager.h>
 #include <zephyrtide/reply.h>
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QDnsLookup>
 #include <QEventLoop>
@@ -306,7 +307,9 @@ ZTErrorCode GlobalManager::waitForReply(QObject *context, Zephyrtide::Reply *rep
             loop.quit();
         });
     }
+    bool answered = false;
     connect(reply, &Zephyrtide::Reply::finished, &loop, [&](const QVariantMap &map) {
+        answered = true;
         reply->deleteLater();
         if (map.value(QStringLiteral("status")).toString() != QLatin1String("success")) {
             qCCritical(ztLog) << "fail" << map;
@@ -319,9 +322,22 @@ ZTErrorCode GlobalManager::waitForReply(QObject *context, Zephyrtide::Reply *rep
         code = error;
         qCCritical(ztLog) << "erro" << reply->requestName() << error;
     });
-    // The host may have finished it while we were being set up.
+    // A reply of another thread that finished meanwhile has its answer posted
+    // to us already, or lost before we listened.
     if (reply->isFinished())
+        QCoreApplication::sendPostedEvents(&loop, QEvent::MetaCall);
+    if (answered)
         return code;
+    // Finished before we listened: its answer went by unheard, so only a
+    // failure it recorded can be told; never a success without its result.
+    if (reply->isFinished()) {
+        reply->disconnect(&loop);
+        reply->deleteLater();
+        if (reply->status() != Zephyrtide::Error::NoError)
+            return reply->status();
+        qCCritical(ztLog) << "request error" << "finished before its answer was heard" << reply->requestName();
+        return Zephyrtide::Error::NoManager;
+    }
     loop.exec();
     return code;
 }

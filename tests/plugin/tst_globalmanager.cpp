@@ -23,7 +23,7 @@ using Zephyrtide::Reply;
 class ScriptedManager : public Manager
 {
 public:
-    enum Mode { NullReply, FailedStatus, NeverFinishes };
+    enum Mode { NullReply, FailedStatus, FinishedAtOnce, NeverFinishes };
     explicit ScriptedManager(Mode mode) : m_mode(mode) {}
 
     Reply *request(const QString &name, HttpRequestType, HttpEncryptType, const QVariantMap &params,
@@ -35,6 +35,8 @@ public:
         lastReply = new Reply(name, params, this);
         if (m_mode == FailedStatus)
             lastReply->setStatus(Error::ContentNotFound);
+        if (m_mode == FinishedAtOnce)
+            Q_EMIT lastReply->finished({{"status", "success"}, {"result", "gone by"}, {"errorCode", 0}});
         return lastReply;
     }
 
@@ -60,8 +62,8 @@ private Q_SLOTS:
     void networkErrorRanges_data();
     void networkErrorRanges();
     void requestWithoutManager();
-    void requestWithNullReply();
-    void requestWithFailedStatus();
+    void hostReplyOutcomes_data();
+    void hostReplyOutcomes();
     void contextDestroyedWhileWaiting();
     void requestOverHttp_data();
     void requestOverHttp();
@@ -185,25 +187,32 @@ void tst_GlobalManager::requestWithoutManager()
     QCOMPARE(log.count(QStringLiteral("global manager is empty"), QtCriticalMsg), 1);
 }
 
-void tst_GlobalManager::requestWithNullReply()
+void tst_GlobalManager::hostReplyOutcomes_data()
 {
-    LogCapture log;
-    ScriptedManager host(ScriptedManager::NullReply);
-    GlobalManager::instance()->setManager(&host);
-    QVariant result;
-    QCOMPARE(GlobalManager::instance()->request(this, result, "http://127.0.0.1:1/x", {}),
-             Error::NoManager);
-    QCOMPARE(host.calls, 1);
-    QCOMPARE(log.count(QStringLiteral("reply is nullptr"), QtCriticalMsg), 1);
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QString>("logLine");
+    QTest::newRow("no reply") << int(ScriptedManager::NullReply) << 20702 << "reply is nullptr";
+    QTest::newRow("failed before it was sent") << int(ScriptedManager::FailedStatus) << 20543
+                                               << "request error";
+    // Its answer went by before anyone listened: not a success without a result.
+    QTest::newRow("finished before the wait") << int(ScriptedManager::FinishedAtOnce) << 20702
+                                              << "request error";
 }
 
-void tst_GlobalManager::requestWithFailedStatus()
+void tst_GlobalManager::hostReplyOutcomes()
 {
-    ScriptedManager host(ScriptedManager::FailedStatus);
+    QFETCH(int, mode);
+    QFETCH(int, code);
+    QFETCH(QString, logLine);
+    LogCapture log;
+    ScriptedManager host{ScriptedManager::Mode(mode)};
     GlobalManager::instance()->setManager(&host);
     QVariant result;
-    QCOMPARE(GlobalManager::instance()->request(this, result, "http://127.0.0.1:1/x", {}),
-             Error::ContentNotFound);
+    QCOMPARE(int(GlobalManager::instance()->request(this, result, "http://127.0.0.1:1/x", {})), code);
+    QCOMPARE(host.calls, 1);
+    QVERIFY(!result.isValid());
+    QCOMPARE(log.count(logLine, QtCriticalMsg), 1);
     // The host's reply is released rather than leaked.
     QTRY_VERIFY_WITH_TIMEOUT(host.lastReply.isNull(), 5000);
 }
