@@ -144,10 +144,27 @@ QNetworkReply *NetworkManager::issueWithDevice(QNetworkAccessManager *access, co
     return reply;
 }
 
-void NetworkManager::startNext()
+// Called from inside a transfer's finished or destroyed handler: starting the
+// next transfer there would run the caller's code for that transfer (its
+// signals, a failure of its body) inside the handler of another. As Qt's own
+// HTTP connection does, the start waits for the next turn of the event loop;
+// one call then fills every slot that the finishes of this turn freed.
+void NetworkManager::scheduleStartNext()
+{
+    if (m_startScheduled)
+        return;
+    m_startScheduled = true;
+    QMetaObject::invokeMethod(this, [this] {
+        m_startScheduled = false;
+        while (startNext()) {
+        }
+    }, Qt::QueuedConnection);
+}
+
+bool NetworkManager::startNext()
 {
     if (m_waiting.isEmpty() || m_requesting.size() > m_netLimit)
-        return;
+        return false;
     qCDebug(ztLog) << "before requesting url " << m_waiting.size();
     QSharedPointer<PendingRequest> record = m_waiting.takeFirst();
     qCDebug(ztLog) << "insert requesting url " << record->request.url() << m_waiting.size();
@@ -156,6 +173,7 @@ void NetworkManager::startNext()
     m_requesting.append(record);
     start(record);
     prepareAhead();
+    return true;
 }
 
 // The transfers that start next get their bodies prepared while the running
@@ -183,7 +201,7 @@ void NetworkManager::onReplyFinished()
     qCDebug(ztLog) << "finisheddddddddddddd url " << url << "request size" << m_requesting.size();
     removeRecordsOf(m_requesting, reply);
     qCDebug(ztLog) << "after size" << m_requesting.size() << m_netLimit << m_waiting.isEmpty();
-    startNext();
+    scheduleStartNext();
 }
 
 void NetworkManager::onDestroyed(QObject *obj)
@@ -198,7 +216,7 @@ void NetworkManager::onDestroyed(QObject *obj)
     if (!found)
         removeRecordsOf(m_waiting, obj);
     qCDebug(ztLog) << "delet reply " << m_requesting.size() << m_waiting.size();
-    startNext();
+    scheduleStartNext();
 }
 
 void NetworkManager::onDestroyed()

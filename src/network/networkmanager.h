@@ -17,7 +17,8 @@ class NetworkReply;
 // get()/post()/put() return at once a NetworkReply that stands for the transfer
 // whether it starts now or waits; connect to it before returning to the event
 // loop and no signal is lost. Transfers start in arrival order; each finish,
-// error or deleted reply lets the next waiting one start. Up to netLimit + 1
+// error or deleted reply lets the next waiting one start, on the next turn of
+// the event loop. Up to netLimit + 1
 // transfers run at once (4 by default).
 //
 // Not a singleton: each engine that needs HTTP makes its own, with its own limit.
@@ -54,7 +55,8 @@ public Q_SLOTS:
 private:
     NetworkReply *enqueue(const QSharedPointer<PendingRequest> &record);
     void start(const QSharedPointer<PendingRequest> &record);
-    void startNext();
+    void scheduleStartNext();
+    bool startNext(); // starts the first waiting transfer if a slot is free
     void prepareAhead();
     static QNetworkReply *issueWithDevice(QNetworkAccessManager *access, const PendingRequest &record);
     static void removeRecordsOf(QList<QSharedPointer<PendingRequest>> &list, const QObject *reply,
@@ -70,4 +72,5 @@ private:
     // Destroyed first: its queued work is dropped and the running one awaited.
     QThreadPool m_preparer;
     int m_netLimit = 3;
+    bool m_startScheduled = false;
 };
