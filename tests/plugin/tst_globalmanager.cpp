@@ -280,6 +280,8 @@ void tst_GlobalManager::requestOverHttp()
     code = GlobalManager::instance()->request(this, result, server.baseUrl() + "/b", {});
     QCOMPARE(code, Error::GeneralFailure);
     QCOMPARE(result.toString(), QStringLiteral("notExist"));
+    // The plain form (listing, deleting) carries the token too.
+    QCOMPARE(server.requests().last().header("Authorization"), QByteArray("Bearer secret"));
     QCOMPARE(GlobalManager::instance()->configData().value("token").toString(), QStringLiteral("secret"));
 
     if (managerOnOtherThread) {
