@@ -49,6 +49,7 @@ bool CloudChunkUploader::start()
         return false;
     }
     m_item->state = Upload::Running;
+    m_sentBefore = m_item->bytesSent;
     const ZTErrorCode code = send();
     if (code != Zephyrtide::Error::NoError) {
         qCCritical(ztLog) << "chunk error" << code;
@@ -108,6 +109,7 @@ void CloudChunkUploader::stop()
     if (m_reply) {
         m_reply->disconnect(this);
         Q_EMIT abort();
+        releaseReply();
     }
     if (m_index >= 0 && m_item && m_item->state == Upload::Running)
         m_item->state = Upload::Stopped;
@@ -119,7 +121,9 @@ void CloudChunkUploader::onUploadProgress(qlonglong bytesSent, qlonglong bytesTo
         return;
     if (m_item && m_index < 1) {
         m_item->state = Upload::Running;
-        m_item->bytesSent = bytesSent;
+        // A request restarted on a new connection counts from 0 again; what
+        // went out before stays counted.
+        m_item->bytesSent = qMax(m_item->bytesSent, m_sentBefore + bytesSent);
     }
     Q_EMIT progress(bytesSent, bytesTotal);
 }
@@ -130,6 +134,7 @@ void CloudChunkUploader::onReplyError(QNetworkReply::NetworkError error)
                       << error;
     if (m_item)
         m_item->state = Upload::Failed;
+    releaseReply();
     Q_EMIT errorOccurred(static_cast<ZTErrorCode>(20480 + int(error)));
 }
 
@@ -137,5 +142,15 @@ void CloudChunkUploader::onReplyFinished()
 {
     if (m_item && m_item->state == Upload::Running)
         m_item->state = Upload::Finished;
+    releaseReply();
     Q_EMIT finished();
+}
+
+void CloudChunkUploader::releaseReply()
+{
+    if (!m_reply)
+        return;
+    disconnect(this, nullptr, m_reply.data(), nullptr);
+    m_reply->disconnect(this);
+    m_reply.reset(); // deleteLater: it may be the one emitting
 }

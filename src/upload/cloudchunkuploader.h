@@ -15,6 +15,12 @@ class NetworkReply;
 //
 // Call order: setItem(), connect the signals, start(). A request ends in
 // finished() or errorOccurred(); either way the item's state says how it went.
+// The reply, and with it the file the body is read from, is released as soon
+// as the transfer ends (finished, failed or stopped), not with this object:
+// a file of hundreds of parts keeps only the running ones open.
+//
+// The item's bytesSent counts bytes of the whole chunk, a resumed request's
+// progress added to what earlier runs sent, and never goes down.
 class CloudChunkUploader : public QObject
 {
     Q_OBJECT
@@ -43,8 +49,10 @@ private:
     ZTErrorCode send();
     void onReplyFinished();
     void onReplyError(QNetworkReply::NetworkError error);
+    void releaseReply();
 
     int m_index = -1;
     QSharedPointer<NetworkReply> m_reply; // released with deleteLater
     QSharedPointer<ChunkItem> m_item;
+    qint64 m_sentBefore = 0; // bytes of the chunk sent before this request
 };

@@ -8,6 +8,7 @@
 #include "upload/uploadglobal.h"
 
 #include <QCryptographicHash>
+#include <QDir>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -34,7 +35,8 @@ private Q_SLOTS:
     void progressReports();
     void stopWithoutReply_data();
     void stopWithoutReply();
-    void stopCancelsTransfer();
+    void transferEndReleasesFile_data();
+    void transferEndReleasesFile();
     void fileRangeBodies_data();
     void fileRangeBodies();
 
@@ -218,22 +220,57 @@ void tst_CloudChunkUploader::stopWithoutReply()
     QCOMPARE(abort.count() + error.count(), 0);
 }
 
-void tst_CloudChunkUploader::stopCancelsTransfer()
+void tst_CloudChunkUploader::transferEndReleasesFile_data()
 {
-    ScriptedResponse held;
-    held.hold = true;
-    m_server->enqueue(held);
+    QTest::addColumn<int>("status");
+    QTest::addColumn<bool>("stop");
+    QTest::newRow("finished") << 200 << false;
+    QTest::newRow("failed") << 500 << false;
+    QTest::newRow("stopped: and nothing reported") << 200 << true;
+}
+
+// A file of hundreds of parts must not hold a handle per part until the job
+// ends: the part's file goes when its transfer does.
+void tst_CloudChunkUploader::transferEndReleasesFile()
+{
+    QFETCH(int, status);
+    QFETCH(bool, stop);
+    QTemporaryDir dir;
+    const QString path = dir.filePath("part.bin");
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(QByteArray(100000, 'r'));
+    file.close();
+    const auto handlesOnFile = [path] {
+        int count = 0;
+        for (const QFileInfo &fd : QDir("/proc/self/fd").entryInfoList(QDir::System | QDir::Files))
+            count += fd.symLinkTarget() == path ? 1 : 0;
+        return count;
+    };
+    ScriptedResponse response;
+    response.status = status;
+    response.hold = true;
+    m_server->enqueue(response);
+
     CloudChunkUploader uploader;
-    auto item = chunk(m_server->baseUrl() + "/p?partNumber=1", QByteArray(100000, 'z'));
+    auto item = chunk(m_server->baseUrl() + "/p?partNumber=1", QByteArray());
+    item->filePath = path;
+    item->length = 100000;
     QVERIFY(uploader.setItem(item));
     QSignalSpy finished(&uploader, &CloudChunkUploader::finished);
     QSignalSpy error(&uploader, &CloudChunkUploader::errorOccurred);
     QVERIFY(uploader.start());
     QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 1, 5000);
-    uploader.stop();
+    QCOMPARE(handlesOnFile(), 1); // the body is read from the file while it goes
+    if (stop)
+        uploader.stop();
     m_server->release();
-    QTest::qWait(200);
-    QCOMPARE(finished.count() + error.count(), 0);
+    if (!stop)
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count() + error.count(), 1, 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(handlesOnFile(), 0, 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(UploadGlobal::instance()->networkManager()->runningCount(), 0, 5000);
+    QCOMPARE(finished.count(), !stop && status == 200 ? 1 : 0);
+    QCOMPARE(error.count(), !stop && status != 200 ? 1 : 0);
 }
 
 void tst_CloudChunkUploader::fileRangeBodies_data()
