@@ -8,6 +8,7 @@
 #include "uploadglobal.h"
 
 #include <QFile>
+#include <QHash>
 #include <QPointer>
 #include <QUrlQuery>
 
@@ -55,12 +56,20 @@ bool CloudSingleFileUploader::start()
         return false;
     }
     m_item->state = Upload::Running;
+    const int run = ++m_run;
 
     QPointer<CloudSingleFileUploader> self(this);
     QVariantMap answer;
     const ZTErrorCode code = requestCloudUploadInfo(answer);
     if (!self)
         return false; // the job was dropped while the service answered
+    if (!stillRunning(run)) {
+        // Stopped or aborted while the service answered: nothing is sent and
+        // nothing is written. stop() left the cache entry as it stood, abort()
+        // removed it, and so it stays.
+        qCInfo(ztLog) << "upload ended while asking for its session" << m_item->fileName << m_item->state;
+        return false;
+    }
     if (code != Zephyrtide::Error::NoError) {
         qCCritical(ztLog) << "get uploadinfo error";
         m_item->state = Upload::Failed;
@@ -70,14 +79,14 @@ bool CloudSingleFileUploader::start()
     qCInfo(ztLog) << "get upload success" << m_item->fileName;
     UploadGlobal::instance();
 
-    // A cached session is resumed only while the service still knows it; one
-    // that expired there (or was lost) is replaced by the session it hands out.
+    // A valid cached session is kept; the service's answer replaces it only
+    // when it names another session (it expired there, or was lost).
     const QString answeredID =
         answer.value(QStringLiteral("uploadInfo")).toMap().value(QStringLiteral("uploadID")).toString();
     if (m_item->uploadID.isEmpty() || !m_item->sessionValid() || answeredID != m_item->uploadID)
         applyUploadInfo(answer);
     else
-        takeServerChunkList(answer);
+        resumeKeptSession(answer);
 
     const bool exist = answer.value(QStringLiteral("exist")).toBool();
     qCInfo(ztLog) << "upload infofofo" << m_item->fileName << m_item->chunks.size()
@@ -104,7 +113,7 @@ bool CloudSingleFileUploader::start()
     // Every chunk went in an earlier run.
     qCInfo(ztLog) << "get upload complete" << m_item->fileName;
     const ZTErrorCode completed = requestCloudCompleteUpload();
-    if (!self)
+    if (!self || !stillRunning(run))
         return false;
     if (completed != Zephyrtide::Error::NoError) {
         qCCritical(ztLog) << "complete errro";
@@ -114,6 +123,11 @@ bool CloudSingleFileUploader::start()
     }
     finishUpload();
     return true;
+}
+
+bool CloudSingleFileUploader::stillRunning(int run) const
+{
+    return run == m_run && m_item->state == Upload::Running;
 }
 
 bool CloudSingleFileUploader::launchChunks()
@@ -195,14 +209,33 @@ void CloudSingleFileUploader::applyUploadInfo(const QVariantMap &answer)
     writeCache();
 }
 
-void CloudSingleFileUploader::takeServerChunkList(const QVariantMap &answer)
+void CloudSingleFileUploader::resumeKeptSession(const QVariantMap &answer)
 {
-    // The cache remembers what this side sent, not what the service stored: a
-    // request cut short leaves progress behind that the service never kept.
-    // When the service still knows the session it says which parts it lacks
-    // and how much of each it holds, and that is what is sent.
-    const QVariantMap info = answer.value(QStringLiteral("uploadInfo")).toMap();
-    m_item->chunks = info.value(QStringLiteral("chunks")).toList();
+    // The session stays the cached one. The service lists the parts it still
+    // lacks, each with the bytes it holds of it without a gap ("bytesSent");
+    // a part it no longer lists is done. The cache counts the bytes of a part
+    // this side handed to the socket, which is where a part resumes, but never
+    // after what the service holds: it writes a body as the part's tail, so
+    // starting further on would leave a hole. A part the cache counts as done
+    // but the service still lists goes on from what the service holds.
+    // The service's addresses are taken, as it may listen elsewhere by now.
+    QHash<int, qint64> sent;
+    for (const QVariant &entry : qAsConst(m_item->chunks))
+        sent.insert(partNumberOf(entry), entry.toMap().value(QStringLiteral("bytesSent")).toLongLong());
+    QVariantList chunks;
+    const QVariantList listed =
+        answer.value(QStringLiteral("uploadInfo")).toMap().value(QStringLiteral("chunks")).toList();
+    for (const QVariant &entry : listed) {
+        QVariantMap descriptor = entry.toMap();
+        const qint64 held = descriptor.value(QStringLiteral("bytesSent")).toLongLong();
+        const qint64 resumeAt = qMin(sent.value(partNumberOf(entry), held), held);
+        if (resumeAt > 0)
+            descriptor.insert(QStringLiteral("bytesSent"), resumeAt);
+        else
+            descriptor.remove(QStringLiteral("bytesSent"));
+        chunks.append(descriptor);
+    }
+    m_item->chunks = chunks;
     writeCache();
 }
 
@@ -281,8 +314,8 @@ void CloudSingleFileUploader::onFinished()
         return;
     if (m_item->state == Upload::Stopped || m_item->state == Upload::Failed)
         writeCache();
-    if (m_item->state == Upload::Stopped)
-        return;
+    if (m_item->state != Upload::Running && m_item->state != Upload::Failed)
+        return; // stopped, aborted (its cache entry stays removed) or done
 
     auto *uploader = qobject_cast<CloudChunkUploader *>(sender());
     const QSharedPointer<ChunkItem> chunk = uploader ? uploader->item() : QSharedPointer<ChunkItem>();
@@ -297,14 +330,21 @@ void CloudSingleFileUploader::onFinished()
         if (m_item->uploadedChunk <= m_item->totalChunks)
             ++m_item->uploadedChunk;
     }
-    if (!m_item->pendingChunks.isEmpty())
+    if (!m_item->pendingChunks.isEmpty() || m_item->state != Upload::Running)
         return;
 
     qCDebug(ztLog) << "singlefile---------------------:" << "finished" << m_item->fileName;
+    const int run = m_run;
     QPointer<CloudSingleFileUploader> self(this);
     const ZTErrorCode code = requestCloudCompleteUpload();
     if (!self)
         return;
+    if (!stillRunning(run)) {
+        // Stopped, aborted or started anew while the service completed: that
+        // was this run's end, and it reports nothing more.
+        qCInfo(ztLog) << "upload ended while completing" << m_item->fileName << m_item->state;
+        return;
+    }
     if (code != Zephyrtide::Error::NoError) {
         qCCritical(ztLog) << "file complete fail" << code;
         m_item->state = Upload::Failed;
@@ -318,7 +358,8 @@ void CloudSingleFileUploader::onFinished()
 
 void CloudSingleFileUploader::onErrorOccurred(ZTErrorCode error)
 {
-    if (!m_item || m_item->state == Upload::Stopped || m_item->state == Upload::Failed)
+    // A file that ended (stopped, aborted, failed or done) reports nothing more.
+    if (!m_item || m_item->state != Upload::Running)
         return;
     m_item->state = Upload::Failed;
     stop();

@@ -18,6 +18,12 @@ class FileItem;
 //
 // Call order: setFileItem(), connect the signals, start(). stop() keeps the
 // cache entry so that the next start() resumes with the same session.
+//
+// start() and the last chunk wait for the host in a nested event loop, so a
+// stop or abort can arrive meanwhile: it is honoured when the wait returns (a
+// stopped or aborted file sends nothing more and reports nothing more). A run
+// emits finished() at most once, and never after the file was stopped, aborted
+// or started again.
 class CloudSingleFileUploader : public QObject
 {
     Q_OBJECT
@@ -52,7 +58,8 @@ private:
     ZTErrorCode request(QObject *owner, QVariant &result, const QString &name, QVariantMap params,
                         uint source);
     void applyUploadInfo(const QVariantMap &answer);
-    void takeServerChunkList(const QVariantMap &answer);
+    void resumeKeptSession(const QVariantMap &answer);
+    bool stillRunning(int run) const;
     ZTErrorCode prepareChunks();
     bool launchChunks();
     void finishUpload();
@@ -61,4 +68,5 @@ private:
     QSharedPointer<FileItem> m_item;
     QList<QSharedPointer<CloudChunkUploader>> m_chunkUploaders;
     int m_runs = 0;
+    int m_run = 0; // which start() is under way; a wait of an earlier one is over when it returns
 };

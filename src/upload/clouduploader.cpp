@@ -93,6 +93,8 @@ bool CloudUploader::start()
         const bool started = uploaders.at(i)->start();
         if (!self)
             return false; // deleted while a file asked the service for its session
+        if (m_state == Stopped || m_state == Aborted)
+            return false; // while a file asked for its session: the files keep what stop()/abort() left
         if (!started) {
             clear();
             qCCritical(ztLog) << "error" << "bool __cdecl CloudUploader::start(void)";
@@ -155,6 +157,10 @@ void CloudUploader::onUploadProgress(int precent)
 void CloudUploader::onFinished()
 {
     qCInfo(ztLog) << "CloudUploader" << "onFinished";
+    // One finished() per run: a job that ended (stopped, aborted, failed or
+    // done and cleared) reports nothing more.
+    if (m_state != Running)
+        return;
     for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
         if (it.key()->state != Upload::Finished) {
             qCDebug(ztLog) << "not finished" << it.key()->fileName;

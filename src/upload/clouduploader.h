@@ -15,8 +15,9 @@ class FileItem;
 // finished() with a result map per file when every file is on the service.
 //
 // Call order: setFiles() (or setFileItems()), connect the signals, start().
-// A job reports either finished() once or errorOccurred(); stop() keeps every
-// file's session for a later run, abort() forgets it.
+// A run reports either finished() once or errorOccurred(); stop() keeps every
+// file's session for a later run, abort() forgets it. Both are honoured also
+// while start() waits for a file's session: that file then sends nothing.
 class CloudUploader : public QObject
 {
     Q_OBJECT

@@ -4,6 +4,7 @@
 #include "scriptedserver.h"
 #include "testenvironment.h"
 #include "upload/chunkitem.h"
+#include "upload/cloudchunkuploader.h"
 #include "upload/cloudsinglefileuploader.h"
 #include "upload/fileitem.h"
 #include "upload/uploadglobal.h"
@@ -38,6 +39,8 @@ private Q_SLOTS:
     void resumedChunkSendsItsTail_data();
     void resumedChunkSendsItsTail();
     void failingPartFailsFile();
+    void finishedOncePerRun_data();
+    void finishedOncePerRun();
     void progressNeverGoesBack();
 
 private:
@@ -252,8 +255,11 @@ void tst_CloudSingleFileUploader::resumedChunkSendsItsTail_data()
     QTest::addColumn<int>("serverHolds");
     QTest::addColumn<QByteArray>("part2");
     QTest::addColumn<QByteArray>("part3");
+    // The cache says part 2 got 3 of its 5 bytes out.
     QTest::newRow("service holds 3 bytes of part 2: its tail goes")
         << QList<int>{2, 3} << 3 << QByteArray("BB") << QByteArray("CCCCC");
+    QTest::newRow("service holds 4: the cache's 3 decide, no byte is skipped")
+        << QList<int>{2, 3} << 4 << QByteArray("BB") << QByteArray("CCCCC");
     QTest::newRow("service holds none of part 2 although the cache said 3: all of it goes")
         << QList<int>{2, 3} << -1 << QByteArray("BBBBB") << QByteArray("CCCCC");
     QTest::newRow("service already has part 2: only part 3 goes")
@@ -287,6 +293,17 @@ void tst_CloudSingleFileUploader::resumedChunkSendsItsTail()
     uploader.setFileItem(item);
     QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
     QVERIFY(uploader.start());
+    // What the cache would keep of part 2 at every progress report: from where
+    // it resumed on, it only grows.
+    QList<qint64> part2Sent;
+    for (const auto &chunk : uploader.chunkUploaders()) {
+        connect(chunk.data(), &CloudChunkUploader::progress, this, [&part2Sent, item] {
+            for (const QVariant &descriptor : qAsConst(item->chunks)) {
+                if (descriptor.toMap().value("url").toString().endsWith("partNumber=2"))
+                    part2Sent << descriptor.toMap().value("bytesSent").toLongLong();
+            }
+        });
+    }
     QVERIFY(finished.wait(5000));
     QCOMPARE(item->uploadedChunk, 3);
     QCOMPARE(item->uploadID, QStringLiteral("s"));
@@ -299,6 +316,12 @@ void tst_CloudSingleFileUploader::resumedChunkSendsItsTail()
     QCOMPARE(bodies.contains(2), !part2.isEmpty());
     QCOMPARE(bodies.value(3), part3);
     QVERIFY(!bodies.contains(1));
+    QCOMPARE(part2Sent.isEmpty(), part2.isEmpty());
+    qint64 last = 5 - part2.size();
+    for (qint64 sent : qAsConst(part2Sent)) {
+        QVERIFY2(sent >= last, qPrintable(QStringLiteral("%1 after %2").arg(sent).arg(last)));
+        last = sent;
+    }
 }
 
 void tst_CloudSingleFileUploader::failingPartFailsFile()
@@ -320,7 +343,8 @@ void tst_CloudSingleFileUploader::failingPartFailsFile()
     QVERIFY(uploader.start());
     QVERIFY(error.wait(5000));
     QCOMPARE(int(error.first().first().value<ZTErrorCode>()), 20480 + 401);
-    QTest::qWait(200);
+    // Parts 1 and 3 still finish; only the failed one stays pending.
+    QTRY_COMPARE_WITH_TIMEOUT(item->pendingChunks.size(), 1, 5000);
     QCOMPARE(error.count(), 1);
     QCOMPARE(finished.count(), 0);
     QCOMPARE(item->state, Upload::Failed);
@@ -329,6 +353,60 @@ void tst_CloudSingleFileUploader::failingPartFailsFile()
     const QVariantMap cached = UploadGlobal::instance()->getInfo(item->identifier);
     QCOMPARE(cached.value("uploadInfo").toMap().value("uploadID").toString(), QStringLiteral("f"));
     QVERIFY(cached.value("uploadInfo").toMap().value("chunks").toList().size() >= 1);
+}
+
+void tst_CloudSingleFileUploader::finishedOncePerRun_data()
+{
+    QTest::addColumn<bool>("startAgain");
+    QTest::addColumn<int>("finishedCount");
+    QTest::newRow("stopped while the service completes: no finished") << false << 0;
+    QTest::newRow("stopped and started again meanwhile: one finished, the second run's") << true << 1;
+}
+
+// The last part is in and the service is asked to complete; while it answers,
+// the host stops the file (and starts it again, which the service then
+// answers with "exist"). The first run's completion must report nothing.
+void tst_CloudSingleFileUploader::finishedOncePerRun()
+{
+    QFETCH(bool, startAgain);
+    QFETCH(int, finishedCount);
+    auto item = makeItem("AAAAABBBBB");
+    QVERIFY(item);
+    const QByteArray info = infoAnswer("once", 5, {1, 2});
+    const QByteArray exists = infoAnswer("once", 5, {}, true);
+    m_server->setHandler([this, info, exists](const ScriptedRequest &request) {
+        if (request.path() == QLatin1String("/upload/info"))
+            return ScriptedResponse::json(requestsTo("/upload/complete").isEmpty() ? info : exists);
+        if (request.path() != QLatin1String("/upload/complete"))
+            return ScriptedResponse();
+        ScriptedResponse complete = ScriptedResponse::json(R"({"status":"success","result":{}})");
+        complete.hold = true;
+        return complete;
+    });
+
+    CloudSingleFileUploader uploader;
+    uploader.setFileItem(item);
+    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
+    connect(m_server.data(), &ScriptedServer::requestReceived, &uploader,
+            [this, &uploader, startAgain](const ScriptedRequest &request) {
+                if (request.path() != QLatin1String("/upload/complete"))
+                    return;
+                // Queued: the held answer is registered once this signal returns.
+                QMetaObject::invokeMethod(&uploader, [this, &uploader, startAgain] {
+                    uploader.stop();
+                    if (startAgain)
+                        QVERIFY(uploader.start());
+                    m_server->release();
+                }, Qt::QueuedConnection);
+            });
+    LogCapture log;
+    QVERIFY(uploader.start());
+    QTRY_VERIFY_WITH_TIMEOUT(finished.count() > finishedCount || log.contains("upload ended while completing"), 10000);
+    QCOMPARE(finished.count(), finishedCount);
+    QCOMPARE(item->state, startAgain ? Upload::Finished : Upload::Stopped);
+    QCOMPARE(requestsTo("/upload/complete").size(), 1);
+    // A stopped file keeps its session for the next start (the job removes it after success).
+    QVERIFY(!UploadGlobal::instance()->getInfo(item->identifier).isEmpty());
 }
 
 void tst_CloudSingleFileUploader::progressNeverGoesBack()
