@@ -4,7 +4,8 @@
 
 #include <QTest>
 
-HostCall::HostCall(QObject *root, const char *slot, const QVariantMap &params)
+HostCall::HostCall(QObject *root, const char *slot, const QVariantMap &params,
+                   const std::function<void(Zephyrtide::Reply *)> &beforeCall)
     : m_reply(new Zephyrtide::Reply(QString::fromLatin1(slot), params))
 {
     Zephyrtide::Reply *reply = m_reply.data();
@@ -19,6 +20,8 @@ HostCall::HostCall(QObject *root, const char *slot, const QVariantMap &params)
                      [this](const QString &name, Zephyrtide::Error::ErrorCode code) {
                          itemErrors.append({name, code});
                      });
+    if (beforeCall)
+        beforeCall(reply);
     m_invoked = QMetaObject::invokeMethod(root, slot, Qt::DirectConnection,
                                           Q_ARG(Zephyrtide::Reply *, reply),
                                           Q_ARG(QVariantMap, params));

@@ -7,6 +7,8 @@
 
 #include <zephyrtide/error.h>
 
+#include <functional>
+
 class QObject;
 namespace Zephyrtide {
 class Reply;
@@ -15,11 +17,14 @@ class Reply;
 // Calls a command slot of the plugin by name, as the host does, with a fresh
 // reply whose signals are recorded from before the call. Slots that wait in a
 // nested loop return only when they are done, so some replies are finished by
-// the time the constructor returns.
+// the time the constructor returns. beforeCall, when given, gets the reply
+// before the slot runs, so the host's side can act on it during the call (stop
+// it, or finish it with the host's time-out while the slot waits).
 class HostCall
 {
 public:
-    HostCall(QObject *root, const char *slot, const QVariantMap &params = QVariantMap());
+    HostCall(QObject *root, const char *slot, const QVariantMap &params = QVariantMap(),
+             const std::function<void(Zephyrtide::Reply *)> &beforeCall = {});
     ~HostCall();
 
     bool invoked() const { return m_invoked; }

@@ -92,8 +92,14 @@ void ScriptedServer::release(int n)
     while (!m_held.isEmpty() && n-- != 0) {
         Held held = m_held.takeFirst();
         held.response.hold = false;
-        if (m_buffers.contains(held.socket))
+        if (!m_buffers.contains(held.socket))
+            continue;
+        if (held.bodyOnly) {
+            --m_open;
+            sendBody(held.socket, held.response);
+        } else {
             answer(held.socket, held.response);
+        }
     }
 }
 
@@ -218,7 +224,21 @@ void ScriptedServer::answer(QTcpSocket *socket, const ScriptedResponse &response
         head += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n";
     head += "\r\n";
     socket->write(head);
+    if (response.holdAfterBytes >= 0 && response.holdAfterBytes < response.body.size()) {
+        socket->write(response.body.left(response.holdAfterBytes));
+        m_bodyBytesSent += response.holdAfterBytes;
+        ScriptedResponse rest = response;
+        rest.body = response.body.mid(response.holdAfterBytes);
+        rest.holdAfterBytes = -1;
+        m_held.append({socket, rest, true});
+        ++m_open; // open until the rest is sent
+        return;
+    }
+    sendBody(socket, response);
+}
 
+void ScriptedServer::sendBody(QTcpSocket *socket, const ScriptedResponse &response)
+{
     const bool drop = response.dropAfterBytes >= 0 && response.dropAfterBytes < response.body.size();
     const QByteArray body = drop ? response.body.left(response.dropAfterBytes) : response.body;
     socket->write(body);

@@ -35,6 +35,7 @@ struct ScriptedResponse
     qint64 dropAfterBytes = -1; // close the connection after this many body bytes
     bool closeWithoutAnswer = false;
     bool hold = false;          // answer only when release() is called
+    qint64 holdAfterBytes = -1; // send this many body bytes, the rest when release() is called
     bool closeAfterAnswer = false; // set when the request says "Connection: close"
 
     ScriptedResponse &header(const QByteArray &name, const QByteArray &value)
@@ -83,7 +84,8 @@ public:
     int heldCount() const { return m_held.size(); }
     qint64 bodyBytesSent() const { return m_bodyBytesSent; }
 
-    // Answers held responses, oldest first; all of them with n < 0.
+    // Answers held responses (or sends the rest of paused ones), oldest first;
+    // all of them with n < 0.
     void release(int n = -1);
     // Closes every open connection at once.
     void dropAll();
@@ -99,10 +101,12 @@ private:
     {
         QTcpSocket *socket;
         ScriptedResponse response;
+        bool bodyOnly = false; // the rest of a paused answer
     };
     void readFrom(QTcpSocket *socket);
     void dispatch(QTcpSocket *socket, const ScriptedRequest &request);
     void answer(QTcpSocket *socket, const ScriptedResponse &response);
+    void sendBody(QTcpSocket *socket, const ScriptedResponse &response);
 
     Handler m_handler;
     QList<ScriptedResponse> m_queue;
