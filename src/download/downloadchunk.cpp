@@ -24,6 +24,11 @@ constexpr qint64 ReadBufferSize = 1024 * 1024;
 constexpr qint64 RequestWindow = 8 * 1024 * 1024;
 constexpr int TransferTimeoutMs = 30000;
 
+bool isSuccessStatus(int status)
+{
+    return status == 200 || status == 206;
+}
+
 // The first byte of a Content-Range "bytes A-B/T" (T may be "*"), or -1 when
 // the value is not one: a range that cannot be read is not the one asked for.
 qint64 firstByteOf(const QByteArray &contentRange)
@@ -45,8 +50,7 @@ DownloadChunk::DownloadChunk(const QSharedPointer<QNetworkAccessManager> &manage
 
 DownloadChunk::~DownloadChunk()
 {
-    if (file.isOpen())
-        file.close();
+    cancel(); // a chunk that goes leaves no request behind
 }
 
 bool DownloadChunk::start(const QString &dir, const QString &path, const QString &address, qint64 first,
@@ -150,7 +154,7 @@ void DownloadChunk::sendRequest()
 QString DownloadChunk::refusal(int status, const QByteArray &contentRange, const QByteArray &etag, qint64 from,
                                const QString &expectedEtag)
 {
-    if (status != 200 && status != 206)
+    if (!isSuccessStatus(status))
         return QStringLiteral("http status %1").arg(status);
     if (status == 200 && from != 0)
         return QStringLiteral("the whole file instead of a range");
@@ -174,8 +178,17 @@ void DownloadChunk::checkAnswer()
                                    expectedEtag);
     if (reason.isEmpty())
         return;
+    if (!isSuccessStatus(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt()))
+        logHttpFailure();
     qCCritical(ztLog) << "chunk answer refused" << url << chunkPath << reason;
     failTransfer(Zephyrtide::Error::GeneralFailure);
+}
+
+void DownloadChunk::logHttpFailure()
+{
+    qCCritical(ztLog) << "errorrrrrrrrrrrrrrrr" << url << fileName << "http error" << reply->error() << "http status"
+                      << reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    qCCritical(ztLog) << "header" << reply->rawHeaderPairs();
 }
 
 void DownloadChunk::failTransfer(ZTErrorCode code)
@@ -215,16 +228,16 @@ void DownloadChunk::relayProgress(qint64 received, qint64 total)
 
 void DownloadChunk::checkCompletion()
 {
+    if (!reply)
+        return;
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     // A 206 cut short by a dropped connection is a failure too: the bytes that
     // came stay in the chunk file, and the next run asks for the rest.
-    if ((status != 200 && status != 206) || reply->error() != QNetworkReply::NoError) {
-        if (status == 200 || status == 206)
+    if (!isSuccessStatus(status) || reply->error() != QNetworkReply::NoError) {
+        if (isSuccessStatus(status))
             writeAvailable(); // what came of a cut answer is good: keep it
         file.flush();
-        qCCritical(ztLog) << "errorrrrrrrrrrrrrrrr" << url << fileName << "http error" << reply->error()
-                          << "http status" << status;
-        qCCritical(ztLog) << "header" << reply->rawHeaderPairs();
+        logHttpFailure();
         Q_EMIT errorOccurred(Zephyrtide::Error::GeneralFailure);
         return;
     }
@@ -236,6 +249,13 @@ void DownloadChunk::checkCompletion()
     if (status == 206 && !covered() && startOffset > m_requestFrom) {
         pendingProgress = 0; // this reply's bytes are all reported
         sendRequest();
+        return;
+    }
+    // A closed connection can end an answer before its Content-Length without
+    // an error: short of its range, the chunk is cut, not finished.
+    if (!covered()) {
+        logHttpFailure();
+        Q_EMIT errorOccurred(Zephyrtide::Error::GeneralFailure);
         return;
     }
     qCDebug(ztLog) << "chunk finish" << etag << fileName;
@@ -256,9 +276,12 @@ void DownloadChunk::onStoped()
     cancel();
 }
 
+// Whatever state the reply is in: one that has just finished may still be
+// emitting (its last progress comes before its finished()), and a stop handled
+// in between must keep that finished() from ending the chunk.
 void DownloadChunk::cancel()
 {
-    if (reply && reply->isRunning()) {
+    if (reply) {
         reply->disconnect(this);
         reply->abort();
         reply.reset();

@@ -17,7 +17,8 @@ class QNetworkReply;
 //
 // Call order: construct, fill the fields, connect, start(). Validation and file
 // failures emit errorOccurred() then finished(); an HTTP failure only
-// errorOccurred(20630).
+// errorOccurred(20630). onAborted()/onStoped() drop the request, whatever its
+// state, and emit nothing: from then on the chunk file does not change.
 class DownloadChunk : public QObject
 {
     Q_OBJECT
@@ -66,6 +67,7 @@ private:
     void relayProgress(qint64 received, qint64 total);
     void checkCompletion();
     void checkAnswer();
+    void logHttpFailure();
     void failTransfer(ZTErrorCode code);
     void cancel();
 

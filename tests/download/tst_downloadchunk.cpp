@@ -49,6 +49,7 @@ void tst_DownloadChunk::rangeGoesOutInWindows_data()
     QTest::newRow("two windows and a byte") << 2 * Window + 1 << qint64(0) << all << 3;
     QTest::newRow("resumed: only the rest, in windows") << 2 * Window + 1 << 3 * MiB << all << 2;
     QTest::newRow("server ends every range early") << 2 * Window << qint64(0) << 3 * MiB << 6;
+    QTest::newRow("covers its range: no request") << 5 * MiB << 5 * MiB + 1 << all << 0;
 }
 
 void tst_DownloadChunk::rangeGoesOutInWindows()
@@ -96,7 +97,7 @@ void tst_DownloadChunk::rangeGoesOutInWindows()
     // A chunk but the last asks for its overlap byte too: "last" is one past its share.
     QVERIFY(chunk.start(folder.path(), folder.filePath("1"), server.baseUrl() + "/download", first,
                         last + 1, QStringLiteral("t")));
-    QVERIFY(finished.wait(20000));
+    QVERIFY(finished.count() == 1 || finished.wait(20000));
     QCOMPARE(failed.count(), 0);
 
     QFile file(folder.filePath("1"));

@@ -13,8 +13,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-// The probe and its header parsing, the collision names, and one chunk's
-// transfer and resume, against a scripted server.
+// The probe and its header parsing, the collision names, and how one chunk
+// fails on an HTTP status, against a scripted server.
 class tst_DownloadTask : public QObject
 {
     Q_OBJECT
@@ -24,11 +24,8 @@ private Q_SLOTS:
     void probeHeaders();
     void collisionNames_data();
     void collisionNames();
-    void chunkResume_data();
-    void chunkResume();
     void chunkHttpFailure_data();
     void chunkHttpFailure();
-    void progressIncrements();
 
 private:
     TestEnvironment m_environment;
@@ -162,57 +159,6 @@ void tst_DownloadTask::collisionNames()
         QCOMPARE(QFileInfo(folder.filePath(given)).size(), 0);
 }
 
-void tst_DownloadTask::chunkResume_data()
-{
-    QTest::addColumn<int>("onDisk");
-    QTest::addColumn<bool>("request");
-    QTest::addColumn<QByteArray>("range");
-    QTest::newRow("empty chunk file: whole range") << 0 << true << QByteArray("bytes=100-200");
-    QTest::newRow("40 bytes there: the rest") << 40 << true << QByteArray("bytes=140-200");
-    QTest::newRow("covers its range: no request") << 100 << false << QByteArray();
-    QTest::newRow("more than its range: no request") << 130 << false << QByteArray();
-}
-
-void tst_DownloadTask::chunkResume()
-{
-    QFETCH(int, onDisk);
-    QFETCH(bool, request);
-    QFETCH(QByteArray, range);
-    QByteArray content(300, Qt::Uninitialized);
-    for (int i = 0; i < content.size(); ++i)
-        content[i] = char(i);
-    ScriptedServer server;
-    QVERIFY(server.start());
-    server.setHandler([&](const ScriptedRequest &r) { return ScriptedResponse::file(content, r, "\"e\""); });
-
-    QTemporaryDir folder;
-    const QString path = folder.filePath("1");
-    QFile existing(path);
-    QVERIFY(existing.open(QIODevice::WriteOnly));
-    existing.write(content.mid(100, onDisk));
-    existing.close();
-
-    DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
-    chunk.fileName = "c.bin";
-    QSignalSpy progress(&chunk, &DownloadChunk::downloadProgress);
-    QSignalSpy finished(&chunk, &DownloadChunk::finished);
-    QVERIFY(chunk.start(folder.path(), path, server.baseUrl() + "/download", 100, 200, "e"));
-    QVERIFY(finished.count() == 1 || finished.wait(5000));
-    QCOMPARE(server.requestCount(), request ? 1 : 0);
-    if (onDisk > 0) {
-        // What is on disk is reported first, as (k, k).
-        QCOMPARE(progress.first().at(0).toLongLong(), qint64(onDisk));
-        QCOMPARE(progress.first().at(1).toLongLong(), qint64(onDisk));
-    }
-    if (!request)
-        return;
-    QCOMPARE(server.requests().first().header("Range"), range);
-    QFile result(path);
-    QVERIFY(result.open(QIODevice::ReadOnly));
-    // 101 bytes: the inclusive end brings the next chunk's first byte along.
-    QCOMPARE(result.readAll(), content.mid(100, 101));
-}
-
 void tst_DownloadTask::chunkHttpFailure_data()
 {
     QTest::addColumn<int>("status");
@@ -221,6 +167,8 @@ void tst_DownloadTask::chunkHttpFailure_data()
     QTest::newRow("500") << 500;
 }
 
+// An answer refused for its status says why, and writes the chunk's failure
+// lines: the address and name, the network error and status, then the headers.
 void tst_DownloadTask::chunkHttpFailure()
 {
     QFETCH(int, status);
@@ -230,37 +178,27 @@ void tst_DownloadTask::chunkHttpFailure()
         ScriptedResponse response;
         response.status = status;
         response.body = "<html>error page</html>";
-        return response;
+        return response.header("X-Why", "scripted");
     });
     QTemporaryDir folder;
+    LogCapture log;
     DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
+    chunk.fileName = "c.bin";
     QSignalSpy error(&chunk, &DownloadChunk::errorOccurred);
     QSignalSpy finished(&chunk, &DownloadChunk::finished);
     QVERIFY(chunk.start(folder.path(), folder.filePath("1"), server.baseUrl() + "/download", 0, 10, "e"));
     QVERIFY(error.wait(5000));
+    QVERIFY(server.waitUntilQuiet());
+    QCOMPARE(error.count(), 1);
     QCOMPARE(error.first().first().value<ZTErrorCode>(), Zephyrtide::Error::GeneralFailure);
-    QTest::qWait(100);
     QCOMPARE(finished.count(), 0);
-}
-
-void tst_DownloadTask::progressIncrements()
-{
-    QByteArray content(1 << 20, 'p');
-    ScriptedServer server;
-    QVERIFY(server.start());
-    server.setHandler([&](const ScriptedRequest &r) { return ScriptedResponse::file(content, r, "\"p\""); });
-    QTemporaryDir folder;
-    DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
-    qint64 sum = 0;
-    connect(&chunk, &DownloadChunk::downloadProgress, this, [&](qlonglong delta, qlonglong) {
-        QVERIFY(delta >= 0);
-        sum += delta;
-    });
-    QSignalSpy finished(&chunk, &DownloadChunk::finished);
-    QVERIFY(chunk.start(folder.path(), folder.filePath("1"), server.baseUrl() + "/download", 0, 1 << 20, "p"));
-    QVERIFY(finished.wait(5000));
-    // The increments add up to what arrived.
-    QCOMPARE(sum, QFileInfo(folder.filePath("1")).size());
+    QCOMPARE(QFileInfo(folder.filePath("1")).size(), 0); // the error page is not the file
+    QCOMPARE(log.count("chunk answer refused", QtCriticalMsg), 1);
+    QCOMPARE(log.count(QStringLiteral("http status %1").arg(status), QtCriticalMsg), 2); // the reason, and the failure line
+    QCOMPARE(log.count("errorrrrrrrrrrrrrrrr", QtCriticalMsg), 1);
+    QCOMPARE(log.count("\"c.bin\" http error QNetworkReply::", QtCriticalMsg), 1);
+    QCOMPARE(log.count("header", QtCriticalMsg), 1);
+    QCOMPARE(log.count("X-Why", QtCriticalMsg), 1);
 }
 
 QTEST_MAIN(tst_DownloadTask)
