@@ -51,7 +51,8 @@ ZTErrorCode Downloader::start()
     qCCritical(ztLog) << "start start down";
     m_starting = true;
 
-    for (auto it = m_tasksByEtag.cbegin(); it != m_tasksByEtag.cend(); ++it) {
+    // A host may stop the batch from its keep-alive handler: nothing more starts.
+    for (auto it = m_tasksByEtag.cbegin(); it != m_tasksByEtag.cend() && m_state == Running; ++it) {
         Q_EMIT keepAlive();
         const QSharedPointer<DownloadTask> &task = it.value();
         if (!task->checkTask()) {
@@ -69,7 +70,9 @@ ZTErrorCode Downloader::start()
         if (!file->start()) {
             m_starting = false;
             qCCritical(ztLog) << "start fail" << task->fileName << task->url;
-            return Zephyrtide::Error::GeneralFailure;
+            // A file that says why (its content is another run's, say) fails the batch with that.
+            const ZTErrorCode code = task->status;
+            return abandon(file.data(), code != Zephyrtide::Error::NoError ? code : Zephyrtide::Error::GeneralFailure);
         }
     }
     m_starting = false;
@@ -130,7 +133,7 @@ void Downloader::onFinished()
         return;
     }
     auto *file = qobject_cast<DownloadSingleFile *>(sender());
-    if (!file)
+    if (!file || m_ended)
         return;
     qCInfo(ztLog) << "finish task" << file->task->etag << file->task->fileName;
     for (int i = 0; i < m_runningFiles.size(); ++i) {
@@ -147,8 +150,8 @@ void Downloader::onFinished()
 void Downloader::onErrorOccurred()
 {
     auto *file = qobject_cast<DownloadSingleFile *>(sender());
-    if (!file)
-        return;
+    if (!file || !fileOf(file->task.data()))
+        return; // a file ends once
     DownloadTask *task = file->task.data();
     qCCritical(ztLog) << "file error" << task->fileName << task->status;
     if (m_failure == Zephyrtide::Error::NoError)
@@ -167,7 +170,7 @@ void Downloader::onErrorOccurred()
 
 void Downloader::finishIfDone()
 {
-    if (m_starting)
+    if (m_starting || m_ended)
         return;
     if (!m_runningFiles.isEmpty()) {
         qCDebug(ztLog) << "not finished number" << m_runningFiles.size()
@@ -176,12 +179,32 @@ void Downloader::finishIfDone()
     }
     if (m_failure != Zephyrtide::Error::NoError) {
         // The other files have ended; the batch fails with the first failure.
-        Q_EMIT finished(m_failure, m_finishedTasks);
+        end(m_failure, m_finishedTasks);
         return;
     }
     qCDebug(ztLog) << "finished downloader";
     onDownloadProgress(m_totalSize, m_totalSize);
-    Q_EMIT finished(Zephyrtide::Error::NoError, m_finishedTasks);
+    end(Zephyrtide::Error::NoError, m_finishedTasks);
+}
+
+void Downloader::end(ZTErrorCode code, const QList<DownloadTask *> &tasks)
+{
+    if (m_ended)
+        return;
+    m_ended = true;
+    Q_EMIT finished(code, tasks);
+}
+
+// Nothing runs behind a batch that failed to start: the files started before
+// the one that failed stop, keeping their chunks for a later run.
+ZTErrorCode Downloader::abandon(DownloadSingleFile *failed, ZTErrorCode code)
+{
+    m_ended = true;
+    for (const auto &file : qAsConst(m_runningFiles)) {
+        if (file.data() != failed)
+            file->onStopped();
+    }
+    return code;
 }
 
 bool Downloader::refuseRepeat()
@@ -201,7 +224,7 @@ void Downloader::onStopAll()
     m_state = Stopped;
     for (const auto &file : qAsConst(m_runningFiles))
         file->onStopped();
-    Q_EMIT finished(Zephyrtide::Error::Stopped, {});
+    end(Zephyrtide::Error::Stopped, {});
 }
 
 void Downloader::onAbortAll()
@@ -212,7 +235,7 @@ void Downloader::onAbortAll()
     // Cancels the requests only: the chunk files stay, as after a stop.
     for (const auto &file : qAsConst(m_runningFiles))
         Q_EMIT file->abort();
-    Q_EMIT finished(Zephyrtide::Error::Stopped, {});
+    end(Zephyrtide::Error::Stopped, {});
 }
 
 void Downloader::onStopTask(DownloadTask *task)
@@ -222,7 +245,7 @@ void Downloader::onStopTask(DownloadTask *task)
     m_state = Stopped;
     if (DownloadSingleFile *file = fileOf(task))
         file->onStopped();
-    Q_EMIT finished(Zephyrtide::Error::Stopped, {});
+    end(Zephyrtide::Error::Stopped, {});
 }
 
 void Downloader::onAbortTask(DownloadTask *task)
@@ -232,7 +255,7 @@ void Downloader::onAbortTask(DownloadTask *task)
     m_state = Aborted;
     if (DownloadSingleFile *file = fileOf(task))
         file->onAborted();
-    Q_EMIT finished(Zephyrtide::Error::Aborted, {});
+    end(Zephyrtide::Error::Aborted, {});
 }
 
 DownloadSingleFile *Downloader::fileOf(DownloadTask *task) const
@@ -254,4 +277,5 @@ void Downloader::clear()
     m_state = Running;
     m_totalSize = 0;
     m_failure = Zephyrtide::Error::NoError;
+    m_ended = false;
 }

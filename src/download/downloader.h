@@ -14,8 +14,10 @@ class DownloadTask;
 // the same content (same entity tag) into one transfer that is copied to every
 // destination, runs one DownloadSingleFile per content, all at once, and sums
 // their progress into one figure that never goes back. The batch ends with one
-// finished(code, tasks): 0 and the finished tasks, the stop or abort code, or
-// the code of the first file that failed once every other file has ended.
+// finished(code, tasks), at most once: 0 and the finished tasks, the stop or
+// abort code, or the code of the first file that failed once every other file
+// has ended. A start() that returns a code is the end: the files it had
+// started stop, and no finished() follows.
 //
 // Call order: addTask() for each task, connect, start(). Cancel by emitting
 // stopAll(), abortAll(), stop(task) or abort(task) on it.
@@ -64,6 +66,8 @@ private:
     void onAbortTask(DownloadTask *task);
     DownloadSingleFile *fileOf(DownloadTask *task) const;
     void finishIfDone();
+    void end(ZTErrorCode code, const QList<DownloadTask *> &tasks);
+    ZTErrorCode abandon(DownloadSingleFile *failed, ZTErrorCode code);
 
     QList<QSharedPointer<DownloadTask>> m_tasks;
     QMap<QString, QSharedPointer<DownloadTask>> m_tasksByEtag;
@@ -74,4 +78,5 @@ private:
     qint64 m_totalSize = 0;
     ZTErrorCode m_failure = Zephyrtide::Error::NoError;
     bool m_starting = false; // files that end inside start() must not end the batch early
+    bool m_ended = false;    // finished() emitted, or start() failed
 };

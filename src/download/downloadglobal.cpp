@@ -52,3 +52,9 @@ void DownloadGlobal::setChunkSize(qint64 megabytes)
         return;
     m_chunkSize = megabytes << 20;
 }
+
+void DownloadGlobal::setChunkSizeInBytes(qint64 bytes)
+{
+    if (bytes > 0)
+        m_chunkSize = bytes;
+}

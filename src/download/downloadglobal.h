@@ -22,6 +22,8 @@ public:
     // Takes megabytes. An argument equal to the stored byte count is ignored:
     // the byte count is compared with the megabytes on purpose, as it always was.
     void setChunkSize(qint64 megabytes);
+    // Takes bytes, for chunks smaller than a MiB (a file of many small parts).
+    void setChunkSizeInBytes(qint64 bytes);
 
     QSharedPointer<NetworkManager> networkManager() const { return m_networkManager; }
 

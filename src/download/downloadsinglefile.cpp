@@ -7,6 +7,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QLockFile>
 #include <QNetworkAccessManager>
 
 #ifdef Q_OS_LINUX
@@ -63,28 +64,79 @@ DownloadSingleFile::DownloadSingleFile(const QSharedPointer<DownloadTask> &downl
     , chunkSize(DownloadGlobal::instance()->chunkSize())
     , temporaryStoragePath(DownloadGlobal::instance()->temporaryStoragePath())
 {
+    // Whoever emits them (the Downloader's batch-wide abort emits abort()
+    // straight on the file), stop() and abort() end the run.
+    connect(this, &DownloadSingleFile::stop, this, &DownloadSingleFile::halt);
+    connect(this, &DownloadSingleFile::abort, this, &DownloadSingleFile::halt);
 }
 
 DownloadSingleFile::~DownloadSingleFile() = default;
+
+QString DownloadSingleFile::lockPath(const QString &contentFolder)
+{
+    return contentFolder + QLatin1String(".lock");
+}
 
 bool DownloadSingleFile::start()
 {
     if (!task->checkTask()) {
         qCCritical(ztLog) << " task not valid err" << task->m_path << task->url;
         task->status = Zephyrtide::Error::ParseError;
+        m_ended = true;
         Q_EMIT errorOccurred();
         return false;
     }
     networkManager = QSharedPointer<QNetworkAccessManager>::create();
-    if (task->fileSize != 0) {
-        plan();
+    if (task->fileSize == 0)
+        return createEmptyFile();
+    tempDir = task->tempDir;
+    if (!holdContentFolder())
+        return false;
+    if (!task->rangeSupported)
+        restartWithoutRanges();
+    plan();
+    return true;
+}
+
+bool DownloadSingleFile::holdContentFolder()
+{
+    const QString path = lockPath(tempDir);
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    auto lock = std::make_unique<QLockFile>(path);
+    // A download may hold it for hours: only a lock whose process is gone is stale.
+    lock->setStaleLockTime(0);
+    if (lock->tryLock(0)) {
+        m_lock = std::move(lock);
         return true;
     }
-    return createEmptyFile();
+    m_ended = true;
+    if (lock->error() == QLockFile::LockFailedError) {
+        qCCritical(ztLog) << "content is being downloaded elsewhere" << tempDir << task->fileName;
+        task->status = Zephyrtide::Error::AlreadyRunning;
+    } else { // no room for the lock file, or no right to write beside the folder
+        qCCritical(ztLog) << "file open error" << path << lock->error();
+        task->status = Zephyrtide::Error::FileError;
+    }
+    return false;
+}
+
+void DownloadSingleFile::releaseContentFolder()
+{
+    m_lock.reset(); // unlocks
+}
+
+// A server without ranges answers a resumed chunk with the whole file, so its
+// one chunk starts over from byte 0; one that holds the whole file is kept.
+void DownloadSingleFile::restartWithoutRanges()
+{
+    QFile chunk(tempDir + QLatin1String("/1"));
+    if (chunk.exists() && chunk.size() < task->fileSize && !chunk.resize(0))
+        qCCritical(ztLog) << "chunk restart fail" << chunk.fileName() << chunk.errorString();
 }
 
 bool DownloadSingleFile::createEmptyFile()
 {
+    m_ended = true;
     QDir().mkpath(task->m_path);
     QFile file(task->filePath);
     if (!file.open(QIODevice::WriteOnly)) {
@@ -104,7 +156,6 @@ void DownloadSingleFile::plan()
     if (!task->rangeSupported)
         chunkSize = task->fileSize;
     chunkCount = int(task->fileSize / chunkSize) + (task->fileSize % chunkSize > 0 ? 1 : 0);
-    tempDir = task->tempDir;
     const QString requested = task->requestedName.isEmpty() ? task->fileName : task->requestedName;
     for (int i = 1; i <= chunkCount; ++i) {
         // Released with deleteLater: a chunk may be dropped while it emits.
@@ -125,13 +176,21 @@ void DownloadSingleFile::plan()
         connect(chunk.data(), &DownloadChunk::errorOccurred, this, &DownloadSingleFile::onErrorOccurred);
         pendingChunks.insert(i, chunk);
     }
-    // "At most the limit" counted over started chunks: four start at first.
-    while (!pendingChunks.isEmpty() && startedChunks.size() <= maxRunningChunks) {
+    startPendingChunks();
+}
+
+// Four run at first (started while at most the limit are running), then one
+// more per finished one. A chunk that ends inside its start() only counts
+// here; a failing one ends the run, and the loop with it.
+void DownloadSingleFile::startPendingChunks()
+{
+    while (isRunning() && !pendingChunks.isEmpty() && startedChunks.size() - finishedCount <= maxRunningChunks) {
         const int number = pendingChunks.firstKey();
         QSharedPointer<DownloadChunk> chunk = pendingChunks.take(number);
         startedChunks.insert(number, chunk);
         qCDebug(ztLog) << "requestiiiii " << pendingChunks.size() << number;
-        chunk->start();
+        if (!chunk->start())
+            qCCritical(ztLog) << "start failllllll";
     }
 }
 
@@ -139,27 +198,53 @@ void DownloadSingleFile::onFinished()
 {
     qCDebug(ztLog) << "single file finish";
     ++finishedCount;
+    // A stopped, aborted or failed file starts no pending chunk and merges nothing.
+    if (!isRunning())
+        return;
+    scheduleNextStep();
+}
+
+// The next step runs on a later turn of the event loop, once however many
+// chunks finished meanwhile, as Qt's HTTP connection starts its next request:
+// never inside the signal of the chunk that finished.
+void DownloadSingleFile::scheduleNextStep()
+{
+    if (m_stepQueued)
+        return;
+    m_stepQueued = true;
+    QMetaObject::invokeMethod(this, &DownloadSingleFile::nextStep, Qt::QueuedConnection);
+}
+
+void DownloadSingleFile::nextStep()
+{
+    m_stepQueued = false;
+    if (!isRunning())
+        return;
     if (!pendingChunks.isEmpty()) {
-        const int number = pendingChunks.firstKey();
-        QSharedPointer<DownloadChunk> chunk = pendingChunks.take(number);
-        qCDebug(ztLog) << "chunk append chunk" << pendingChunks.size() << number;
-        startedChunks.insert(number, chunk);
-        if (chunk->start())
-            qCDebug(ztLog) << "chunk inesrt chunk" << pendingChunks.size();
-        else
-            qCCritical(ztLog) << "start failllllll";
+        qCDebug(ztLog) << "chunk append chunk" << pendingChunks.size() << pendingChunks.firstKey();
+        startPendingChunks();
+        qCDebug(ztLog) << "chunk inesrt chunk" << pendingChunks.size();
+    }
+    if (isRunning() && pendingChunks.isEmpty() && finishedCount == chunkCount)
+        complete();
+}
+
+void DownloadSingleFile::complete()
+{
+    m_ended = true;
+    // A stop that comes during the merge (from a progress handler) lets it end:
+    // the folder stays this run's until it is removed.
+    m_merging = true;
+    const bool merged = merge();
+    m_merging = false;
+    if (!merged) {
+        task->status = Zephyrtide::Error::MergeError;
+        releaseContentFolder();
+        Q_EMIT errorOccurred();
         return;
     }
-    if (finishedCount != chunkCount)
-        return;
-    if (task->status == Zephyrtide::Error::NoError) {
-        if (!merge()) {
-            task->status = Zephyrtide::Error::MergeError;
-            Q_EMIT errorOccurred();
-            return;
-        }
-        clear();
-    }
+    clear();
+    releaseContentFolder();
     qCInfo(ztLog) << "finished file " << task->etag;
     Q_EMIT finished();
 }
@@ -286,31 +371,50 @@ bool DownloadSingleFile::copyToSameFileTargets(const QString &source)
 
 void DownloadSingleFile::clear()
 {
-    if (!tempDir.isEmpty() && !QDir(tempDir).removeRecursively())
-        qCCritical(ztLog) << "remove fail" << tempDir;
+    removeContentFolder();
     startedChunks.clear();
     chunkCount = 0;
+}
+
+void DownloadSingleFile::removeContentFolder()
+{
+    if (!tempDir.isEmpty() && !QDir(tempDir).removeRecursively())
+        qCCritical(ztLog) << "remove fail" << tempDir;
+}
+
+void DownloadSingleFile::halt()
+{
+    m_ended = true;
+    if (!m_merging)
+        releaseContentFolder();
 }
 
 void DownloadSingleFile::onAborted()
 {
     qCInfo(ztLog) << "abort success" << task->etag;
     task->status = Zephyrtide::Error::Aborted;
+    // The lock goes with the run, but nothing runs between this and the
+    // removal: an aborted download starts from nothing next time. A merge
+    // under way ends first, and removes the folder itself.
     Q_EMIT abort();
-    clear(); // an aborted download starts from nothing next time
+    if (!m_merging)
+        removeContentFolder();
 }
 
 void DownloadSingleFile::onStopped()
 {
     qCDebug(ztLog) << "stop success" << task->etag;
     task->status = Zephyrtide::Error::Stopped;
-    Q_EMIT stop();
+    Q_EMIT stop(); // chunk files stay for a later run
 }
 
 void DownloadSingleFile::onErrorOccurred(ZTErrorCode code)
 {
+    // The first failure ends the run; what follows is its echo. The chunk maps
+    // are left alone: this may run inside startPendingChunks().
+    if (!isRunning())
+        return;
     task->status = code;
     Q_EMIT stop();
-    startedChunks.clear();
     Q_EMIT errorOccurred();
 }
