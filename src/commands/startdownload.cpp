@@ -9,9 +9,16 @@
 #include <zephyrtide/manager.h>
 #include <zephyrtide/reply.h>
 
+#include <QPointer>
+
 namespace {
 constexpr int HostTimeoutCode = Zephyrtide::Error::Timeout;
+
+bool isHostTimeout(const QVariantMap &result)
+{
+    return result.value(QStringLiteral("errorCode")).toInt() == HostTimeoutCode;
 }
+} // namespace
 
 StartDownload::StartDownload(QObject *parent)
     : QObject(parent)
@@ -59,13 +66,21 @@ void StartDownload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
         return;
     }
     auto *downloader = new Downloader(this); // deleted with this object, or on a host time-out
+    // Each probe below waits in a nested loop, during which the host may time
+    // the reply out (which deletes the downloader) or drop it: both are looked
+    // at again after every wait.
+    const QPointer<Downloader> alive(downloader);
+    const QPointer<Zephyrtide::Reply> hostReply(reply);
     connect(reply, &Zephyrtide::Reply::finished, downloader, [reply, downloader](const QVariantMap &result) {
-        if (result.value(QStringLiteral("errorCode")).toInt() != HostTimeoutCode)
+        if (!isHostTimeout(result))
             return;
         qCWarning(ztLog) << "timeout" << reply->requestName() << "begin delete";
-        downloader->blockSignals(true);
+        // Cut from the reply first, so that the stop tells the host nothing;
+        // the stop itself must still reach the downloader's own handler, which
+        // blocked signals would keep from it: no transfer outlives the time-out.
         downloader->disconnect(reply);
         Q_EMIT downloader->stopAll();
+        downloader->blockSignals(true);
         downloader->deleteLater();
     });
     connect(downloader, &Downloader::keepAlive, reply, &Zephyrtide::Reply::keepAlive);
@@ -73,9 +88,20 @@ void StartDownload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
     for (const QVariant &entry : files) {
         const QVariantMap file = entry.toMap();
         auto task = QSharedPointer<DownloadTask>::create();
+        // The host's time-out ends a probe in flight at once.
+        connect(reply, &Zephyrtide::Reply::finished, task.data(), [probing = task.data()](const QVariantMap &result) {
+            if (isHostTimeout(result))
+                probing->abortProbe();
+        });
         const ZTErrorCode code = task->isValid(file.value(QStringLiteral("path")).toString(),
                                                file.value(QStringLiteral("url")).toString(),
                                                file.value(QStringLiteral("filename")).toString());
+        if (!alive || !hostReply) {
+            qCWarning(ztLog) << "download given up while probing" << file.value(QStringLiteral("url")).toString();
+            if (alive)
+                downloader->deleteLater(); // no reply to report to
+            return;
+        }
         if (downloader->status() != Downloader::Running) {
             qCCritical(ztLog) << "downloader is finished" << downloader->status();
             return;
@@ -115,7 +141,7 @@ void StartDownload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
         qCDebug(ztLog) << params.value(QStringLiteral("netLimit")).value<Zephyrtide::Manager::NetLimit>();
 
     const ZTErrorCode code = downloader->start();
-    if (code == Zephyrtide::Error::NoError)
+    if (code == Zephyrtide::Error::NoError || !alive || !hostReply)
         return;
     QVariantList results;
     for (const DownloadTask *task : downloader->finishedTasks())
@@ -134,7 +160,12 @@ void StartDownload::zt_apply_isExist(Zephyrtide::Reply *reply, QVariantMap param
     }
     DownloadTask task;
     applyConfiguration();
-    task.init(url);
+    const QPointer<Zephyrtide::Reply> hostReply(reply);
+    task.init(url); // waits for its probe in a nested loop
+    if (!hostReply) {
+        qCWarning(ztLog) << "is exist given up" << url;
+        return;
+    }
     m_global->success(reply, QVariantMap{{QStringLiteral("url"), url},
                                          {QStringLiteral("bytesReceived"), qint64(task.downloadedSize)},
                                          {QStringLiteral("bytesTotal"), qint64(task.fileSize)}});

@@ -119,6 +119,7 @@ bool DownloadTask::parseTask()
     const QByteArray body = QJsonDocument(QJsonObject{{QStringLiteral("fileName"), name}}).toJson();
 
     QNetworkReply *reply = access.post(request, body);
+    m_probe = reply;
     QEventLoop loop;
     connect(reply, &QNetworkReply::finished, &loop, [&] {
         const int code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
@@ -132,11 +133,20 @@ bool DownloadTask::parseTask()
         qCCritical(ztLog) << "parsing error" << error;
     });
     loop.exec();
+    m_probe.clear();
     reply->disconnect(this);
     reply->disconnect(&loop);
     reply->abort();
     reply->deleteLater();
     return applyProbe();
+}
+
+void DownloadTask::abortProbe()
+{
+    if (!m_probe)
+        return;
+    qCWarning(ztLog) << "probe given up" << url;
+    m_probe->abort();
 }
 
 bool DownloadTask::applyProbe()

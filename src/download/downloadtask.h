@@ -7,6 +7,7 @@
 #include <QList>
 #include <QObject>
 #include <QPair>
+#include <QPointer>
 #include <QVariantMap>
 
 class QNetworkReply;
@@ -32,6 +33,8 @@ public:
     bool init(const QString &url);
     // Probes the server (a POST for bytes 0-1), then derives as applyProbe() does.
     bool parseTask();
+    // Gives up a probe in flight: its wait ends at once and the probe fails.
+    void abortProbe();
     void parseHeaders(QNetworkReply *reply);
     // What parseHeaders reads from the probe's reply: its HTTP status and its
     // raw header pairs, in the form QNetworkReply::rawHeaderPairs() gives them.
@@ -61,6 +64,7 @@ public:
     QString serverEtag;    // the tag as the probe saw it, which every chunk answer must carry
 
 private:
+    QPointer<QNetworkReply> m_probe; // while parseTask() waits for it
     // The folder tag for content known by `identity`: the MD5 of the size and it, in hex.
     QString contentTag(const QString &identity) const;
 };
