@@ -29,8 +29,6 @@ private Q_SLOTS:
     void sizesAroundTheChunkSize();
     void sameContentThreeDestinations();
     void secondDownloadTakesAFreeName();
-    void stopThenResume();
-    void abortEndsTheBatch();
     void serviceGoneMidBatch();
     void refusals_data();
     void refusals();
@@ -161,50 +159,6 @@ void tst_DownloadEndToEnd::secondDownloadTakesAFreeName()
         QCOMPARE(call.result().value("result").toList().first().toMap().value("filename").toString(), expected);
         QCOMPARE(sha256OfFile(m_target->path() + "/" + expected), digest);
     }
-}
-
-void tst_DownloadEndToEnd::stopThenResume()
-{
-    const qint64 size = 64 * C;
-    const QByteArray digest = storeFile("big.bin", size);
-    const QVariantMap params{{"files", QVariantList{fileEntry("big.bin", m_target->path())}}};
-    {
-        HostCall first(m_root.data(), "zt_apply_startDownload", params);
-        QVERIFY(QTest::qWaitFor([&] { return !first.progress.isEmpty() && first.progress.last().first > 0; }, 30000));
-        Q_EMIT first.reply()->stop();
-        first.wait();
-        QCOMPARE(first.errorCode(), int(Zephyrtide::Error::Stopped));
-    }
-    QCOMPARE(chunkFolderCount(), QStringLiteral("1")); // the chunks stay for the next run
-    qint64 kept = 0;
-    const QString folder = QDir(m_temporary.path()).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot).first().filePath();
-    for (const QFileInfo &chunk : QDir(folder).entryInfoList(QDir::Files))
-        kept += chunk.size();
-    QVERIFY(kept > 0);
-
-    HostCall second(m_root.data(), "zt_apply_startDownload", params);
-    second.wait(60000);
-    QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
-    // The stop left an empty placeholder under the asked name; the resumed run takes the next one.
-    const QString name = second.result().value("result").toList().first().toMap().value("filename").toString();
-    QCOMPARE(sha256OfFile(m_target->path() + "/" + name), digest);
-}
-
-void tst_DownloadEndToEnd::abortEndsTheBatch()
-{
-    storeFile("gone.bin", 64 * C);
-    HostCall call(m_root.data(), "zt_apply_startDownload",
-                  {{"files", QVariantList{fileEntry("gone.bin", m_target->path())}}});
-    QVERIFY(QTest::qWaitFor([&] { return !call.progress.isEmpty() && call.progress.last().first > 0; }, 30000));
-    QCOMPARE(chunkFolderCount(), QStringLiteral("1"));
-    Q_EMIT call.reply()->abort();
-    call.wait();
-    QCOMPARE(call.finishedCount(), 1);
-    // The host's abort is the batch-wide one: it cancels the requests, reports
-    // the stop code and leaves the chunk files (only a single task's abort
-    // deletes them).
-    QCOMPARE(call.errorCode(), int(Zephyrtide::Error::Stopped));
-    QCOMPARE(chunkFolderCount(), QStringLiteral("1"));
 }
 
 // Small files end before the service is killed, the large one is cut: the

@@ -29,12 +29,8 @@ private Q_SLOTS:
     void chunkAnswerJudged();
     void faultyAnswerThenResume_data();
     void faultyAnswerThenResume();
-    void serverWithoutRanges();
-    void fileChangedBetweenRuns();
     void chunkFilesLeftBehind_data();
     void chunkFilesLeftBehind();
-    void abortOfOneTaskDeletesItsChunks();
-    void emptyFilesEndTheBatchOnlyOnce();
     void filesWithoutTagsStayApart();
 
 private:
@@ -203,40 +199,6 @@ void tst_DownloadIntegrity::faultyAnswerThenResume()
     QVERIFY(!QDir(chunkFolder("d")).exists());
 }
 
-void tst_DownloadIntegrity::serverWithoutRanges()
-{
-    m_server->setHandler([&](const ScriptedRequest &) {
-        ScriptedResponse response;
-        response.body = m_content;
-        response.header("ETag", "\"d\"");
-        return response;
-    });
-    QCOMPARE(runBatch(), 0);
-    QCOMPARE(downloaded(), m_content);
-    QCOMPARE(m_server->requestCount(), 2); // the probe and one chunk
-}
-
-void tst_DownloadIntegrity::fileChangedBetweenRuns()
-{
-    // The probe sees one version, the chunks another: nothing is written.
-    bool probed = false;
-    m_server->setHandler([&](const ScriptedRequest &r) {
-        const QByteArray tag = probed ? "\"v2\"" : "\"v1\"";
-        probed = true;
-        return ScriptedResponse::file(m_content, r, tag, "d.bin");
-    });
-    QCOMPARE(runBatch(), int(Zephyrtide::Error::GeneralFailure));
-    qint64 written = 0;
-    for (const QFileInfo &chunk : QDir(chunkFolder("v1")).entryInfoList(QDir::Files))
-        written += chunk.size();
-    QCOMPARE(written, 0);
-
-    // The next run sees the new version only: a folder of its own, the right bytes.
-    m_server->setHandler([&](const ScriptedRequest &r) { return ScriptedResponse::file(m_content, r, "\"v2\"", "d.bin"); });
-    QCOMPARE(runBatch(), 0);
-    QCOMPARE(downloaded(), m_content);
-}
-
 void tst_DownloadIntegrity::chunkFilesLeftBehind_data()
 {
     QTest::addColumn<QByteArray>("chunk1");
@@ -265,61 +227,6 @@ void tst_DownloadIntegrity::chunkFilesLeftBehind()
         ranges << QString::fromLatin1(r.header("Range"));
     QCOMPARE(ranges.contains(QString::fromLatin1(askedFor1)), !askedFor1.isEmpty());
     QVERIFY(!ranges.contains("bytes=0-1048576")); // chunk 1 was never fetched whole
-}
-
-void tst_DownloadIntegrity::abortOfOneTaskDeletesItsChunks()
-{
-    bool hold = false;
-    m_server->setHandler([&](const ScriptedRequest &r) {
-        ScriptedResponse response = ScriptedResponse::file(m_content, r, "\"d\"", "d.bin");
-        response.hold = hold && r.header("Range").startsWith("bytes=1048576-");
-        hold = true; // every chunk request but the probe's
-        return response;
-    });
-    auto task = QSharedPointer<DownloadTask>::create();
-    QCOMPARE(task->isValid(m_target->filePath("d.bin"), m_server->baseUrl() + "/download", "d.bin"), 0);
-    Downloader downloader;
-    QVERIFY(downloader.addTask(task));
-    int code = -1;
-    connect(&downloader, &Downloader::finished, this,
-            [&](ZTErrorCode status, const QList<DownloadTask *> &) { code = status; });
-    QCOMPARE(downloader.start(), 0);
-    QTRY_VERIFY_WITH_TIMEOUT(m_server->heldCount() == 1 && QFileInfo(chunkFolder("d") + "/1").size() > 0, 10000);
-
-    Q_EMIT downloader.abort(task.data());
-    QCOMPARE(code, int(Zephyrtide::Error::Aborted));
-    QCOMPARE(task->status, Zephyrtide::Error::Aborted);
-    QVERIFY(!QDir(chunkFolder("d")).exists());
-    // A repeated request is refused, and reports nothing more.
-    code = -1;
-    Q_EMIT downloader.stopAll();
-    QCOMPARE(code, -1);
-    m_server->release();
-}
-
-void tst_DownloadIntegrity::emptyFilesEndTheBatchOnlyOnce()
-{
-    // Empty files end inside start(): the batch must still wait for all of them.
-    m_server->setHandler([](const ScriptedRequest &r) {
-        const QByteArray name = QJsonDocument::fromJson(r.body).object().value("fileName").toString().toUtf8();
-        return ScriptedResponse::file(QByteArray(), r, "\"" + name + "\"", name);
-    });
-    Downloader downloader;
-    QList<QSharedPointer<DownloadTask>> tasks;
-    for (const QString &name : QStringList{"e1.bin", "e2.bin", "e3.bin"}) {
-        auto task = QSharedPointer<DownloadTask>::create();
-        QCOMPARE(task->isValid(m_target->filePath(name), m_server->baseUrl() + "/download", name), 0);
-        QVERIFY(downloader.addTask(task));
-        tasks << task;
-    }
-    QList<int> counts;
-    connect(&downloader, &Downloader::finished, this,
-            [&](ZTErrorCode, const QList<DownloadTask *> &done) { counts << done.size(); });
-    QCOMPARE(downloader.start(), 0);
-    QTest::qWait(100);
-    QCOMPARE(counts, QList<int>{3});
-    for (const QString &name : QStringList{"e1.bin", "e2.bin", "e3.bin"})
-        QVERIFY(QFileInfo::exists(m_target->filePath(name)));
 }
 
 void tst_DownloadIntegrity::filesWithoutTagsStayApart()

@@ -1,0 +1,427 @@
+#include "download/downloader.h"
+#include "download/downloadglobal.h"
+#include "download/downloadsinglefile.h"
+#include "download/downloadtask.h"
+#include "filedigest.h"
+#include "hostcall.h"
+#include "plugin/globalmanager.h"
+#include "plugin/ztserver.h"
+#include "scriptedserver.h"
+#include "testenvironment.h"
+
+#include <zephyrtide/manager.h>
+#include <zephyrtide/reply.h>
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLockFile>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cstdio>
+#include <memory>
+
+// A download's life as a host lives it, against a scripted server: stopped and
+// started again at once, a server without ranges, the same content asked for
+// twice, the host's time-out in the middle of a call, and every way a batch
+// ends (once).
+class tst_DownloadLifeCycle : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void stopThenRestartAtOnce_data();
+    void stopThenRestartAtOnce();
+    void serverWithoutRanges_data();
+    void serverWithoutRanges();
+    void sameContentTwice_data();
+    void sameContentTwice();
+    void hostTimeOut_data();
+    void hostTimeOut();
+    void batchEndsOnce_data();
+    void batchEndsOnce();
+
+private:
+    static constexpr qint64 MiB = 1024 * 1024;
+    // Serves files of this size, by the name the body asks for, with ranges;
+    // m_shape then changes an answer as a test needs.
+    void serve(qint64 size);
+    QByteArray contentOf(const QByteArray &name) const;
+    QByteArray digestOf(const QByteArray &name) const { return QCryptographicHash::hash(contentOf(name), QCryptographicHash::Sha256); }
+    QString chunkFolder(const QByteArray &tag) const;
+    QVariantMap batch(const QStringList &names, const QString &folder) const;
+    qint64 bytesIn(const QString &folder) const;
+
+    TestEnvironment m_environment;
+    QScopedPointer<QTemporaryDir> m_temporary; // the engine's chunk folders
+    QScopedPointer<QTemporaryDir> m_target;
+    QScopedPointer<ScriptedServer> m_server;
+    QScopedPointer<Zephyrtide::Manager> m_host;
+    QScopedPointer<ZTServer> m_root;
+    mutable QMap<QByteArray, QByteArray> m_contents;
+    qint64 m_size = 0;
+    std::function<void(const ScriptedRequest &, ScriptedResponse &)> m_shape;
+};
+
+void tst_DownloadLifeCycle::init()
+{
+    m_temporary.reset(new QTemporaryDir);
+    m_target.reset(new QTemporaryDir);
+    m_server.reset(new ScriptedServer);
+    QVERIFY(m_server->start());
+    m_contents.clear();
+    m_shape = nullptr;
+    DownloadGlobal::instance()->setChunkSizeInBytes(MiB);
+    m_host.reset(new Zephyrtide::Manager);
+    m_host->setConfigData({{"startDownload", QVariantMap{{"temporaryStoragePath", m_temporary->path()}}}});
+    m_root.reset(new ZTServer);
+    QVERIFY(QMetaObject::invokeMethod(m_root.data(), "zt_set_manager", Q_ARG(Zephyrtide::Manager *, m_host.data())));
+    QVERIFY(HostCall(m_root.data(), "zt_apply_setIP", {{"ip", m_server->baseUrl()}}).succeeded());
+    DownloadGlobal::instance()->setTemporaryStoragePath(m_temporary->path()); // for the rows without a host
+}
+
+void tst_DownloadLifeCycle::cleanup()
+{
+    m_server->release();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    m_root.reset();
+    m_host.reset();
+    m_server.reset();
+}
+
+void tst_DownloadLifeCycle::serve(qint64 size)
+{
+    m_size = size;
+    m_server->setHandler([this](const ScriptedRequest &r) {
+        const QByteArray name = QJsonDocument::fromJson(r.body).object().value("fileName").toString().toUtf8();
+        ScriptedResponse response = ScriptedResponse::file(contentOf(name), r, "\"" + name + "\"", name);
+        if (m_shape)
+            m_shape(r, response);
+        return response;
+    });
+}
+
+QByteArray tst_DownloadLifeCycle::contentOf(const QByteArray &name) const
+{
+    if (!m_contents.contains(name)) {
+        QByteArray content(int(m_size), '\0');
+        QRandomGenerator(qHash(name)).fillRange(reinterpret_cast<quint32 *>(content.data()), content.size() / 4);
+        m_contents.insert(name, content);
+    }
+    return m_contents.value(name);
+}
+
+QString tst_DownloadLifeCycle::chunkFolder(const QByteArray &tag) const
+{
+    const QByteArray identity = QByteArray::number(m_size) + tag;
+    return m_temporary->path() + "/" + QCryptographicHash::hash(identity, QCryptographicHash::Md5).toHex();
+}
+
+QVariantMap tst_DownloadLifeCycle::batch(const QStringList &names, const QString &folder) const
+{
+    QVariantList files;
+    for (const QString &name : names)
+        files << QVariantMap{{"filename", name}, {"path", folder + "/" + name}};
+    return {{"files", files}};
+}
+
+qint64 tst_DownloadLifeCycle::bytesIn(const QString &folder) const
+{
+    qint64 sum = 0;
+    for (const QFileInfo &file : QDir(folder).entryInfoList(QDir::Files))
+        sum += file.size();
+    return sum;
+}
+
+void tst_DownloadLifeCycle::stopThenRestartAtOnce_data()
+{
+    QTest::addColumn<qint64>("size");
+    QTest::addColumn<qint64>("chunkSize");
+    QTest::addColumn<int>("stops"); // each at a tenth more than the one before
+    QTest::addColumn<bool>("abort"); // the host's abort, which keeps the chunks as a stop does
+    QTest::newRow("64 MiB in 1 MiB chunks") << 64 * MiB << MiB << 1 << false;
+    QTest::newRow("512 chunks of 16 KiB") << 8 * MiB << 16 * 1024LL << 1 << false;
+    QTest::newRow("stopped and restarted three times") << 16 * MiB + 5 << 256 * 1024LL << 3 << false;
+    QTest::newRow("aborted, then restarted") << 16 * MiB << MiB << 1 << true;
+}
+
+// The host stops the reply from its progress handler at a tenth and starts the
+// same batch again at once: the stopped run falls silent (no more progress, so
+// no chunk running) while the new one writes the same chunk files.
+void tst_DownloadLifeCycle::stopThenRestartAtOnce()
+{
+    QFETCH(qint64, size);
+    QFETCH(qint64, chunkSize);
+    QFETCH(int, stops);
+    QFETCH(bool, abort);
+    DownloadGlobal::instance()->setChunkSizeInBytes(chunkSize);
+    serve(size);
+    const QVariantMap params = batch({"big.bin"}, m_target->path());
+    struct Stopped { std::unique_ptr<HostCall> call; int reports = 0; int reportsAtStop = -1; };
+    std::vector<Stopped> runs(stops);
+    for (int round = 1; round <= stops; ++round) {
+        Stopped &run = runs[round - 1];
+        run.call.reset(new HostCall(m_root.data(), "zt_apply_startDownload", params, [&](Zephyrtide::Reply *reply) {
+            connect(reply, &Zephyrtide::Reply::downloadProgress, reply, [&run, round, abort, reply](qint64 done, qint64 total) {
+                ++run.reports;
+                if (run.reportsAtStop >= 0 || done < total / 10 * round)
+                    return;
+                run.reportsAtStop = run.reports;
+                abort ? Q_EMIT reply->abort() : Q_EMIT reply->stop();
+            });
+        }));
+        QVERIFY(QTest::qWaitFor([&] { return run.reportsAtStop >= 0; }, 30000));
+        QCOMPARE(run.call->errorCode(), int(Zephyrtide::Error::Stopped));
+    }
+    HostCall last(m_root.data(), "zt_apply_startDownload", params);
+    last.wait(60000);
+    QVERIFY2(last.succeeded(), qPrintable(QString::number(last.errorCode())));
+    QCOMPARE(sha256OfFile(last.result().value("result").toList().value(0).toMap().value("path").toString()),
+             digestOf("big.bin"));
+    QVERIFY(m_server->waitUntilQuiet());
+    for (const Stopped &run : runs)
+        QCOMPARE(run.reports, run.reportsAtStop);
+    QCOMPARE(QDir(m_temporary->path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
+}
+
+void tst_DownloadLifeCycle::serverWithoutRanges_data()
+{
+    QTest::addColumn<bool>("stop"); // else the server cuts the answer off
+    QTest::newRow("stopped part way") << true;
+    QTest::newRow("cut off part way") << false;
+}
+
+// A server that ignores ranges answers a resumed chunk with the whole file:
+// the next run starts over from byte 0, in one request, and joins the right bytes.
+void tst_DownloadLifeCycle::serverWithoutRanges()
+{
+    QFETCH(bool, stop);
+    const qint64 size = 3 * MiB + 77;
+    serve(size);
+    m_shape = [&, first = true](const ScriptedRequest &r, ScriptedResponse &response) mutable {
+        response = ScriptedResponse();
+        response.body = contentOf("d.bin");
+        response.header("ETag", "\"d\"");
+        if (r.header("Range") != "bytes=0-1" && first) {
+            (stop ? response.holdAfterBytes : response.dropAfterBytes) = size / 4;
+            first = false;
+        }
+    };
+    {
+        HostCall run(m_root.data(), "zt_apply_startDownload", batch({"d.bin"}, m_target->path()));
+        QTRY_COMPARE_WITH_TIMEOUT(bytesIn(chunkFolder("d")), size / 4, 10000);
+        if (stop)
+            Q_EMIT run.reply()->stop();
+        run.wait();
+        QCOMPARE(run.errorCode(), int(stop ? Zephyrtide::Error::Stopped : Zephyrtide::Error::GeneralFailure));
+    }
+    const int before = m_server->requestCount();
+    HostCall run(m_root.data(), "zt_apply_startDownload", batch({"d.bin"}, m_target->path()));
+    run.wait(20000);
+    QVERIFY2(run.succeeded(), qPrintable(QString::number(run.errorCode())));
+    QCOMPARE(sha256OfFile(m_target->filePath("d.bin")), digestOf("d.bin"));
+    QCOMPARE(m_server->requestCount() - before, 2); // the probe and one chunk
+    QVERIFY(m_server->requests().last().header("Range").startsWith("bytes=0-"));
+}
+
+void tst_DownloadLifeCycle::sameContentTwice_data()
+{
+    QTest::addColumn<QString>("holder"); // of the content's folder when the second batch starts
+    QTest::addColumn<int>("code");
+    QTest::newRow("a running batch of this process") << "batch" << int(Zephyrtide::Error::AlreadyRunning);
+    QTest::newRow("another process") << "process" << int(Zephyrtide::Error::AlreadyRunning);
+    QTest::newRow("a process that died holding it") << "dead" << 0;
+}
+
+// One writer per content folder: a second batch of the same content fails at
+// once and writes nothing, while a lock whose holder is gone holds nothing.
+void tst_DownloadLifeCycle::sameContentTwice()
+{
+    QFETCH(QString, holder);
+    QFETCH(int, code);
+    serve(4 * MiB + 77);
+    m_shape = [](const ScriptedRequest &r, ScriptedResponse &response) { response.hold = r.header("Range") != "bytes=0-1"; };
+    QScopedPointer<HostCall> first;
+    QProcess other;
+    if (holder == "batch") {
+        first.reset(new HostCall(m_root.data(), "zt_apply_startDownload", batch({"same.bin"}, m_target->filePath("a"))));
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 4, 10000);
+    } else {
+        other.start(QCoreApplication::applicationFilePath(),
+                    {"--hold-lock", DownloadSingleFile::lockPath(chunkFolder("same.bin"))});
+        QVERIFY(other.waitForReadyRead(10000));
+        QCOMPARE(other.readLine(), QByteArray("locked\n"));
+        if (holder == "dead") {
+            other.kill();
+            QVERIFY(other.waitForFinished(10000));
+        }
+    }
+    m_shape = nullptr;
+    HostCall second(m_root.data(), "zt_apply_startDownload", batch({"same.bin"}, m_target->filePath("b")));
+    second.wait(20000);
+    QCOMPARE(second.finishedCount(), 1);
+    QCOMPARE(second.errorCode(), code);
+    if (code != 0)
+        QCOMPARE(QDir(m_target->filePath("b")).entryList(QDir::Files), QStringList());
+    else
+        QCOMPARE(sha256OfFile(m_target->filePath("b/same.bin")), digestOf("same.bin"));
+    if (first) {
+        m_server->release();
+        QVERIFY(first->wait(20000).value("status") == "success");
+        QCOMPARE(sha256OfFile(m_target->filePath("a/same.bin")), digestOf("same.bin"));
+    }
+    other.kill();
+    other.waitForFinished(10000);
+}
+
+void tst_DownloadLifeCycle::hostTimeOut_data()
+{
+    QTest::addColumn<QStringList>("files");
+    QTest::addColumn<int>("at"); // the request during which the host gives up
+    QTest::newRow("the only file's probe") << QStringList{"a.bin"} << 1;
+    QTest::newRow("the second file's probe") << QStringList{"a.bin", "b.bin"} << 2;
+    QTest::newRow("four chunks running") << QStringList{"a.bin"} << 5; // the probe, then chunks 1 to 4
+}
+
+// The host finishes the reply with its time-out code while the plugin waits in
+// the call, or while transfers run: no crash, and no request stays in flight.
+void tst_DownloadLifeCycle::hostTimeOut()
+{
+    QFETCH(QStringList, files);
+    QFETCH(int, at);
+    serve(3 * MiB + 77);
+    Zephyrtide::Reply *hostReply = nullptr;
+    int asked = -1; // requests made when the host gave up
+    m_shape = [&](const ScriptedRequest &r, ScriptedResponse &response) {
+        if (m_server->requestCount() == at) {
+            QMetaObject::invokeMethod(this, [&] {
+                asked = m_server->requestCount();
+                GlobalManager::instance()->finish(hostReply, "fail", {}, Zephyrtide::Error::Timeout);
+            }, Qt::QueuedConnection);
+        }
+        response.hold = m_server->requestCount() == at || r.header("Range") != "bytes=0-1"; // chunks wait
+    };
+    QElapsedTimer clock;
+    clock.start();
+    HostCall call(m_root.data(), "zt_apply_startDownload", batch(files, m_target->path()),
+                  [&](Zephyrtide::Reply *reply) { hostReply = reply; });
+    // A probe the host no longer waits for is given up, not left to its own
+    // 30 s transfer time-out.
+    QVERIFY2(clock.elapsed() < 15000, qPrintable(QString::number(clock.elapsed())));
+    QTRY_VERIFY_WITH_TIMEOUT(asked >= 0, 10000);
+    QCOMPARE(call.finishedCount(), 1);
+    QCOMPARE(call.errorCode(), int(Zephyrtide::Error::Timeout));
+    QTRY_COMPARE_WITH_TIMEOUT(m_server->openRequests(), 0, 10000);
+    QVERIFY(m_server->waitUntilQuiet());
+    QCOMPARE(m_server->requestCount(), asked);
+}
+
+void tst_DownloadLifeCycle::batchEndsOnce_data()
+{
+    QTest::addColumn<int>("files");
+    QTest::addColumn<qint64>("size"); // of each file
+    QTest::addColumn<qint64>("chunkSize");
+    QTest::addColumn<QString>("ending"); // what befalls the batch once a chunk has come, chunk 2 held
+    QTest::addColumn<int>("code");
+    QTest::addColumn<bool>("chunksKept");
+    const qint64 size = 4 * MiB + 77;
+    QTest::newRow("all arrive") << 2 << size << MiB << "" << 0 << false;
+    QTest::newRow("three empty files") << 3 << qint64(0) << MiB << "" << 0 << false;
+    QTest::newRow("stopAll") << 1 << size << MiB << "stopAll" << 20716 << true;
+    QTest::newRow("stopAll twice") << 1 << size << MiB << "stopAll stopAll" << 20716 << true;
+    QTest::newRow("abortAll keeps the chunks") << 1 << size << MiB << "abortAll" << 20716 << true;
+    QTest::newRow("abort of the task deletes them") << 1 << size << MiB << "abort stopAll" << 20717 << false;
+    QTest::newRow("stop of the task") << 1 << size << MiB << "stop" << 20716 << true;
+    QTest::newRow("404 for chunk 2") << 1 << size << MiB << "404" << 20630 << true;
+    QTest::newRow("chunks 1 and 2 cannot be opened") << 1 << size << MiB << "folders 1 2" << 20699 << true;
+    QTest::newRow("chunks 6 and 7 of 300 cannot be opened")
+        << 1 << qint64(300 * 16 * 1024 - 5) << 16 * 1024LL << "folders 6 7" << 20699 << true;
+}
+
+// However a batch ends, Downloader::finished comes once, and from then on no
+// chunk file changes. Cancels come from a progress handler, as a host's do.
+void tst_DownloadLifeCycle::batchEndsOnce()
+{
+    QFETCH(int, files);
+    QFETCH(qint64, size);
+    QFETCH(qint64, chunkSize);
+    QFETCH(QString, ending);
+    QFETCH(int, code);
+    QFETCH(bool, chunksKept);
+    DownloadGlobal::instance()->setChunkSizeInBytes(chunkSize);
+    serve(size);
+    const QByteArray second = "bytes=" + QByteArray::number(chunkSize) + "-";
+    const QStringList steps = ending.split(' ');
+    const bool cancels = ending.contains("stop") || ending.contains("abort");
+    m_shape = [&](const ScriptedRequest &r, ScriptedResponse &response) {
+        if (r.header("Range").startsWith(second) && ending == "404")
+            response = ScriptedResponse::json("{}", 404);
+        response.hold = cancels && r.header("Range").startsWith(second);
+    };
+    Downloader downloader;
+    QList<QSharedPointer<DownloadTask>> tasks;
+    for (int i = 0; i < files; ++i) {
+        tasks << QSharedPointer<DownloadTask>::create();
+        const QString name = QStringLiteral("f%1").arg(i);
+        QCOMPARE(tasks.last()->isValid(m_target->filePath(name), m_server->baseUrl() + "/download", name), 0);
+        QVERIFY(downloader.addTask(tasks.last()));
+    }
+    for (const QString &number : steps.mid(1)) // chunk files that cannot be opened
+        QVERIFY(steps.first() != "folders" || QDir().mkpath(chunkFolder("f0") + "/" + number));
+    const QMap<QString, std::function<void()>> act{
+        {"stopAll", [&] { Q_EMIT downloader.stopAll(); }},
+        {"abortAll", [&] { Q_EMIT downloader.abortAll(); }},
+        {"stop", [&] { Q_EMIT downloader.stop(tasks.first().data()); }},
+        {"abort", [&] { Q_EMIT downloader.abort(tasks.first().data()); }}};
+    connect(&downloader, &Downloader::progress, this, [&, acted = false](qlonglong done) mutable {
+        for (const QString &step : steps) {
+            if (!acted && done >= chunkSize && act.contains(step))
+                act.value(step)();
+        }
+        acted = acted || done >= chunkSize;
+    });
+    QSignalSpy finished(&downloader, &Downloader::finished);
+    qint64 keptAtEnd = -1;
+    connect(&downloader, &Downloader::finished, this, [&] {
+        if (keptAtEnd < 0)
+            keptAtEnd = bytesIn(chunkFolder("f0"));
+    });
+    QCOMPARE(downloader.start(), 0);
+    QTRY_VERIFY_WITH_TIMEOUT(finished.count() > 0, 20000);
+    m_server->release();
+    QVERIFY(m_server->waitUntilQuiet());
+    QCOMPARE(finished.count(), 1);
+    QCOMPARE(finished.first().first().value<ZTErrorCode>(), ZTErrorCode(code));
+    QCOMPARE(QDir(chunkFolder("f0")).exists(), chunksKept);
+    QCOMPARE(bytesIn(chunkFolder("f0")), keptAtEnd);
+    for (int i = 0; code == 0 && i < files; ++i)
+        QCOMPARE(sha256OfFile(m_target->filePath(QStringLiteral("f%1").arg(i))), digestOf("f" + QByteArray::number(i)));
+}
+
+// "--hold-lock <path>": a second process that holds a content folder's lock
+// until it is killed, as a second host running the same download would.
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    if (argc == 3 && qstrcmp(argv[1], "--hold-lock") == 0) {
+        QLockFile lock(QFile::decodeName(argv[2]));
+        if (!lock.tryLock(5000))
+            return 1;
+        std::fputs("locked\n", stdout);
+        std::fflush(stdout);
+        std::getchar(); // until killed
+        return 0;
+    }
+    tst_DownloadLifeCycle test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_downloadlifecycle.moc"
