@@ -189,6 +189,7 @@ int CommandRunner::openSession()
     m_client.reset(new ServiceClient(m_host.data()));
     m_client->setInterruptHandler(m_interrupts);
     m_client->setDisplay(m_display.data());
+    m_client->setTemporaryFolder(temp);
     const CommandOutcome outcome = m_client->setAddress(m_server);
     if (!outcome.succeeded())
         return report(QStringLiteral("setting the service address"), outcome, ErrorText::ServiceRequest);

@@ -65,7 +65,7 @@ CommandOutcome HostCommand::run()
     if (!m_finished && m_interruptLevel == 1)
         Q_EMIT m_reply->stop();
     else if (!m_finished && m_interruptLevel == 2)
-        Q_EMIT m_reply->abort();
+        sendAbort();
 
     if (!m_finished && m_interruptLevel < 3) {
         QEventLoop loop;
@@ -77,6 +77,12 @@ CommandOutcome HostCommand::run()
     if (m_interrupts)
         disconnect(m_interrupts.data(), nullptr, this, nullptr);
     return m_outcome;
+}
+
+void HostCommand::sendAbort()
+{
+    Q_EMIT aborting();
+    Q_EMIT m_reply->abort();
 }
 
 void HostCommand::onFinished(const QVariantMap &map)
@@ -113,7 +119,7 @@ void HostCommand::escalate()
     if (m_interruptLevel == 2) {
         note(QStringLiteral("Aborting; partial data is discarded."));
         m_grace->start(m_graceMs);
-        Q_EMIT m_reply->abort();
+        sendAbort();
         return;
     }
     note(QStringLiteral("Not waiting for the plugin any longer."));

@@ -48,10 +48,16 @@ public:
     CommandOutcome run();
     Zephyrtide::Reply *reply() const { return m_reply; }
 
+Q_SIGNALS:
+    // Right before the reply's abort() goes out, while the plugin still holds
+    // what it is working on.
+    void aborting();
+
 private:
     void onFinished(const QVariantMap &map);
     void onInterrupted();
     void escalate();
+    void sendAbort();
     void note(const QString &text);
 
     QPointer<QObject> m_target; // the plugin's, borrowed

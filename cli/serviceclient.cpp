@@ -1,12 +1,14 @@
 #include "serviceclient.h"
 
 #include "interrupthandler.h"
+#include "partialfolders.h"
 #include "pluginhost.h"
 #include "progressdisplay.h"
 
 #include <zephyrtide/error.h>
 
 #include <QDir>
+#include <QTextStream>
 #include <QUrl>
 
 namespace {
@@ -20,7 +22,7 @@ ServiceClient::ServiceClient(PluginHost *host, QObject *parent)
 }
 
 CommandOutcome ServiceClient::call(QObject *target, const char *slot, const QVariantMap &params,
-                                   const QString &progressLabel)
+                                   const QString &progressLabel, bool discardsOnAbort)
 {
     // A Ctrl-C between two commands ends the sequence before the next one.
     if (m_interrupts && m_interrupts->count() > 0) {
@@ -32,6 +34,14 @@ CommandOutcome ServiceClient::call(QObject *target, const char *slot, const QVar
     }
     HostCommand command(target, slot, params);
     command.watchInterrupts(m_interrupts);
+    // The plugin keeps a download's chunks when it is aborted as when it is
+    // stopped; ztcli promises that an abort discards them. Which folders are
+    // this run's is known only while the plugin still writes them.
+    QStringList aborted;
+    if (discardsOnAbort && !m_temporaryFolder.isEmpty()) {
+        connect(&command, &HostCommand::aborting, this,
+                [this, &aborted] { aborted = PartialFolders::heldByThisProcess(m_temporaryFolder); });
+    }
     const bool showsProgress = m_display && !progressLabel.isEmpty();
     if (showsProgress) {
         command.showProgress(m_display);
@@ -40,7 +50,19 @@ CommandOutcome ServiceClient::call(QObject *target, const char *slot, const QVar
     const CommandOutcome outcome = command.run();
     if (showsProgress)
         m_display->finish(outcome.succeeded());
+    discard(aborted);
     return outcome;
+}
+
+void ServiceClient::discard(const QStringList &folders)
+{
+    for (const QString &folder : PartialFolders::remove(folders)) {
+        const QString text = QStringLiteral("Removed the partial download in %1").arg(folder);
+        if (m_display)
+            m_display->note(text);
+        else
+            QTextStream(stderr) << text << '\n';
+    }
 }
 
 CommandOutcome ServiceClient::setAddress(const QString &baseUrl)
@@ -99,7 +121,7 @@ CommandOutcome ServiceClient::download(const QStringList &names, const QString &
         files.append(QVariantMap{{QStringLiteral("filename"), name},
                                  {QStringLiteral("path"), destination.absoluteFilePath(name)}});
     }
-    return call(m_host->root(), "zt_apply_startDownload", {{QStringLiteral("files"), files}}, label);
+    return call(m_host->root(), "zt_apply_startDownload", {{QStringLiteral("files"), files}}, label, true);
 }
 
 QVariantMap ServiceClient::findEntry(const QVariantList &listing, const QString &name)

@@ -20,6 +20,8 @@ public:
 
     void setInterruptHandler(InterruptHandler *handler) { m_interrupts = handler; } // borrowed
     void setDisplay(ProgressDisplay *display) { m_display = display; }              // borrowed
+    // Where the plugin keeps partial downloads; an aborted download's are removed.
+    void setTemporaryFolder(const QString &folder) { m_temporaryFolder = folder; }
 
     CommandOutcome setAddress(const QString &baseUrl);
     CommandOutcome list();                     // result: list of {"fileName", "fileSize", ...}
@@ -37,10 +39,12 @@ public:
 
 private:
     CommandOutcome call(QObject *target, const char *slot, const QVariantMap &params,
-                        const QString &progressLabel = QString());
+                        const QString &progressLabel = QString(), bool discardsOnAbort = false);
+    void discard(const QStringList &folders);
 
     PluginHost *m_host; // borrowed
     QPointer<InterruptHandler> m_interrupts;
     QPointer<ProgressDisplay> m_display;
     QString m_baseUrl;
+    QString m_temporaryFolder;
 };

@@ -25,6 +25,7 @@ private Q_SLOTS:
     void existsTellsStoredFromMissing_data();
     void existsTellsStoredFromMissing();
     void interruptedDownloadResumes();
+    void secondInterruptDiscardsThePartialDownload();
     void fullDiskThenResume_data();
     void fullDiskThenResume();
     void demoRunsEndToEnd();
@@ -230,6 +231,41 @@ void tst_ZtcliTransfers::interruptedDownloadResumes()
     QVERIFY2(resent <= content.size() - kept + 512,
              qPrintable(QStringLiteral("resent %1 of %2 bytes").arg(resent).arg(content.size())));
     QCOMPARE(bytesUnder(temp.path()), qint64(0)); // the merged chunks are gone
+}
+
+// Two Ctrl-C while the plugin still probes: the download is aborted as soon as
+// it has started, and ztcli removes the folder of partial data it promised to
+// discard, naming it. Nothing of the content is left under --temp.
+void tst_ZtcliTransfers::secondInterruptDiscardsThePartialDownload()
+{
+    const QByteArray content = randomBytes(3 * 1024 * 1024 + 5);
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.setHandler([&](const ScriptedRequest &request) {
+        if (request.path() == QLatin1String("/download/pathList")) {
+            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": "a.bin", "fileSize": )"
+                                          + QByteArray::number(content.size()) + "}]}");
+        }
+        ScriptedResponse response = ScriptedResponse::file(content, request, "\"v1\"", "a.bin");
+        response.hold = request.header("Range") == "bytes=0-1";
+        return response;
+    });
+    QTemporaryDir temp;
+    QTemporaryDir target;
+    CliRun cli(m_home.path());
+    cli.start({"--server", server.baseUrl(), "--temp", temp.path(), "--chunk-size-mb", "1", "download", "a.bin",
+               "--to", target.path()});
+    QTRY_COMPARE_WITH_TIMEOUT(server.heldCount(), 1, 20000);
+    cli.interrupt();
+    QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("Press Ctrl-C again")), 10000);
+    cli.interrupt();
+    QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("Aborting")), 10000);
+    server.release();
+    QVERIFY(cli.finish(20000));
+    QCOMPARE(cli.exitCode(), 130);
+    QVERIFY2(cli.err().contains(QStringLiteral("Removed the partial download in %1/").arg(temp.path())),
+             qPrintable(cli.output()));
+    QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
 }
 
 void tst_ZtcliTransfers::fullDiskThenResume_data()
