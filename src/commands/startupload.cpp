@@ -78,10 +78,17 @@ void StartUpload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
     connect(reply, &Zephyrtide::Reply::stop, uploader, &CloudUploader::stop);
     connect(reply, &Zephyrtide::Reply::abort, uploader, &CloudUploader::abort);
     connect(uploader, &CloudUploader::progress, reply, &Zephyrtide::Reply::uploadProgress);
-    connect(uploader, &CloudUploader::finished, reply,
-            [this, reply](const QVariantList &results) { m_global->success(reply, results); });
-    connect(uploader, &CloudUploader::errorOccurred, reply,
-            [this, reply](ZTErrorCode error) { m_global->fail(reply, error); });
+    // The reply gets one outcome: the first of the job's finished() and
+    // errorOccurred() ends it, and what the job reports afterwards (an abort
+    // after a stop, a file failing after the stop) no longer reaches it.
+    connect(uploader, &CloudUploader::finished, reply, [this, reply, uploader](const QVariantList &results) {
+        uploader->disconnect(reply);
+        m_global->success(reply, results);
+    });
+    connect(uploader, &CloudUploader::errorOccurred, reply, [this, reply, uploader](ZTErrorCode error) {
+        uploader->disconnect(reply);
+        m_global->fail(reply, error);
+    });
     uploader->start();
     qCDebug(ztLog) << "upload dll starttttttttttttedddddddddddddd";
 }
