@@ -1,27 +1,22 @@
 #include "filedigest.h"
 #include "fileserviceprocess.h"
 #include "hostcall.h"
-#include "logcapture.h"
 #include "plugin/globalmanager.h"
 #include "plugin/ztserver.h"
 #include "testenvironment.h"
-#include "upload/fileitem.h"
 #include "upload/uploadglobal.h"
 
 #include <zephyrtide/manager.h>
 #include <zephyrtide/reply.h>
 
-#include <QCryptographicHash>
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QRandomGenerator>
 #include <QRegularExpression>
-#include <QSaveFile>
 #include <QSet>
-#include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <sys/resource.h>
 
 // Uploads through the plugin, as the host drives it, to the reference file
 // service on loopback; the stored files must be byte-identical to the sources.
@@ -33,13 +28,10 @@ private Q_SLOTS:
     void cleanup();
 
     void sizesAroundTheChunkSize();
-    void stopThenResume();
+    void manyPartsUnderFileLimit();
+    void interruptedThenResumed_data();
+    void interruptedThenResumed();
     void serviceKilledThenResume();
-    void abortStartsAfresh();
-    void damagedCacheStartsAfresh_data();
-    void damagedCacheStartsAfresh();
-    void expiredSessionStartsAfresh_data();
-    void expiredSessionStartsAfresh();
 
 private:
     static constexpr qint64 ChunkSize = 64 * 1024;
@@ -54,11 +46,12 @@ private:
     QVariantMap filesParam(const QStringList &paths) const;
     // Waits until the running upload has sent at least bytes.
     bool waitForProgress(HostCall &call, qint64 bytes);
-    // Starts an upload of path and stops it once an eighth of it went out.
-    void stopPartWay(const QString &path);
-    // The plugin's one cached session, as the next start reads it.
-    FileItem cachedItem() const;
+    // Starts an upload of path and stops (or aborts) it once bytes of it went out.
+    void interruptPartWay(const QString &path, qint64 bytes, bool abort = false);
     QSet<QString> uploadIdsInLog();
+    // Waits until the service logged that it stored name: its log arrives
+    // through the event loop, every part line of the file before that one.
+    bool waitForStored(const QString &name);
 
     TestEnvironment m_environment;
     QScopedPointer<QTemporaryDir> m_sources;
@@ -137,22 +130,15 @@ bool tst_UploadEndToEnd::waitForProgress(HostCall &call, qint64 bytes)
                            60000);
 }
 
-void tst_UploadEndToEnd::stopPartWay(const QString &path)
+void tst_UploadEndToEnd::interruptPartWay(const QString &path, qint64 bytes, bool abort)
 {
-    HostCall first(m_root.data(), "zt_apply_startUpload", filesParam({path}));
-    QVERIFY(waitForProgress(first, QFileInfo(path).size() / 8));
-    Q_EMIT first.reply()->stop();
-    first.wait();
-    QCOMPARE(first.errorCode(), int(Zephyrtide::Error::Stopped));
-    QTest::qWait(300); // let the service finish with the cut bodies
-    QCOMPARE(UploadGlobal::instance()->readValue("uploadInfo").toMap().size(), 1);
-}
-
-FileItem tst_UploadEndToEnd::cachedItem() const
-{
-    FileItem item;
-    item.fromCacheMap(UploadGlobal::instance()->readValue("uploadInfo").toMap().first().toMap());
-    return item;
+    HostCall run(m_root.data(), "zt_apply_startUpload", filesParam({path}));
+    QVERIFY(waitForProgress(run, bytes));
+    Q_EMIT(abort ? run.reply()->abort() : run.reply()->stop());
+    run.wait();
+    QCOMPARE(run.errorCode(), int(abort ? Zephyrtide::Error::Aborted : Zephyrtide::Error::Stopped));
+    // A stopped file keeps its session on this side; an aborted one leaves nothing to resume from.
+    QCOMPARE(UploadGlobal::instance()->readValue("uploadInfo").toMap().size(), abort ? 0 : 1);
 }
 
 QSet<QString> tst_UploadEndToEnd::uploadIdsInLog()
@@ -163,6 +149,11 @@ QSet<QString> tst_UploadEndToEnd::uploadIdsInLog()
     while (it.hasNext())
         ids.insert(it.next().captured(1));
     return ids;
+}
+
+bool tst_UploadEndToEnd::waitForStored(const QString &name)
+{
+    return QTest::qWaitFor([&] { return m_service->log().contains("stored " + name.toUtf8() + " ("); }, 10000);
 }
 
 void tst_UploadEndToEnd::sizesAroundTheChunkSize()
@@ -190,30 +181,86 @@ void tst_UploadEndToEnd::sizesAroundTheChunkSize()
         QCOMPARE(sha256OfFile(stored), sha256OfFile(path));
     }
     qint64 total = 0;
-    for (const QString &path : paths)
+    for (const QString &path : paths) {
         total += QFileInfo(path).size();
+        QVERIFY(waitForStored(QFileInfo(path).fileName()));
+    }
     QCOMPARE(m_service->partBytesReceived(), total);
     QCOMPARE(call.progress.last(), qMakePair(total, total));
 }
 
-void tst_UploadEndToEnd::stopThenResume()
+namespace {
+// Lowers this process's limit of open files while it lives.
+struct FileLimit
 {
+    explicit FileLimit(rlim_t files)
+    {
+        if (getrlimit(RLIMIT_NOFILE, &saved) != 0)
+            return;
+        rlimit limit = saved;
+        limit.rlim_cur = qMin(files, saved.rlim_cur);
+        lowered = setrlimit(RLIMIT_NOFILE, &limit) == 0;
+    }
+    ~FileLimit()
+    {
+        if (lowered)
+            setrlimit(RLIMIT_NOFILE, &saved);
+    }
+    rlimit saved{};
+    bool lowered = false;
+};
+} // namespace
+
+// A file of 600 parts under a limit of 256 open files: each part's file must
+// be closed when its transfer ends, not when the whole job does.
+void tst_UploadEndToEnd::manyPartsUnderFileLimit()
+{
+    const qint64 part = 4096;
+    QVERIFY(startService(part)); // before the limit: the service has its own
+    setAddress();
+    const QString path = makeFile("many.bin", 600 * part - 123);
+    const FileLimit limit(256);
+    QVERIFY(limit.lowered);
+    HostCall call(m_root.data(), "zt_apply_startUpload", filesParam({path}));
+    call.wait(120000);
+    QVERIFY2(call.succeeded(), qPrintable(QString::number(call.errorCode())));
+    QCOMPARE(sha256OfFile(m_store->filePath("many.bin")), sha256OfFile(path));
+}
+
+void tst_UploadEndToEnd::interruptedThenResumed_data()
+{
+    QTest::addColumn<QStringList>("interruptions");
+    QTest::newRow("stop, resume") << QStringList{"stop"};
+    QTest::newRow("stop, resume, stop again, resume") << QStringList{"stop", "stop"};
+    QTest::newRow("abort, start again") << QStringList{"abort"};
+}
+
+// Each run is cut once another eighth of the file went out; the last one runs
+// to the end. The service keeps the session throughout, also for an aborted
+// run, and a part resumes where both sides agree it got to: only parts in
+// flight at a cut (four at most) can go again, and no byte may be skipped.
+void tst_UploadEndToEnd::interruptedThenResumed()
+{
+    QFETCH(QStringList, interruptions);
     const qint64 size = 24 * 1024 * 1024;
     useLargeParts();
-    const QString path = makeFile("stopped.bin", size);
-    stopPartWay(path);
+    const QString path = makeFile("interrupted.bin", size);
+    for (int i = 0; i < interruptions.size() && !QTest::currentTestFailed(); ++i)
+        interruptPartWay(path, size / 8 * (i + 1), interruptions.at(i) == QLatin1String("abort"));
     if (QTest::currentTestFailed())
         return;
-    const qint64 firstRun = m_service->partBytesReceived();
-    QVERIFY(firstRun > 0 && firstRun < size);
+    // The service's log arrives through the event loop.
+    QTRY_VERIFY_WITH_TIMEOUT(m_service->partBytesReceived() > 0, 10000);
+    QVERIFY(m_service->partBytesReceived() < size);
 
-    HostCall second(m_root.data(), "zt_apply_startUpload", filesParam({path}));
-    second.wait(120000);
-    QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
-    QCOMPARE(sha256OfFile(m_store->filePath("stopped.bin")), sha256OfFile(path));
-    // One session throughout, and no byte travelled twice.
+    HostCall last(m_root.data(), "zt_apply_startUpload", filesParam({path}));
+    last.wait(120000);
+    QVERIFY2(last.succeeded(), qPrintable(QString::number(last.errorCode())));
+    QCOMPARE(sha256OfFile(m_store->filePath("interrupted.bin")), sha256OfFile(path));
+    QVERIFY(waitForStored("interrupted.bin"));
     QCOMPARE(uploadIdsInLog().size(), 1);
-    QCOMPARE(m_service->partBytesReceived(), size);
+    const qint64 resent = m_service->partBytesReceived() - size;
+    QVERIFY2(resent >= 0 && resent <= interruptions.size() * 4 * LargeChunkSize, qPrintable(QString::number(resent)));
 }
 
 void tst_UploadEndToEnd::serviceKilledThenResume()
@@ -240,135 +287,6 @@ void tst_UploadEndToEnd::serviceKilledThenResume()
     QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
     QCOMPARE(sha256OfFile(m_store->filePath("killed.bin")), sha256OfFile(path));
     QVERIFY(m_service->partBytesReceived() < size); // only what the first run did not leave
-}
-
-void tst_UploadEndToEnd::abortStartsAfresh()
-{
-    const qint64 size = 24 * 1024 * 1024;
-    useLargeParts();
-    const QString path = makeFile("aborted.bin", size);
-    {
-        HostCall first(m_root.data(), "zt_apply_startUpload", filesParam({path}));
-        QVERIFY(waitForProgress(first, size / 8));
-        Q_EMIT first.reply()->abort();
-        first.wait();
-        QCOMPARE(first.errorCode(), int(Zephyrtide::Error::Aborted));
-    }
-    // Nothing left to resume from on this side.
-    QCOMPARE(UploadGlobal::instance()->readValue("uploadInfo").toMap().size(), 0);
-
-    HostCall second(m_root.data(), "zt_apply_startUpload", filesParam({path}));
-    second.wait(120000);
-    QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
-    QCOMPARE(sha256OfFile(m_store->filePath("aborted.bin")), sha256OfFile(path));
-}
-
-void tst_UploadEndToEnd::damagedCacheStartsAfresh_data()
-{
-    QTest::addColumn<QString>("damage");
-    QTest::newRow("not base64") << "not base64";
-    QTest::newRow("base64 of random bytes") << "random";
-    QTest::newRow("whole blocks of the record: a cipher of cut JSON") << "cut blocks";
-    QTest::newRow("the text cut mid-block") << "cut text";
-    QTest::newRow("empty") << "empty";
-}
-
-// The cache text is damaged between a stop and the next start. Read as empty,
-// it costs the plugin its own record of the session, never the upload: the
-// service still tells which parts it lacks, and the next write replaces the
-// damage.
-void tst_UploadEndToEnd::damagedCacheStartsAfresh()
-{
-    QFETCH(QString, damage);
-    const qint64 size = 8 * 1024 * 1024;
-    useLargeParts();
-    const QString path = makeFile("damaged.bin", size);
-    stopPartWay(path);
-    if (QTest::currentTestFailed())
-        return;
-    {
-        QSettings store(QSettings::NativeFormat, QSettings::UserScope, "Marbelnix", "Zephyrtide");
-        const QByteArray record = QByteArray::fromBase64(store.value("uploadInfo").toByteArray());
-        QVERIFY(record.size() > 64 && record.size() % 16 == 0);
-        QByteArray random(96, Qt::Uninitialized);
-        QRandomGenerator(7).fillRange(reinterpret_cast<quint32 *>(random.data()), random.size() / 4);
-        const QHash<QString, QByteArray> texts{
-            {"not base64", "{\"this\": \"is no record\"}"},
-            {"random", random.toBase64()},
-            // AES-ECB blocks decipher one by one: the first ones give the start
-            // of the JSON, which then does not parse.
-            {"cut blocks", record.left(record.size() - 32).toBase64()},
-            {"cut text", record.toBase64().left(record.toBase64().size() / 2 + 1)},
-            {"empty", QByteArray()}};
-        store.setValue("uploadInfo", QString::fromLatin1(texts.value(damage)));
-    }
-
-    LogCapture log;
-    HostCall second(m_root.data(), "zt_apply_startUpload", filesParam({path}));
-    second.wait(120000);
-    QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
-    QCOMPARE(sha256OfFile(m_store->filePath("damaged.bin")), sha256OfFile(path));
-    QVERIFY(log.count("upload cache unreadable", QtCriticalMsg) > 0);
-
-    log.clear();
-    QCOMPARE(UploadGlobal::instance()->readValue("uploadInfo"), QVariant(QVariantMap()));
-    QCOMPARE(log.count("upload cache unreadable"), 0);
-}
-
-void tst_UploadEndToEnd::expiredSessionStartsAfresh_data()
-{
-    QTest::addColumn<bool>("serviceOnly");
-    QTest::newRow("expired on both sides") << false;
-    // As with a service whose clock runs ahead, or that lost its sessions: the
-    // plugin's own count of the lifetime says there is time left.
-    QTest::newRow("expired at the service only") << true;
-}
-
-// A session stopped part-way expires before the next start. The service then
-// hands out a new one; the next start must take it and send the whole file
-// there, since nothing of the old session is kept.
-void tst_UploadEndToEnd::expiredSessionStartsAfresh()
-{
-    QFETCH(bool, serviceOnly);
-    const qint64 size = 8 * 1024 * 1024;
-    const int lifetime = 4; // seconds: long enough to stop part-way, short to wait for
-    QVERIFY(startService(LargeChunkSize, {"--expires", QString::number(lifetime)}));
-    setAddress();
-    const QString path = makeFile("expired.bin", size);
-    stopPartWay(path);
-    if (QTest::currentTestFailed())
-        return;
-    const QSet<QString> firstSession = uploadIdsInLog();
-    QCOMPARE(firstSession.size(), 1);
-    const QString port = QString::number(QUrl(m_service->baseUrl()).port());
-    m_service->stop();
-
-    if (serviceOnly) {
-        QSaveFile file(m_store->filePath(".uploads/" + *firstSession.begin() + "/session.json"));
-        QFile current(file.fileName());
-        QVERIFY(current.open(QIODevice::ReadOnly));
-        QJsonObject session = QJsonDocument::fromJson(current.readAll()).object();
-        session.insert("created", session.value("created").toDouble() - lifetime - 1);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(QJsonDocument(session).toJson());
-        QVERIFY(file.commit());
-        QVERIFY(cachedItem().sessionValid());
-    } else {
-        QTRY_VERIFY_WITH_TIMEOUT(!cachedItem().sessionValid(), 3000 * lifetime);
-    }
-    // The same address, and a lifetime long enough for the whole file this time.
-    QVERIFY(startService(LargeChunkSize, {"--port", port}));
-    QCOMPARE(m_service->baseUrl(), QStringLiteral("http://127.0.0.1:") + port);
-
-    HostCall second(m_root.data(), "zt_apply_startUpload", filesParam({path}));
-    second.wait(120000);
-    QVERIFY2(second.succeeded(), qPrintable(QString::number(second.errorCode())));
-    QCOMPARE(sha256OfFile(m_store->filePath("expired.bin")), sha256OfFile(path));
-    // One new session took the whole file.
-    const QSet<QString> secondSession = uploadIdsInLog();
-    QCOMPARE(secondSession.size(), 1);
-    QVERIFY(!secondSession.contains(*firstSession.begin()));
-    QCOMPARE(m_service->partBytesReceived(), size);
 }
 
 QTEST_MAIN(tst_UploadEndToEnd)
