@@ -23,6 +23,7 @@ const QList<CommandLine::Option> &CommandLine::options()
     static const QList<Option> all{
         {QStringLiteral("server"), QLatin1Char('s'), true, QString()},
         {QStringLiteral("token"), QChar(), true, QString()},
+        {QStringLiteral("cacert"), QChar(), true, QString()},
         {QStringLiteral("temp"), QChar(), true, QString()},
         {QStringLiteral("chunk-size-mb"), QChar(), true, QString(), 0, 4095},
         {QStringLiteral("verbose"), QLatin1Char('v'), false, QString()},

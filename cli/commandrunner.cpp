@@ -1,5 +1,6 @@
 #include "commandrunner.h"
 
+#include "certificatecheck.h"
 #include "demorun.h"
 #include "errortext.h"
 #include "exitcode.h"
@@ -10,12 +11,15 @@
 #include "progressdisplay.h"
 #include "serviceclient.h"
 
+#include <zephyrtide/error.h>
+
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QLoggingCategory>
 #include <QStandardPaths>
+#include <QSslCertificate>
 #include <QUrl>
 
 #include <cerrno>
@@ -116,7 +120,7 @@ int CommandRunner::run()
     if (command == QLatin1String("upload") && !uploadFilesReadable())
         return ExitUsage;
     m_server = serverAddress();
-    if (m_server.isEmpty())
+    if (m_server.isEmpty() || !loadAuthorities())
         return ExitUsage;
     if (const int status = openSession())
         return status;
@@ -165,6 +169,24 @@ QString CommandRunner::serverAddress()
     return address;
 }
 
+bool CommandRunner::loadAuthorities()
+{
+    if (!m_line.isSet(QStringLiteral("cacert")))
+        return true;
+    const QString path = m_line.value(QStringLiteral("cacert"));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        err(QStringLiteral("ztcli: cannot read the certificate file %1: %2\n").arg(path, file.errorString()));
+        return false;
+    }
+    m_authorities = file.readAll();
+    if (QSslCertificate::fromData(m_authorities, QSsl::Pem).isEmpty()) {
+        err(QStringLiteral("ztcli: %1 holds no PEM certificate\n").arg(path));
+        return false;
+    }
+    return true;
+}
+
 QVariantMap CommandRunner::hostConfig(const QString &tempFolder) const
 {
     QVariantMap downloads{{QStringLiteral("temporaryStoragePath"), tempFolder}};
@@ -174,6 +196,8 @@ QVariantMap CommandRunner::hostConfig(const QString &tempFolder) const
     const QString token = m_line.value(QStringLiteral("token"), qEnvironmentVariable("ZT_TOKEN"));
     if (!token.isEmpty())
         config.insert(QStringLiteral("token"), token);
+    if (!m_authorities.isEmpty())
+        config.insert(QStringLiteral("caCertificates"), QString::fromUtf8(m_authorities));
     return config;
 }
 
@@ -203,6 +227,12 @@ int CommandRunner::report(const QString &what, const CommandOutcome &outcome, in
         return ExitSetup;
     }
     err(QStringLiteral("ztcli: %1 failed: %2\n").arg(what, ErrorText::describe(outcome.code)));
+    if (outcome.code == Zephyrtide::Error::SslHandshakeFailed) {
+        const QStringList reasons = CertificateCheck::refusals(
+            QUrl(m_server), QSslCertificate::fromData(m_authorities, QSsl::Pem));
+        if (!reasons.isEmpty())
+            err(QStringLiteral("ztcli: the service's certificate was refused: %1\n").arg(reasons.join(QStringLiteral("; "))));
+    }
     const int status = ErrorText::exitCode(outcome.code, ErrorText::Context(context));
     if (status == ExitServer && context == ErrorText::ServiceRequest)
         err(QStringLiteral("ztcli: file service: %1\n").arg(m_server));

@@ -40,6 +40,8 @@ private:
     bool uploadFilesReadable();
     // Server address from --server or ZT_SERVER, checked; empty after a usage error.
     QString serverAddress();
+    // The certificate authorities of --cacert; false after a usage error.
+    bool loadAuthorities();
     QVariantMap hostConfig(const QString &tempFolder) const;
     // Loads the plugin and points it at the service; 0 or an exit status.
     int openSession();
@@ -54,6 +56,7 @@ private:
     QFile m_stdout;
     QFile m_stderr;
     QString m_server;
+    QByteArray m_authorities; // PEM text of --cacert, handed to the host configuration
     InterruptHandler *m_interrupts;        // child
     QScopedPointer<PluginHost> m_host;
     QScopedPointer<ServiceClient> m_client;

@@ -31,6 +31,9 @@ QString ErrorText::sentence(int code)
         return QStringLiteral("the file service refused the connection; is it running at that address?");
     case Zephyrtide::Error::HostNotFound:
         return QStringLiteral("the host name of the file service (or of an upload address) was not found");
+    case Zephyrtide::Error::SslHandshakeFailed:
+        return QStringLiteral("the TLS handshake with the file service failed: its certificate was "
+                              "refused; give the authority that issued it with --cacert FILE");
     case Zephyrtide::Error::Timeout:
         return QStringLiteral("the file service did not answer in time");
     case Zephyrtide::Error::GeneralFailure:

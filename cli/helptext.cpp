@@ -24,6 +24,8 @@ Options:
   -s, --server URL       address of the file service, e.g. http://127.0.0.1:8080
                          (default: $ZT_SERVER)
       --token TOKEN      token the host hands to the service (default: $ZT_TOKEN)
+      --cacert FILE      also trust the certificate authorities in FILE (PEM)
+                         for an https:// service
       --temp DIR         folder for partial downloads, kept between runs so that
                          they resume (default: $XDG_CACHE_HOME/ztcli/partial,
                          i.e. ~/.cache/ztcli/partial)

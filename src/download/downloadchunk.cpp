@@ -1,5 +1,6 @@
 #include "downloadchunk.h"
 
+#include "plugin/globalmanager.h"
 #include "plugin/logging.h"
 
 #include <QDir>
@@ -8,7 +9,6 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QRegularExpression>
-#include <QSslConfiguration>
 #include <QUrl>
 
 namespace {
@@ -124,7 +124,7 @@ void DownloadChunk::sendRequest()
     m_requestFrom = startOffset;
     const qint64 last = qMin(end, startOffset + RequestWindow - 1);
     request.setRawHeader("Range", QStringLiteral("bytes=%1-%2").arg(startOffset).arg(last).toLatin1());
-    request.setSslConfiguration(QSslConfiguration::defaultConfiguration());
+    GlobalManager::instance()->applyHostConfiguration(request);
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
     request.setTransferTimeout(TransferTimeoutMs);
     // Qt 5 writes a POST's header and its small body to the socket one after
@@ -149,6 +149,9 @@ void DownloadChunk::sendRequest()
     connect(reply.data(), &QNetworkReply::readyRead, this, &DownloadChunk::writeAvailable);
     connect(reply.data(), &QNetworkReply::finished, this, &DownloadChunk::checkCompletion);
     connect(reply.data(), &QNetworkReply::downloadProgress, this, &DownloadChunk::relayProgress);
+    connect(reply.data(), &QNetworkReply::sslErrors, this, [this](const QList<QSslError> &errors) {
+        GlobalManager::logCertificateErrors(QUrl(url), errors);
+    });
 }
 
 QString DownloadChunk::refusal(int status, const QByteArray &contentRange, const QByteArray &etag, qint64 from,

@@ -115,6 +115,7 @@ bool DownloadTask::parseTask()
     request.setRawHeader("Range", "bytes=0-1");
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
     request.setTransferTimeout(TransferTimeoutMs); // a silent server must not hold the caller
+    GlobalManager::instance()->applyHostConfiguration(request);
     const QString name = requestedName.isEmpty() ? fileName : requestedName;
     const QByteArray body = QJsonDocument(QJsonObject{{QStringLiteral("fileName"), name}}).toJson();
 
@@ -132,6 +133,8 @@ bool DownloadTask::parseTask()
         // The loop is left by the finished() that follows.
         qCCritical(ztLog) << "parsing error" << error;
     });
+    connect(reply, &QNetworkReply::sslErrors, &loop,
+            [reply](const QList<QSslError> &errors) { GlobalManager::logCertificateErrors(reply->url(), errors); });
     loop.exec();
     m_probe.clear();
     reply->disconnect(this);

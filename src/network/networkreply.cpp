@@ -2,6 +2,7 @@
 
 #include "networkmanager.h"
 #include "pendingrequest.h"
+#include "plugin/globalmanager.h"
 #include "plugin/logging.h"
 
 #include <QThread>
@@ -39,6 +40,9 @@ void NetworkReply::attach(QNetworkReply *reply)
         Q_EMIT downloadProgress(received, total);
     });
     connect(reply, &QNetworkReply::readyRead, this, &NetworkReply::readyRead);
+    connect(reply, &QNetworkReply::sslErrors, this, [reply](const QList<QSslError> &errors) {
+        GlobalManager::logCertificateErrors(reply->url(), errors);
+    });
     connect(reply, &QNetworkReply::errorOccurred, this, [](QNetworkReply::NetworkError error) {
         // The outcome is decided from the status when the reply finishes.
         qCDebug(ztLog) << " network error________" << error;

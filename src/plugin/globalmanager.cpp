@@ -12,6 +12,9 @@
 #include <QEventLoop>
 #include <QMetaEnum>
 #include <QMutex>
+#include <QNetworkRequest>
+#include <QSslConfiguration>
+#include <QSslError>
 #include <QThread>
 
 #include <atomic>
@@ -278,6 +281,34 @@ QVariantMap GlobalManager::configData()
         return QVariantMap();
     }
     return callOnThreadOf(manager, [manager] { return manager->configData(); });
+}
+
+void GlobalManager::applyHostConfiguration(QNetworkRequest &request)
+{
+    // Without a host manager there is nothing to add; that is no failure here.
+    Zephyrtide::Manager *manager = m_manager;
+    const QVariantMap config =
+        manager ? callOnThreadOf(manager, [manager] { return manager->configData(); }) : QVariantMap();
+    const QString authorities = config.value(QStringLiteral("caCertificates")).toString();
+    if (authorities != m_caText) {
+        m_caText = authorities;
+        m_caCertificates = QSslCertificate::fromData(authorities.toUtf8(), QSsl::Pem);
+    }
+    QSslConfiguration ssl = QSslConfiguration::defaultConfiguration();
+    if (!m_caCertificates.isEmpty())
+        ssl.setCaCertificates(ssl.caCertificates() + m_caCertificates);
+    request.setSslConfiguration(ssl);
+    const QString token = config.value(QStringLiteral("token")).toString();
+    if (!token.isEmpty())
+        request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
+}
+
+void GlobalManager::logCertificateErrors(const QUrl &url, const QList<QSslError> &errors)
+{
+    QStringList reasons;
+    for (const QSslError &error : errors)
+        reasons.append(error.errorString());
+    qCCritical(ztLog) << "certificate" << url << reasons;
 }
 
 ZTErrorCode GlobalManager::waitForReply(QObject *context, Zephyrtide::Reply *reply, QVariant &result)

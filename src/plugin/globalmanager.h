@@ -2,10 +2,14 @@
 
 #include "zterrorcode.h"
 
+#include <QList>
 #include <QNetworkReply>
 #include <QObject>
 #include <QPointer>
+#include <QSslCertificate>
 #include <QVariant>
+
+class QNetworkRequest;
 
 namespace Zephyrtide {
 class Manager;
@@ -65,6 +69,15 @@ public:
                         const QVariantMap &params);
     QVariantMap configData();
 
+    // What the host's configuration asks of every request the plugin sends
+    // itself (probes, chunks, parts): the default SSL configuration plus the
+    // certificate authorities it names ("caCertificates", PEM text), and its
+    // "token" as a bearer token, which the file service asks for on every
+    // request it protects.
+    void applyHostConfiguration(QNetworkRequest &request);
+    // Logs why a TLS connection was refused: "certificate" and Qt's reasons.
+    static void logCertificateErrors(const QUrl &url, const QList<QSslError> &errors);
+
 private:
     GlobalManager();
     ~GlobalManager() override;
@@ -74,4 +87,6 @@ private:
     QPointer<Zephyrtide::Manager> m_manager; // the host's, not owned
     QString m_fileServiceAddress;
     QString m_apiHost;
+    QString m_caText; // the host's PEM text, as last parsed into m_caCertificates
+    QList<QSslCertificate> m_caCertificates;
 };

@@ -6,6 +6,8 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QTimer>
 #include <QUrlQuery>
 
@@ -80,9 +82,17 @@ Reply *Manager::request(const QString &name, HttpRequestType type, HttpEncryptTy
     // (listing and deleting too, which go out without user authentication),
     // and these requests only ever go to the host's own service.
     Q_UNUSED(auth)
-    const QString token = configData().value(QStringLiteral("token")).toString();
+    const QVariantMap config = configData();
+    const QString token = config.value(QStringLiteral("token")).toString();
     if (!token.isEmpty())
         request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
+    // Certificate authorities the host trusts beside the system's, as PEM text.
+    const QByteArray authorities = config.value(QStringLiteral("caCertificates")).toString().toUtf8();
+    if (!authorities.isEmpty()) {
+        QSslConfiguration ssl = QSslConfiguration::defaultConfiguration();
+        ssl.setCaCertificates(ssl.caCertificates() + QSslCertificate::fromData(authorities, QSsl::Pem));
+        request.setSslConfiguration(ssl);
+    }
 
     const QByteArray body = jsonBody(params.value(QStringLiteral("body")));
     QNetworkReply *networkReply = nullptr;
