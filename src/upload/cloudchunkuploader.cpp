@@ -4,12 +4,12 @@
 #include "filechunkbody.h"
 #include "network/networkmanager.h"
 #include "network/networkreply.h"
+#include "plugin/globalmanager.h"
 #include "plugin/logging.h"
 #include "uploadglobal.h"
 
 #include <QCryptographicHash>
 #include <QNetworkRequest>
-#include <QSslConfiguration>
 
 CloudChunkUploader::CloudChunkUploader(QObject *parent)
     : QObject(parent)
@@ -75,9 +75,10 @@ ZTErrorCode CloudChunkUploader::send()
     // The service reads the body as raw bytes whatever this says.
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
     request.setUrl(url);
-    request.setSslConfiguration(QSslConfiguration::defaultConfiguration());
-
+    GlobalManager::instance()->applyHostConfiguration(request);
     UploadGlobal *global = UploadGlobal::instance();
+    request.setTransferTimeout(global->partStallTimeoutMs());
+
     QSharedPointer<NetworkManager> manager = global->networkManager();
     if (!manager) {
         // One queue for all chunks of all files, so they share its limit.
@@ -135,6 +136,14 @@ void CloudChunkUploader::onReplyError(QNetworkReply::NetworkError error)
     if (m_item)
         m_item->state = Upload::Failed;
     releaseReply();
+    // Our own cancels disconnect before they abort, so a cancelled transfer
+    // that reaches here is one that moved nothing for the stall time: a
+    // time-out, said as the host says one.
+    if (error == QNetworkReply::OperationCanceledError) {
+        qCCritical(ztLog) << "part stalled" << (m_item ? m_item->partNumber : -1);
+        Q_EMIT errorOccurred(Zephyrtide::Error::Timeout);
+        return;
+    }
     Q_EMIT errorOccurred(static_cast<ZTErrorCode>(20480 + int(error)));
 }
 

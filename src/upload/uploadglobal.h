@@ -38,6 +38,11 @@ public:
     QSharedPointer<NetworkManager> networkManager() const;
     void setNetworkManager(const QSharedPointer<NetworkManager> &manager);
 
+    // A part that moves no byte for this long fails (and resumes on the next
+    // run), as a download chunk does: a hung service never holds an upload.
+    int partStallTimeoutMs() const { return m_partStallTimeoutMs; }
+    void setPartStallTimeoutMs(int ms) { m_partStallTimeoutMs = ms; }
+
     // The map stored under name, deciphered; an invalid QVariant when there is
     // none, an empty map when the stored text cannot be deciphered.
     QVariant readValue(const QString &name) const;
@@ -70,4 +75,5 @@ private:
     QPointer<Zephyrtide::Manager> m_manager; // the host's, not owned
     QTimer *m_cacheTimer = nullptr;          // child
     QSharedPointer<NetworkManager> m_networkManager;
+    int m_partStallTimeoutMs = 30000;
 };

@@ -145,6 +145,8 @@ void tst_CloudChunkUploader::failures_data()
     QTest::newRow("connection refused: 20480 + 1") << "http://127.0.0.1:1/p?partNumber=1" << 0 << 20481;
     QTest::newRow("500: 20480 + 401") << "SERVER" << 500 << 20881;
     QTest::newRow("404: 20480 + 203") << "SERVER" << 404 << 20683;
+    // The service takes the part and never answers: no byte moves, it times out.
+    QTest::newRow("hung service: time-out") << "SERVER" << -1 << 20483;
 }
 
 void tst_CloudChunkUploader::failures()
@@ -156,8 +158,10 @@ void tst_CloudChunkUploader::failures()
         url = m_server->baseUrl() + "/p?partNumber=1";
         ScriptedResponse response;
         response.status = status;
+        response.hold = status < 0;
         m_server->enqueue(response);
     }
+    UploadGlobal::instance()->setPartStallTimeoutMs(300);
     CloudChunkUploader uploader;
     auto item = chunk(url, "abc");
     QVERIFY(uploader.setItem(item));
