@@ -6,6 +6,8 @@
 #include "upload/fileitem.h"
 
 #include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QMimeDatabase>
 #include <QMutex>
@@ -123,7 +125,30 @@ QVariant UploadGlobal::readValue(const QString &name) const
 void UploadGlobal::writeValue(const QString &name, const QVariant &value)
 {
     const std::unique_ptr<QSettings> store = openStore();
+    restrictToOwner(store->fileName());
     store->setValue(name, Encryption::instance()->serializeDataToFile(value.toMap()));
+    store->sync();
+    restrictToOwner(store->fileName());
+}
+
+// The cache holds live upload tokens: only its owner may read it, from its
+// first byte on (the file is made before anything is written to it) and after
+// every rewrite.
+void UploadGlobal::restrictToOwner(const QString &path)
+{
+#ifdef Q_OS_WIN
+    Q_UNUSED(path) // the registry keeps the current user's hive to that user
+#else
+    const QFileInfo info(path);
+    if (!info.exists()) {
+        QDir().mkpath(info.absolutePath());
+        QFile create(path);
+        if (!create.open(QIODevice::WriteOnly | QIODevice::NewOnly))
+            return;
+    }
+    if (!QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner))
+        qCCritical(ztLog) << "upload cache permissions" << path;
+#endif
 }
 
 QVariantMap UploadGlobal::readCache() const

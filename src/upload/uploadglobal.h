@@ -70,6 +70,7 @@ private:
     ~UploadGlobal() override;
 
     static std::unique_ptr<QSettings> openStore();
+    static void restrictToOwner(const QString &path);
     QVariantMap readCache() const;
 
     QPointer<Zephyrtide::Manager> m_manager; // the host's, not owned

@@ -408,6 +408,12 @@ void tst_UploadGlobal::storedTextIsNotPlain()
     QVariantMap cache;
     QVERIFY(Encryption::instance()->deserializeFileToData(stored, cache));
     QCOMPARE(cache.keys(), QStringList({item.identifier}));
+
+    // It holds live upload tokens: no one but its owner reads it, after a rewrite too.
+    global->removeInfo(item);
+    QCOMPARE(QFileInfo(settingsFile()).permissions() & (QFile::ReadGroup | QFile::ReadOther | QFile::WriteGroup
+                                                        | QFile::WriteOther | QFile::ExeGroup | QFile::ExeOther),
+             QFile::Permissions());
 }
 
 void tst_UploadGlobal::damagedCacheReadsEmpty_data()
