@@ -8,7 +8,7 @@ JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
 PACKAGES := cmake make g++ qtbase5-dev qtbase5-dev-tools python3 python3-aiohttp \
-            python3-pytest curl aria2 time shared-mime-info
+            python3-pytest curl aria2 time shared-mime-info openssl
 # Only `make fuzz` needs these.
 FUZZ_PACKAGES := clang libclang-rt-14-dev
 

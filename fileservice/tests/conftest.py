@@ -1,12 +1,15 @@
 """The file service as a subprocess on loopback, and small clients for it."""
 import base64
+import copy
 import hashlib
 import http.client
 import json
 import os
+import resource
 import select
 import shutil
 import signal
+import ssl
 import subprocess
 import tempfile
 import time
@@ -20,19 +23,25 @@ IDENTIFIER = "0123456789abcdef0123456789abcdef"
 
 
 class Service:
-    def __init__(self, root, log_path, options):
+    def __init__(self, root, log_path, options, prefix=(), descriptors=None):
         self.root = root
         self.log_path = log_path
         self.options = list(options)
+        self.prefix = list(prefix)          # a command the service runs under
+        self.descriptors = descriptors      # (soft, hard) limit of open files
         self.process = None
         self.url = None
+        self.source = None                  # the address requests come from
+        self.headers = {}                   # sent with every request
+        self.tls = None
 
     def start(self):
         os.makedirs(self.root, exist_ok=True)
+        limit = self.descriptors and (lambda: resource.setrlimit(resource.RLIMIT_NOFILE, self.descriptors))
         with open(self.log_path, "ab") as log:
             self.process = subprocess.Popen(
-                ["/usr/bin/python3", "-B", SERVICE, "--root", self.root, "--port", "0", *self.options],
-                stdout=subprocess.PIPE, stderr=log)
+                [*self.prefix, "/usr/bin/python3", "-B", SERVICE, "--root", self.root, "--port", "0",
+                 *self.options], stdout=subprocess.PIPE, stderr=log, preexec_fn=limit or None)
         line, deadline = b"", time.monotonic() + TIMEOUT
         fd = self.process.stdout.fileno()
         while not line.endswith(b"\n"):
@@ -44,12 +53,22 @@ class Service:
                 break
             line += piece
         self.url = line.decode(errors="replace").strip()
-        if not self.url.startswith("http://127.0.0.1:"):
+        if not self.url.startswith(("http://127.0.0.1:", "https://127.0.0.1:")):
             self.stop()
             raise AssertionError("service did not start (%r): %s" % (self.url, self.log()))
         parts = urlsplit(self.url)
         self.host, self.port = parts.hostname, parts.port
+        if parts.scheme == "https":
+            self.tls = ssl.create_default_context(cafile=self.options[self.options.index("--tls-cert") + 1])
         return self
+
+    def client(self, address=None, token=None):
+        """The same service as seen by another client: from another loopback
+        address, with a token."""
+        other = copy.copy(self)
+        other.source = address
+        other.headers = {"Authorization": "Bearer " + token} if token else {}
+        return other
 
     def stop(self, signum=signal.SIGTERM):
         """Stops the service; returns its exit code."""
@@ -70,13 +89,17 @@ class Service:
             return f.read().decode(errors="replace")
 
     def connect(self):
-        return http.client.HTTPConnection(self.host, self.port, timeout=TIMEOUT)
+        source = (self.source, 0) if self.source else None
+        if self.tls:
+            return http.client.HTTPSConnection(self.host, self.port, timeout=TIMEOUT,
+                                               source_address=source, context=self.tls)
+        return http.client.HTTPConnection(self.host, self.port, timeout=TIMEOUT, source_address=source)
 
     def request(self, method, path, body=None, headers=None):
         """One request on a fresh connection: (status, headers, body)."""
         connection = self.connect()
         try:
-            connection.request(method, path, body=body, headers=headers or {})
+            connection.request(method, path, body=body, headers=dict(self.headers, **(headers or {})))
             response = connection.getresponse()
             return response.status, response.headers, response.read()
         finally:
@@ -134,6 +157,10 @@ def sha256(data):
     return hashlib.sha256(data).hexdigest()
 
 
+def repr_digest(data):
+    return "sha-256=:%s:" % base64.b64encode(hashlib.sha256(data).digest()).decode()
+
+
 def part_number(chunk):
     return int(chunk["url"].rsplit("partNumber=", 1)[1])
 
@@ -152,12 +179,13 @@ def scratch():
 
 @pytest.fixture
 def make_service(scratch):
-    """make_service(*options, root=None): a started service, stopped after the test."""
+    """make_service(*options, root=None, prefix=(), descriptors=None): a started
+    service, stopped after the test."""
     started = []
 
-    def make(*options, root=None):
+    def make(*options, root=None, prefix=(), descriptors=None):
         log = os.path.join(scratch, "service-%d.log" % len(started))
-        service = Service(root or os.path.join(scratch, "root"), log, options)
+        service = Service(root or os.path.join(scratch, "root"), log, options, prefix, descriptors)
         started.append(service)
         return service.start()
     yield make

@@ -1,12 +1,13 @@
-"""Downloads: both request forms, ranges, names, entity tags, and clients written elsewhere."""
+"""Downloads: both request forms, ranges, names, entity tags, digests, and clients written elsewhere."""
 import json
 import os
 import subprocess
+import time
 from urllib.parse import quote
 
 import pytest
 
-from conftest import TIMEOUT, sha256
+from conftest import TIMEOUT, repr_digest, sha256
 
 CONTENT = bytes(range(256)) * 4  # 1024 bytes
 
@@ -95,14 +96,72 @@ def test_stored_file_is_served_as_stored(service):
     assert (code, body, headers.get("Content-Encoding")) == (200, b"plain", None)
 
 
-def test_etag_follows_the_file(service):
+def known_digest(service, name, content):
+    """Asks until answers state the digest, which they may leave out meanwhile
+    but never state wrong. Returns the headers of the answer that stated it."""
+    deadline = time.monotonic() + TIMEOUT
+    while True:
+        headers = fetch(service, "POST", name, {"Range": "bytes=0-1"})[1]
+        assert headers.get("Repr-Digest") in (None, repr_digest(content))
+        if headers.get("Repr-Digest") or time.monotonic() > deadline:
+            assert headers.get("Repr-Digest"), "the digest never came"
+            return headers
+        time.sleep(0.05)
+
+
+def rewrite(path, content, in_place):
+    """Changes a file's bytes, keeping its size and modification time: in place,
+    or as another file put in its place."""
+    st = os.stat(path)
+    target = path if in_place else path + ".new"
+    with open(target, "r+b" if in_place else "wb") as f:
+        f.write(content)
+    os.utime(target, ns=(st.st_atime_ns, st.st_mtime_ns))
+    if not in_place:
+        os.replace(target, path)
+
+
+@pytest.mark.parametrize("change", ["uploaded", "rewritten in place", "replaced"])
+def test_tag_and_digest_follow_the_content(service, change):
     service.put_file("e.txt", b"one")
-    before = fetch(service, "GET", "e.txt")[1]["ETag"]
-    assert fetch(service, "POST", "e.txt")[1]["ETag"] == before
-    assert service.upload("e.txt", b"three", 8)[0] == "success"
-    after = fetch(service, "GET", "e.txt")[1]["ETag"]
-    assert after != before
-    assert fetch(service, "GET", "e.txt", {"If-None-Match": after})[0] == 304
+    before = known_digest(service, "e.txt", b"one")
+    assert fetch(service, "GET", "e.txt")[1]["ETag"] == before["ETag"]
+    if change == "uploaded":
+        assert service.upload("e.txt", b"two", 8)[0] == "success"
+        # Known from the upload itself: no answer goes without it.
+        assert fetch(service, "GET", "e.txt")[1]["Repr-Digest"] == repr_digest(b"two")
+    else:
+        rewrite(os.path.join(service.root, "e.txt"), b"two", change == "rewritten in place")
+    after = known_digest(service, "e.txt", b"two")
+    assert after["ETag"] != before["ETag"]
+    # A resume that names the old tag gets the whole new file.
+    code, _, body = fetch(service, "GET", "e.txt", {"Range": "bytes=1-", "If-Range": before["ETag"]})
+    assert (code, body) == (200, b"two")
+    assert fetch(service, "GET", "e.txt", {"If-None-Match": after["ETag"]})[0] == 304
+
+
+@pytest.mark.parametrize("headers, status", [
+    ({}, 200), ({"Range": "bytes=0-1"}, 206), ({"Range": "bytes=5000-"}, 416), ({"If-None-Match": "*"}, 304)])
+@pytest.mark.parametrize("method", ["GET", "HEAD", "POST"])
+def test_digest_on_every_answer(ranged, method, headers, status):
+    expected = known_digest(ranged, "r.bin", CONTENT)["Repr-Digest"]
+    code, got, _ = ranged.request(method, "/download?fileName=r.bin", b"" if method == "POST" else None, headers)
+    assert (code, got["Repr-Digest"]) == (status, expected)
+    assert {"fileName": "r.bin", "digest": expected}.items() <= next(
+        f for f in ranged.call("/download/pathList", {})[1] if f["fileName"] == "r.bin").items()
+
+
+@pytest.mark.parametrize("target", ["outside the root", "inside the root"])
+def test_symlinks_are_not_stored_files(service, scratch, target):
+    real = os.path.join(scratch if target == "outside the root" else service.root, "real.txt")
+    with open(real, "wb") as f:
+        f.write(b"secret")
+    os.symlink(real, os.path.join(service.root, "link.txt"))
+    for method in ("GET", "POST"):
+        assert fetch(service, method, "link.txt")[0] == 404
+    assert "link.txt" not in [f["fileName"] for f in service.call("/download/pathList", {})[1]]
+    assert service.call("/delete", {"fileName": "link.txt"}) == ("fail", "notExist")
+    assert os.path.islink(os.path.join(service.root, "link.txt")) and os.path.exists(real)
 
 
 @pytest.mark.parametrize("name", ["Grüße ñ 文件.txt", 'a "b"; c=d.txt', "50% off,+&=.txt", "emoji 😀"])

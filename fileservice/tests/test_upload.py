@@ -9,7 +9,7 @@ from urllib.parse import urlencode
 
 import pytest
 
-from conftest import TIMEOUT, md5_header, part_number, path_of, sha256
+from conftest import IDENTIFIER, TIMEOUT, md5_header, part_number, path_of, sha256
 
 OTHER = "f" * 32
 
@@ -216,3 +216,66 @@ def test_concurrent_parts_and_completes(make_service):
     assert all(result == "notExist" for status, result in answers if status == "fail")
     assert sha256(service.stored("c.bin")) == sha256(content)
     assert os.listdir(os.path.join(service.root, ".uploads")) == ["completed.json"]
+
+
+@pytest.mark.parametrize("second, options", [
+    ({"identifier": OTHER}, ()),
+    ({"address": "127.0.0.2"}, ()),
+    ({"token": "t2"}, ("--token", "t1", "--token", "t2")),
+], ids=["one client, two identifiers", "two addresses, one identifier", "two tokens, one identifier"])
+def test_two_uploads_of_one_name(make_service, second, options):
+    service = make_service("--chunk-size", "8", *options)
+    clients = [service.client(token="t1" if options else None),
+               service.client(address=second.get("address"), token=second.get("token"))]
+    identifiers = [IDENTIFIER, second.get("identifier", IDENTIFIER)]
+    contents = [os.urandom(16), os.urandom(16)]
+    uploads = [c.info("n.bin", 16, i)["uploadInfo"] for c, i in zip(clients, identifiers)]
+    assert uploads[0]["uploadID"] != uploads[1]["uploadID"]
+    for number in (0, 1):   # interleaved, as two clients at a time would
+        for client, upload, content in zip(clients, uploads, contents):
+            assert client.send_part(upload["chunks"][number], content[number * 8:number * 8 + 8]) == 200
+    answers = {}
+    run_threads(lambda k: answers.update({k: clients[k].complete("n.bin", identifiers[k])}), [0, 1])
+    winner = [k for k in answers if answers[k][0] == "success"]
+    assert len(winner) == 1 and answers[1 - winner[0]] == ("fail", "illegalErr"), answers
+    assert service.stored("n.bin") == contents[winner[0]]
+    assert os.listdir(os.path.join(service.root, ".uploads")) == ["completed.json"]
+    # Only the client that completed it hears that it exists.
+    assert [c.info("n.bin", 16, i)["exist"] for c, i in zip(clients, identifiers)] == [k in winner for k in (0, 1)]
+
+
+def test_open_sessions_per_client_are_bounded(make_service):
+    service = make_service("--chunk-size", "8", "--max-sessions", "2")
+    ids = ["%032x" % n for n in range(3)]
+    first = service.info("a", 3, ids[0])["uploadInfo"]
+    service.info("b", 3, ids[1])
+    body = {"fileName": "c", "fileMD5": ids[2], "fileSize": 3}
+    assert service.call("/upload/info", body) == ("fail", "illegalErr")
+    assert service.info("a", 3, ids[0])["uploadInfo"]["uploadID"] == first["uploadID"]
+    assert service.client(address="127.0.0.2").info("c", 3, ids[2])["exist"] is False
+    assert service.send_part(first["chunks"][0], b"abc") == 200 and service.complete("a", ids[0])[0] == "success"
+    assert service.info("c", 3, ids[2])["exist"] is False
+
+
+def test_room_is_asked_for_what_is_missing(make_service, scratch):
+    """On a disk of 64 KiB of its own: f holds 32 of its 40 KiB and g 12 KiB."""
+    root, part = os.path.join(scratch, "root"), 4096
+    on_tmpfs = ["unshare", "--user", "--map-root-user", "--mount", "sh", "-c",
+                'mount -t tmpfs -o size=64k tmpfs "$0" && exec "$@"', root]
+    service = make_service("--chunk-size", str(part), "--session-idle", "0", root=root, prefix=on_tmpfs)
+    f = os.urandom(10 * part)
+    chunks = service.info("f.bin", len(f))["uploadInfo"]["chunks"]
+    for number, chunk in enumerate(chunks[:8]):
+        assert service.send_part(chunk, f[number * part:(number + 1) * part]) == 200
+    g = service.info("g.bin", 4 * part, OTHER)["uploadInfo"]["chunks"]
+    for chunk in g[:3]:
+        assert service.send_part(chunk, bytes(part)) == 200
+    # 12 KiB left: f's missing 8 fit, its whole 40 do not.
+    assert [part_number(c) for c in service.info("f.bin", len(f))["uploadInfo"]["chunks"]] == [9, 10]
+    # 24 KiB wanted: g, idle since its last part, gives way; f, asked for since, stays.
+    assert service.info("h.bin", 6 * part, "e" * 32)["exist"] is False
+    assert service.send_part(g[3], bytes(part)) == 404
+    for number, chunk in enumerate(chunks[8:], 8):
+        assert service.send_part(chunk, f[number * part:(number + 1) * part]) == 200
+    assert service.complete("f.bin")[0] == "success"
+    assert service.request("GET", "/download?fileName=f.bin")[2] == f

@@ -5,20 +5,25 @@ import base64
 import errno
 import hashlib
 import hmac
+import ipaddress
 import json
 import logging
 import math
 import os
+import re
 import shutil
 import signal
+import ssl
 import sys
+import time
 from urllib.parse import quote
 
 from aiohttp import web
-from aiohttp.helpers import parse_http_date
 from aiohttp.http import HttpVersion11
 from aiohttp.http_exceptions import HttpProcessingError
 
+from .connection import ServiceConnection, quiet_exhaustion, raise_descriptor_limit
+from .download import StoredFileResponse
 from .names import is_identifier, is_plain_name
 from .store import Store
 
@@ -29,6 +34,7 @@ READ_SIZE = 1 << 20        # largest piece taken from a request body at a time
 READ_BUFFER = 1 << 20      # per-connection receive buffer of the HTTP layer
 MAX_PARTS = 100000         # refuses sizes whose part list would be absurd
 SHUTDOWN_GRACE = 5.0       # seconds running requests get on SIGTERM
+LISTEN_BACKLOG = 1024      # connections the kernel holds until they are accepted
 
 
 class Refused(Exception):
@@ -43,17 +49,77 @@ def success(result):
     return web.json_response({"status": "success", "result": result})
 
 
-def base_address(request):
-    return "%s://%s" % (request.scheme, request.host)
+def cdn_url(base, name):
+    return "%s/download?fileName=%s" % (base, quote(name, safe=""))
 
 
-def cdn_url(request, name):
-    return "%s/download?fileName=%s" % (base_address(request), quote(name, safe=""))
+class Front:
+    """How clients reach the service (the base of the addresses it hands out),
+    and where a client comes from.
+
+    A front (a TLS terminator, a reverse proxy) is believed about the client's
+    scheme, host and address only when it connects from a trusted address, and
+    each header's last element is taken: the one the front itself added. A
+    public URL, when set, is the base of every address whatever a request says.
+    """
+
+    HOST = re.compile(r"(?:[A-Za-z0-9.-]+|\[[0-9A-Fa-f:.]+\])(?::[0-9]{1,5})?")
+    FIELDS = (("proto", "X-Forwarded-Proto"), ("host", "X-Forwarded-Host"), ("for", "X-Forwarded-For"))
+
+    def __init__(self, public_url="", trusted=()):
+        self.public_url = public_url.rstrip("/")
+        self.trusted = [ipaddress.ip_network(address, strict=False) for address in trusted]
+
+    def _trusts(self, request):
+        try:
+            peer = ipaddress.ip_address(request.remote or "")
+        except ValueError:
+            return False
+        return any(peer in network for network in self.trusted)
+
+    def forwarded(self, request):
+        """What a trusted front says of the connection it took: "proto", "host", "for"."""
+        if not self.trusted or not self._trusts(request):
+            return {}
+        standard = request.forwarded[-1] if request.forwarded else {}
+        said = {}
+        for field, header in self.FIELDS:
+            value = request.headers.get(header, "").rsplit(",", 1)[-1].strip() or standard.get(field)
+            if value:
+                said[field] = value
+        return said
+
+    def base(self, request):
+        if self.public_url:
+            return self.public_url
+        said = self.forwarded(request)
+        scheme = said.get("proto", "").lower()
+        host = said.get("host", "")
+        return "%s://%s" % (scheme if scheme in ("http", "https") else request.scheme,
+                            host if self.HOST.fullmatch(host) else request.host)
+
+    def client_address(self, request):
+        return self.forwarded(request).get("for") or request.remote or ""
 
 
 def too_large(limit, actual):
     """413, and the connection is not kept: what is left of the body is not wanted."""
     refusal = web.HTTPRequestEntityTooLarge(max_size=limit, actual_size=actual)
+    refusal.force_close()
+    return refusal
+
+
+def timed_out():
+    """408 for a body that stopped arriving; the connection goes with it."""
+    refusal = web.HTTPRequestTimeout(text="the body stopped arriving")
+    refusal.force_close()
+    return refusal
+
+
+def malformed(request, error):
+    """400 for a body that breaks HTTP's framing; the connection goes with it."""
+    log.warning("bad request from %s: %s", request.remote, error.message)
+    refusal = web.HTTPBadRequest(text="malformed body")
     refusal.force_close()
     return refusal
 
@@ -82,32 +148,12 @@ def expect_within(limit_of):
     return handler
 
 
-class StoredFileResponse(web.FileResponse):
-    """A stored file with aiohttp's ranges and sendfile, for GET and POST alike, plus:
-    the ETag on every answer (416 included), the entity-tag form of If-Range, and
-    never a compressed sibling ("x.gz" is a stored file of its own, not an encoding
-    of "x")."""
-
-    async def prepare(self, request):
-        headers = request.headers.copy()
-        headers.popall("Accept-Encoding", None)
-        try:
-            etag = Store.etag_of(os.stat(self._path))
-            self.etag = etag
-        except OSError:
-            etag = None
-        if_range = headers.get("If-Range")
-        if if_range is not None and parse_http_date(if_range) is None:
-            if etag is None or if_range.strip() != '"%s"' % etag:
-                headers.popall("Range", None)   # changed since: the whole file
-            headers.popall("If-Range", None)
-        return await super().prepare(request.clone(headers=headers))
-
-
 class FileService:
-    def __init__(self, store, token):
+    def __init__(self, store, tokens=(), front=None, idle_timeout=60.0):
         self.store = store
-        self.token = token
+        self.tokens = [("Bearer " + token).encode() for token in tokens]
+        self.front = front or Front()
+        self.idle_timeout = idle_timeout
 
     def routes(self):
         json_limit = expect_within(lambda request: JSON_BODY_LIMIT)
@@ -127,13 +173,35 @@ class FileService:
         session = self.store.by_upload_id.get(request.query.get("uploadID", ""))
         return session.data["chunkSize"] if session else self.store.chunk_size
 
-    # JSON endpoints
+    # Who asks
 
     def authorized(self, request):
-        if not self.token:
+        if not self.tokens:
             return True
         given = request.headers.get("Authorization", "").encode("utf-8", "surrogateescape")
-        return hmac.compare_digest(given, ("Bearer " + self.token).encode())
+        # Every token is compared, so the time taken tells nothing of which one came close.
+        return sum(hmac.compare_digest(given, token) for token in self.tokens) > 0
+
+    @staticmethod
+    def unauthorized():
+        return web.HTTPUnauthorized(headers={"WWW-Authenticate": "Bearer"}, text="token required")
+
+    def client_of(self, request):
+        """Whom a session belongs to: the credentials a client presents and the
+        address it comes from."""
+        who = "%s\n%s" % (request.headers.get("Authorization", ""), self.front.client_address(request))
+        return hashlib.sha256(who.encode("utf-8", "surrogateescape")).hexdigest()[:32]
+
+    def bound_quiet(self, quiet):
+        """Before each read of a body: moves the deadline of the asyncio.timeout
+        quiet so that the body may bring nothing for idle_timeout seconds, and
+        at most a quarter more. It moves at most four times in that span, not
+        for every piece: from a slow client a piece is a few KiB."""
+        now = asyncio.get_running_loop().time()
+        if quiet.when() is None or quiet.when() - now < self.idle_timeout:
+            quiet.reschedule(now + self.idle_timeout * 1.25)
+
+    # JSON endpoints
 
     def json_endpoint(self, handler):
         async def endpoint(request):
@@ -146,20 +214,26 @@ class FileService:
                 return web.json_response({"status": "fail", "result": refused.word})
         return endpoint
 
-    @staticmethod
-    async def read_json(request):
+    async def read_json(self, request):
         """The body as a JSON object; {} for an empty body."""
         if request.content_length is not None and request.content_length > JSON_BODY_LIMIT:
             raise too_large(JSON_BODY_LIMIT, request.content_length)
         pieces, size = [], 0
-        while True:
-            piece = await request.content.read(READ_SIZE)  # whatever has arrived, up to that
-            if not piece:
-                break
-            size += len(piece)
-            if size > JSON_BODY_LIMIT:
-                raise too_large(JSON_BODY_LIMIT, size)
-            pieces.append(piece)
+        try:
+            async with asyncio.timeout(None) as quiet:
+                while True:
+                    self.bound_quiet(quiet)
+                    piece = await request.content.read(READ_SIZE)  # whatever has arrived, up to that
+                    if not piece:
+                        break
+                    size += len(piece)
+                    if size > JSON_BODY_LIMIT:
+                        raise too_large(JSON_BODY_LIMIT, size)
+                    pieces.append(piece)
+        except TimeoutError:
+            raise timed_out()
+        except HttpProcessingError as error:
+            raise malformed(request, error)
         raw = b"".join(pieces)
         if not raw.strip():
             return {}
@@ -187,7 +261,7 @@ class FileService:
             raise Refused("require")
 
     async def path_list(self, request, body):
-        return success(self.store.list_files())
+        return success(self.store.list_files(asyncio.get_running_loop()))
 
     async def delete(self, request, body):
         name = self.file_name(body, "fileName", "filename")
@@ -202,17 +276,33 @@ class FileService:
         identifier, size = body["fileMD5"], whole_number(body["fileSize"])
         if not is_identifier(identifier) or size is None:
             raise Refused("illegalErr")
-        if self.store.already_stored(name, identifier, size):
-            return success({"exist": True, "cdnURL": cdn_url(request, name)})
-        if -(-size // self.store.chunk_size) > MAX_PARTS or size > shutil.disk_usage(self.store.root).free:
+        client, base = self.client_of(request), self.front.base(request)
+        if self.store.already_stored(client, name, identifier, size):
+            return success({"exist": True, "cdnURL": cdn_url(base, name)})
+        if -(-size // self.store.chunk_size) > MAX_PARTS:
             raise Refused("illegalErr")
-        session = self.store.session_for(identifier, name, size)
+        session = self.store.live_session(client, identifier, name, size)
+        # Only what is missing needs room: a session taken up again after the
+        # disk filled holds the rest already.
+        missing = size - (session.held_bytes() if session else 0)
+        if not self.store.make_room(missing, keep=session):
+            log.warning("upload of %s refused: no room for %d bytes", name, missing)
+            raise Refused("illegalErr")
+        if session is None:
+            session = self.store.open_session(client, identifier, name, size)
+            if session is None:
+                raise Refused("illegalErr")
+        else:
+            session.touch()
+        headers = {"X-Upload-Token": session.token}
+        if self.tokens:
+            # Parts ask for the token too, and a client sends the headers it is given.
+            headers["Authorization"] = request.headers["Authorization"]
         chunks = []
         for number in session.missing_parts():
             chunk = {
-                "url": "%s/upload/part?uploadID=%s&partNumber=%d"
-                       % (base_address(request), session.upload_id, number),
-                "headers": {"X-Upload-Token": session.token},
+                "url": "%s/upload/part?uploadID=%s&partNumber=%d" % (base, session.upload_id, number),
+                "headers": headers,
             }
             held = session.held_prefix(number)
             if held:
@@ -220,7 +310,7 @@ class FileService:
             chunks.append(chunk)
         return success({
             "exist": False,
-            "cdnURL": cdn_url(request, name),
+            "cdnURL": cdn_url(base, name),
             "uploadInfo": {
                 "chunkSize": session.data["chunkSize"],
                 "expires": session.seconds_left(),
@@ -234,12 +324,13 @@ class FileService:
         self.require(body, "fileName", "fileMD5")
         name = self.file_name(body, "fileName")
         identifier = body["fileMD5"]
-        session = self.store.sessions.get(identifier) if is_identifier(identifier) else None
+        key = (self.client_of(request), identifier)
+        session = self.store.sessions.get(key) if is_identifier(identifier) else None
         if session is None or session.data["fileName"] != name:
             raise Refused("notExist")
         loop = asyncio.get_running_loop()
         async with session.lock:
-            if self.store.sessions.get(identifier) is not session:
+            if self.store.sessions.get(key) is not session:
                 raise Refused("notExist")   # completed or dropped while this waited
             if session.missing_parts():
                 raise Refused("illegalErr")
@@ -249,21 +340,33 @@ class FileService:
                 log.warning("upload %s: parts %s lost, asked again", session.upload_id, short)
                 session.forget(short)
                 raise Refused("illegalErr")
-            self.store.detach(session)
-            try:
-                size = await loop.run_in_executor(None, self.store.assemble, session)
-            except OSError:
-                log.exception("joining %s failed", name)
-                self.store.reattach(session)
-                raise Refused("illegalErr")
-            self.store.remember_completed(session)
+            async with self.store.name_lock(name):
+                if self.store.superseded(session):
+                    # Of two uploads of one name at a time, the first to complete
+                    # keeps the name; the other is told so and ends.
+                    log.warning("upload %s of %s lost to one completed meanwhile", session.upload_id, name)
+                    self.store.detach(session)
+                    await loop.run_in_executor(None, shutil.rmtree, session.folder, True)
+                    raise Refused("illegalErr")
+                self.store.detach(session)
+                stamp = time.time()
+                try:
+                    size, content, digest = await loop.run_in_executor(None, self.store.assemble, session)
+                except OSError:
+                    log.exception("joining %s failed", name)
+                    self.store.reattach(session)
+                    raise Refused("illegalErr")
+                self.store.remember_completed(session, stamp, content, digest)
         await loop.run_in_executor(None, shutil.rmtree, session.folder, True)
         log.info("stored %s (%d bytes)", name, size)
-        return success({"fileName": name, "fileSize": size, "cdnURL": cdn_url(request, name)})
+        return success({"fileName": name, "fileSize": size,
+                        "cdnURL": cdn_url(self.front.base(request), name)})
 
     # Parts
 
     async def upload_part(self, request):
+        if not self.authorized(request):
+            raise self.unauthorized()
         session = self.store.session_by_upload_id(request.query.get("uploadID", ""))
         if session is None:
             raise web.HTTPNotFound(text="no such upload")
@@ -324,7 +427,10 @@ class FileService:
             if os.path.exists(incoming):
                 os.unlink(incoming)
         if cut:
-            return web.Response(status=400, text="body cut short")
+            # What is left of the body may still come, or never: the connection is done.
+            answer = web.Response(status=400, text="body cut short")
+            answer.force_close()
+            return answer
         return web.Response(status=200)
 
     @staticmethod
@@ -336,8 +442,7 @@ class FileService:
             return web.HTTPNotFound(text="no such upload")   # dropped meanwhile
         return web.HTTPInternalServerError(text="could not store the part")
 
-    @staticmethod
-    async def receive(request, session, limit):
+    async def receive(self, request, session, limit):
         """Streams up to limit bytes of the body to a scratch file.
 
         Returns (bytes, base64 MD5, scratch path, whether the body was cut short).
@@ -348,14 +453,16 @@ class FileService:
         try:
             with out:
                 try:
-                    while received < limit:
-                        piece = await request.content.read(min(READ_SIZE, limit - received))
-                        if not piece:
-                            break
-                        md5.update(piece)
-                        out.write(piece)
-                        received += len(piece)
-                except (ConnectionError, HttpProcessingError):
+                    async with asyncio.timeout(None) as quiet:
+                        while received < limit:
+                            self.bound_quiet(quiet)
+                            piece = await request.content.read(min(READ_SIZE, limit - received))
+                            if not piece:
+                                break
+                            md5.update(piece)
+                            out.write(piece)
+                            received += len(piece)
+                except (ConnectionError, HttpProcessingError, TimeoutError):
                     cut = True
         except BaseException:
             os.unlink(path)
@@ -367,6 +474,8 @@ class FileService:
     # Downloads
 
     async def download(self, request):
+        if not self.authorized(request):
+            raise self.unauthorized()
         name = request.query.get("fileName")
         if request.method == "POST":
             try:
@@ -379,10 +488,15 @@ class FileService:
             raise web.HTTPBadRequest(text="fileName missing")
         if not is_plain_name(name):
             raise web.HTTPForbidden(text="not a plain file name")
-        path = self.store.path_of(name)
-        if not os.path.isfile(path):
+        opened = self.store.open_stored(name)
+        if opened is None:
             raise web.HTTPNotFound(text="no such file")
-        return StoredFileResponse(path, headers={
+        fd, st = opened
+        digest = self.store.digests.of(name, st)
+        if digest is None:
+            # Hashed in the background; answers state it once it is known.
+            self.store.digests.find_later(asyncio.get_running_loop(), name, self.store.path_of(name))
+        return StoredFileResponse(fd, st, digest, headers={
             "Content-Disposition": "attachment; filename=" + quote(name, safe=""),
             "Content-Type": "application/octet-stream",
         })
@@ -396,33 +510,75 @@ def parse_arguments(argv):
     parser.add_argument("--port", type=int, default=0, help="0 picks a free port")
     parser.add_argument("--chunk-size", type=int, default=8 << 20, help="bytes per upload part")
     parser.add_argument("--expires", type=int, default=86400, help="upload session lifetime, seconds")
-    parser.add_argument("--token", default="", help="require 'Authorization: Bearer TOKEN'")
+    parser.add_argument("--token", action="append", default=[],
+                        help="require 'Authorization: Bearer TOKEN'; may be given once per client")
+    parser.add_argument("--idle-timeout", type=float, default=60.0,
+                        help="seconds a connection may wait for a request, or a body for its next byte")
+    parser.add_argument("--max-sessions", type=int, default=1000, help="open upload sessions per client")
+    parser.add_argument("--session-idle", type=float, default=3600.0,
+                        help="seconds without a part after which a session gives way when space runs out")
+    parser.add_argument("--trusted-proxy", action="append", default=[], metavar="ADDRESS",
+                        help="a front whose Forwarded / X-Forwarded-* headers are believed (address or network)")
+    parser.add_argument("--public-url", default="", help="base of the addresses handed out, whatever a request says")
+    parser.add_argument("--tls-cert", default="", help="serve TLS with this certificate chain (PEM)")
+    parser.add_argument("--tls-key", default="", help="the certificate's private key (PEM)")
     args = parser.parse_args(argv)
     if args.chunk_size < 1 or args.expires < 0:
         parser.error("--chunk-size must be at least 1 and --expires not negative")
+    if args.idle_timeout <= 0 or args.max_sessions < 1 or args.session_idle < 0:
+        parser.error("--idle-timeout and --max-sessions must be positive, --session-idle not negative")
+    if bool(args.tls_cert) != bool(args.tls_key):
+        parser.error("--tls-cert and --tls-key go together")
+    if args.public_url and not re.fullmatch(r"https?://[^/?#\s]+(/[^?#\s]*)?", args.public_url):
+        parser.error("--public-url must be an http:// or https:// address")
+    try:
+        Front(trusted=args.trusted_proxy)
+    except ValueError as error:
+        parser.error("--trusted-proxy: %s" % error)
     return args
 
 
+def tls_context(args):
+    if not args.tls_cert:
+        return None
+    context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
+    context.load_cert_chain(args.tls_cert, args.tls_key)
+    return context
+
+
 async def serve(args):
+    raise_descriptor_limit()
     os.makedirs(args.root, exist_ok=True)
-    store = Store(args.root, args.chunk_size, args.expires)
+    store = Store(args.root, args.chunk_size, args.expires, args.session_idle, args.max_sessions)
+    service = FileService(store, args.token, Front(args.public_url, args.trusted_proxy), args.idle_timeout)
     app = web.Application()
-    app.add_routes(FileService(store, args.token).routes())
-    runner = web.AppRunner(app, access_log=None, read_bufsize=READ_BUFFER)
+    app.add_routes(service.routes())
+    runner = web.AppRunner(app, access_log=None)
     await runner.setup()
-    site = web.TCPSite(runner, args.host, args.port, shutdown_timeout=SHUTDOWN_GRACE)
-    await site.start()
-    port = site._server.sockets[0].getsockname()[1]
+    loop = asyncio.get_running_loop()
+    loop.set_exception_handler(quiet_exhaustion)
+    tls = tls_context(args)
+
+    def connection():
+        return ServiceConnection(runner.server, loop=loop, idle_timeout=args.idle_timeout,
+                                 access_log=None, read_bufsize=READ_BUFFER)
+    listener = await loop.create_server(connection, args.host, args.port, ssl=tls, backlog=LISTEN_BACKLOG,
+                                        ssl_handshake_timeout=args.idle_timeout if tls else None)
+    port = listener.sockets[0].getsockname()[1]
     host = "[%s]" % args.host if ":" in args.host else args.host
-    print("http://%s:%d" % (host, port), flush=True)
     log.info("serving %s on %s:%d", store.root, args.host, port)
+    # The first line on stdout says where: callers wait for it.
+    print("%s://%s:%d" % ("https" if tls else "http", host, port), flush=True)
 
     stop = asyncio.Event()
-    loop = asyncio.get_running_loop()
     for signum in (signal.SIGTERM, signal.SIGINT):
         loop.add_signal_handler(signum, stop.set)
     await stop.wait()
     log.info("stopping")
+    store.digests.shutdown()
+    listener.close()
+    await runner.shutdown()
+    await runner.server.shutdown(SHUTDOWN_GRACE)
     await runner.cleanup()
 
 

@@ -2,7 +2,8 @@
 
 Layout under the root folder:
   <name>                              stored files (plain names only, never hidden)
-  .uploads/completed.json             fileName -> {"fileMD5", "fileSize"} of finished uploads
+  .uploads/completed.json             fileName -> {"fileMD5", "fileSize", "client", "completed",
+                                      "key", "digest"} of finished uploads
   .uploads/<uploadID>/session.json    one upload session, rewritten atomically
   .uploads/<uploadID>/data            the file being uploaded, every part at its place
   .uploads/<uploadID>/incoming-*      a part body on its way in; removed at start
@@ -12,6 +13,10 @@ file. A part's bytes count only once session.json records them, and that
 happens after they are on disk: a crash mid-write leaves at worst bytes that
 are not counted, never counted bytes that are wrong. Completing an upload
 renames the data file into place, so no byte is copied twice.
+
+A session belongs to one client: the identifier a client chooses names a
+session only among that client's own, so another client that happens to (or
+means to) use the same identifier never writes into it.
 """
 import asyncio
 import errno
@@ -21,8 +26,12 @@ import math
 import os
 import secrets
 import shutil
+import stat
 import tempfile
 import time
+import weakref
+
+from .digests import Digests, as_repr_digest, content_key, etag_of, hash_descriptor, open_regular
 
 COPY_BLOCK = 1 << 20
 INCOMING_PREFIX = "incoming-"
@@ -116,6 +125,16 @@ class Session:
     def identifier(self):
         return self.data["identifier"]
 
+    @property
+    def key(self):
+        return self.data["client"], self.data["identifier"]
+
+    def last_active(self):
+        return self.data.get("touched", self.data["created"])
+
+    def touch(self):
+        self.data["touched"] = time.time()
+
     def part_count(self):
         size, chunk = self.data["fileSize"], self.data["chunkSize"]
         return (size + chunk - 1) // chunk
@@ -131,6 +150,9 @@ class Session:
         """Bytes of the part held without a gap from its first byte on."""
         ranges = self.data["parts"].get(str(number), [])
         return ranges[0][1] if ranges and ranges[0][0] == 0 else 0
+
+    def held_bytes(self):
+        return sum(end - start for ranges in self.data["parts"].values() for start, end in ranges)
 
     def missing_parts(self):
         return [n for n in range(1, self.part_count() + 1)
@@ -150,6 +172,7 @@ class Session:
         if end > start:
             ranges = self.data["parts"].get(str(number), []) + [[start, end]]
             self.data["parts"][str(number)] = merge_ranges(ranges)
+            self.touch()
             self.save()
 
     def forget(self, numbers):
@@ -179,7 +202,7 @@ class Session:
         else:
             source = os.open(incoming, os.O_RDONLY)
             try:
-                target = os.open(self.data_path(), os.O_WRONLY | os.O_CREAT, 0o644)
+                target = os.open(self.data_path(), os.O_WRONLY | os.O_CREAT | os.O_NOFOLLOW, 0o644)
                 try:
                     place = (number - 1) * self.data["chunkSize"] + offset
                     copy_range(source, 0, target, place, count)
@@ -202,18 +225,24 @@ class Session:
 
 
 class Store:
-    def __init__(self, root, chunk_size, expires):
+    def __init__(self, root, chunk_size, expires, session_idle=3600, max_sessions=1000):
         self.root = os.path.abspath(root)
         self.uploads = os.path.join(self.root, ".uploads")
         self.chunk_size = chunk_size
         self.expires = expires
+        self.session_idle = session_idle
+        self.max_sessions = max_sessions
         os.makedirs(self.uploads, exist_ok=True)
         self._completed_path = os.path.join(self.uploads, "completed.json")
         self.completed = _read_json(self._completed_path, {})
         if not isinstance(self.completed, dict):
             self.completed = {}
-        self.sessions = {}   # identifier -> Session
+        self.digests = Digests({name: (done["key"], done["digest"]) for name, done in self.completed.items()
+                                if isinstance(done, dict) and "key" in done and "digest" in done})
+        self.sessions = {}   # (client, identifier) -> Session
         self.by_upload_id = {}
+        # name -> the lock held while an upload of that name is put in place
+        self._name_locks = weakref.WeakValueDictionary()
         self._load()
 
     def _load(self):
@@ -242,7 +271,7 @@ class Store:
             return (data["uploadID"] == upload_id and isinstance(data["parts"], dict)
                     and data["fileSize"] >= 0 and data["chunkSize"] >= 1
                     and bool(data["token"]) and bool(data["identifier"])
-                    and isinstance(data["fileName"], str)
+                    and isinstance(data["client"], str) and isinstance(data["fileName"], str)
                     and not Session(None, data).expired())
         except (KeyError, TypeError):
             return False
@@ -252,63 +281,83 @@ class Store:
     def path_of(self, name):
         return os.path.join(self.root, name)
 
-    @staticmethod
-    def etag_of(st):
-        """The entity tag of a stored file; the same one its download answers with."""
-        return "%x-%x" % (st.st_mtime_ns, st.st_size)
+    def stored_status(self, name):
+        """The status of the stored file name; None when there is none. Only a
+        regular file is a stored file: a symlink is not, wherever it leads."""
+        try:
+            st = os.lstat(self.path_of(name))
+        except OSError:
+            return None
+        return st if stat.S_ISREG(st.st_mode) else None
 
-    def list_files(self):
+    def open_stored(self, name):
+        """(descriptor, status) of the stored file name, or None."""
+        return open_regular(self.path_of(name))
+
+    def list_files(self, loop):
+        """The stored files, each with its digest when it is known; those not
+        known yet are hashed in the background for the next listing."""
+        with os.scandir(self.root) as found:
+            candidates = sorted((entry for entry in found if not entry.name.startswith(".")),
+                                key=lambda entry: entry.name)
         entries = []
-        for name in sorted(os.listdir(self.root)):
-            if name.startswith("."):
-                continue
+        for entry in candidates:
             try:
-                st = os.stat(self.path_of(name))
+                if not entry.is_file(follow_symlinks=False):
+                    continue
+                st = entry.stat(follow_symlinks=False)
             except OSError:  # deleted meanwhile
                 continue
-            if not os.path.isfile(self.path_of(name)):
-                continue
-            entries.append({
-                "fileName": name,
+            listed = {
+                "fileName": entry.name,
                 "fileSize": st.st_size,
-                "etag": self.etag_of(st),
+                "etag": etag_of(st),
                 "modified": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(st.st_mtime)),
-            })
+            }
+            digest = self.digests.of(entry.name, st)
+            if digest is None:
+                self.digests.find_later(loop, entry.name, entry.path)
+            else:
+                listed["digest"] = digest
+            entries.append(listed)
+        self.digests.keep_only(entry["fileName"] for entry in entries)
         return entries
 
     def delete(self, name):
-        path = self.path_of(name)
-        if not os.path.isfile(path):
+        if self.stored_status(name) is None:
             return False
         try:
-            os.unlink(path)
+            os.unlink(self.path_of(name))
         except FileNotFoundError:
             return False
+        self.digests.forget(name)
         if self.completed.pop(name, None) is not None:
             _write_json(self._completed_path, self.completed)
         return True
 
-    def already_stored(self, name, identifier, size):
+    def already_stored(self, client, name, identifier, size):
+        """Whether this client completed this upload and the file is still as it left it."""
         done = self.completed.get(name)
-        path = self.path_of(name)
-        return (done is not None and done["fileMD5"] == identifier and done["fileSize"] == size
-                and os.path.isfile(path) and os.path.getsize(path) == size)
+        st = self.stored_status(name)
+        return (done is not None and st is not None and done["fileMD5"] == identifier
+                and done["fileSize"] == size and done.get("client") == client
+                and done.get("key") == content_key(st))
 
     # Sessions
 
     def _attach(self, session):
-        self.sessions[session.identifier] = session
+        self.sessions[session.key] = session
         self.by_upload_id[session.upload_id] = session
 
     def detach(self, session):
         """Takes a session out of reach of new requests; its folder stays."""
-        if self.sessions.get(session.identifier) is session:
-            del self.sessions[session.identifier]
+        if self.sessions.get(session.key) is session:
+            del self.sessions[session.key]
         if self.by_upload_id.get(session.upload_id) is session:
             del self.by_upload_id[session.upload_id]
 
     def reattach(self, session):
-        if session.identifier not in self.sessions:
+        if session.key not in self.sessions:
             self._attach(session)
 
     def drop(self, session):
@@ -321,30 +370,38 @@ class Store:
             log.info("upload %s expired", session.upload_id)
             self.drop(session)
 
-    def session_for(self, identifier, name, size):
-        """The live session of identifier for this name and size, or a new one."""
+    def live_session(self, client, identifier, name, size):
+        """The client's live session of identifier, if it is one for this name and size."""
         self.drop_expired()
-        session = self.sessions.get(identifier)
+        session = self.sessions.get((client, identifier))
         if session and (session.data["fileName"] != name or session.data["fileSize"] != size):
-            self.drop(session)
+            self.drop(session)   # the identifier now stands for another upload
             session = None
-        if session is None:
-            upload_id = secrets.token_hex(16)
-            folder = os.path.join(self.uploads, upload_id)
-            os.makedirs(folder)
-            session = Session(folder, {
-                "uploadID": upload_id,
-                "token": secrets.token_hex(16),
-                "identifier": identifier,
-                "fileName": name,
-                "fileSize": size,
-                "chunkSize": self.chunk_size,
-                "expires": self.expires,
-                "created": time.time(),
-                "parts": {},
-            })
-            session.save()
-            self._attach(session)
+        return session
+
+    def open_session(self, client, identifier, name, size):
+        """A new session of the client; None when it has as many open as it may."""
+        held = sum(1 for session in self.sessions.values() if session.data["client"] == client)
+        if held >= self.max_sessions:
+            log.warning("upload of %s refused: the client has %d sessions open", name, held)
+            return None
+        upload_id = secrets.token_hex(16)
+        folder = os.path.join(self.uploads, upload_id)
+        os.makedirs(folder)
+        session = Session(folder, {
+            "uploadID": upload_id,
+            "token": secrets.token_hex(16),
+            "client": client,
+            "identifier": identifier,
+            "fileName": name,
+            "fileSize": size,
+            "chunkSize": self.chunk_size,
+            "expires": self.expires,
+            "created": time.time(),
+            "parts": {},
+        })
+        session.save()
+        self._attach(session)
         return session
 
     def session_by_upload_id(self, upload_id):
@@ -354,23 +411,67 @@ class Store:
             return None
         return session
 
-    def assemble(self, session):
-        """Makes the data file the stored file: synced, then renamed into place.
+    def make_room(self, needed, keep=None):
+        """Whether needed bytes fit on the disk, once sessions idle for
+        session_idle seconds are dropped, the longest idle first, as far as it
+        takes: a client that gave up does not hold the disk until its session
+        expires."""
+        if needed <= shutil.disk_usage(self.root).free:
+            return True
+        now = time.time()
+        idle = sorted((session for session in self.sessions.values()
+                       if session is not keep and not session.lock.locked()
+                       and now - session.last_active() >= self.session_idle),
+                      key=Session.last_active)
+        for session in idle:
+            log.info("upload %s dropped to make room: idle for %d s",
+                     session.upload_id, now - session.last_active())
+            self.drop(session)
+            if needed <= shutil.disk_usage(self.root).free:
+                return True
+        return False
 
-        Blocking: runs off the event loop. Returns the stored file's size.
+    def name_lock(self, name):
+        """The lock held while an upload of name is put in place."""
+        lock = self._name_locks.get(name)
+        if lock is None:
+            lock = asyncio.Lock()
+            self._name_locks[name] = lock
+        return lock
+
+    def superseded(self, session):
+        """Whether another upload of the same name was completed since this one began."""
+        done = self.completed.get(session.data["fileName"])
+        return done is not None and done.get("completed", 0) >= session.data["created"]
+
+    def assemble(self, session):
+        """Makes the data file the stored file: synced, hashed, then renamed into place.
+
+        Blocking: runs off the event loop. Returns the stored file's size, content
+        key and digest. The data file is the session's own, so the bytes hashed
+        are the bytes put in place.
         """
         data = session.data_path()
-        with open(data, "ab") as out:   # an empty file never got a part
-            size = out.tell()
+        # An empty file never got a part.
+        fd = os.open(data, os.O_RDWR | os.O_CREAT | os.O_NOFOLLOW | os.O_CLOEXEC, 0o644)
+        try:
+            size = os.fstat(fd).st_size
             if size != session.data["fileSize"]:
                 raise OSError(errno.EIO, "data holds %d bytes, not %d" % (size, session.data["fileSize"]))
-            os.fsync(out.fileno())
-        os.chmod(data, 0o644)
-        os.replace(data, self.path_of(session.data["fileName"]))
-        _fsync_path(self.root, directory=True)
-        return size
+            os.fsync(fd)
+            digest = as_repr_digest(hash_descriptor(fd, size))
+            os.fchmod(fd, 0o644)
+            os.replace(data, self.path_of(session.data["fileName"]))
+            _fsync_path(self.root, directory=True)
+            key = content_key(os.fstat(fd))
+        finally:
+            os.close(fd)
+        return size, key, digest
 
-    def remember_completed(self, session):
-        self.completed[session.data["fileName"]] = {
-            "fileMD5": session.identifier, "fileSize": session.data["fileSize"]}
+    def remember_completed(self, session, stamp, key, digest):
+        name = session.data["fileName"]
+        self.completed[name] = {
+            "fileMD5": session.identifier, "fileSize": session.data["fileSize"],
+            "client": session.data["client"], "completed": stamp, "key": key, "digest": digest}
+        self.digests.learn(name, key, digest)
         _write_json(self._completed_path, self.completed)
