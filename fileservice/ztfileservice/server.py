@@ -37,12 +37,24 @@ SHUTDOWN_GRACE = 5.0       # seconds running requests get on SIGTERM
 LISTEN_BACKLOG = 1024      # connections the kernel holds until they are accepted
 
 
+# The host's error code for each refusal word, sent beside the word as an
+# SDK-style answer does, so that a host library that reads "errorCode" tells a
+# missing token from an answer it cannot use.
+REFUSAL_CODES = {
+    "require": 20693, "authErr": 20706, "parseErr": 20695, "userNotExist": 20708,
+    "illegalErr": 20707, "hasCaptcha": 20709, "hasValidCode": 20710, "notExist": 20712,
+}
+
+
 class Refused(Exception):
-    """Ends a JSON request with {"status": "fail", "result": word}."""
+    """Ends a JSON request with {"status": "fail", "result": word, "errorCode": code}."""
 
     def __init__(self, word):
         super().__init__(word)
         self.word = word
+
+    def answer(self):
+        return {"status": "fail", "result": self.word, "errorCode": REFUSAL_CODES[self.word]}
 
 
 def success(result):
@@ -211,7 +223,7 @@ class FileService:
                 body = await self.read_json(request)
                 return await handler(request, body)
             except Refused as refused:
-                return web.json_response({"status": "fail", "result": refused.word})
+                return web.json_response(refused.answer())
         return endpoint
 
     async def read_json(self, request):

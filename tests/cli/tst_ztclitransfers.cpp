@@ -1,9 +1,11 @@
 #include "clirun.h"
+#include "fileserviceprocess.h"
 #include "scriptedserver.h"
 
 #include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
+#include <QProcess>
 #include <QFile>
 #include <QRandomGenerator>
 #include <QRegularExpression>
@@ -26,6 +28,8 @@ private Q_SLOTS:
     void existsTellsStoredFromMissing();
     void interruptedDownloadResumes();
     void secondInterruptDiscardsThePartialDownload();
+    void guardedService_data();
+    void guardedService();
     void fullDiskThenResume_data();
     void fullDiskThenResume();
     void demoRunsEndToEnd();
@@ -266,6 +270,57 @@ void tst_ZtcliTransfers::secondInterruptDiscardsThePartialDownload()
     QVERIFY2(cli.err().contains(QStringLiteral("Removed the partial download in %1/").arg(temp.path())),
              qPrintable(cli.output()));
     QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
+}
+
+void tst_ZtcliTransfers::guardedService_data()
+{
+    QTest::addColumn<QString>("guard");
+    QTest::addColumn<QString>("refusal"); // what ztcli says without the guard's key
+    QTest::newRow("token") << "token" << "AuthError (20706)";
+    QTest::newRow("tls, private authority") << "tls" << "certificate was refused";
+}
+
+// A service that asks for a token, or one that speaks TLS with a certificate
+// of a private authority: with the key (--token, --cacert) an upload of many
+// parts and its download go through byte for byte; without it ztcli says why.
+void tst_ZtcliTransfers::guardedService()
+{
+    QFETCH(QString, guard);
+    QFETCH(QString, refusal);
+    QTemporaryDir root;
+    QTemporaryDir keys;
+    QStringList serviceOptions{"--chunk-size", "65536"};
+    QStringList key;
+    if (guard == QLatin1String("token")) {
+        serviceOptions << "--token" << "s3cret";
+        key << "--token" << "s3cret";
+    } else {
+        const QString cert = keys.filePath("cert.pem");
+        const QString privateKey = keys.filePath("key.pem");
+        QProcess openssl;
+        openssl.start("openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
+                                  "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
+                                  privateKey, "-out", cert});
+        QVERIFY(openssl.waitForFinished(30000) && openssl.exitCode() == 0);
+        serviceOptions << "--tls-cert" << cert << "--tls-key" << privateKey;
+        key << "--cacert" << cert;
+    }
+    FileServiceProcess service(root.path(), serviceOptions);
+    QVERIFY2(service.start(), service.log().constData());
+
+    const QString name = QStringLiteral("guarded-%1.bin").arg(guard);
+    const QByteArray content = randomBytes(5 * 65536 + 17);
+    const QString source = writeLocal(name, content);
+    QTemporaryDir target;
+    CliRun cli(m_home.path());
+    const QStringList server{"--server", service.baseUrl()};
+    QCOMPARE(cli.run(server + QStringList{"list"}), 3);
+    QVERIFY2(cli.err().contains(refusal), qPrintable(cli.output()));
+
+    QCOMPARE(cli.run(server + key + QStringList{"upload", source}), 0);
+    QVERIFY(readFile(QDir(root.path()).filePath(name)) == content);
+    QCOMPARE(cli.run(server + key + QStringList{"download", name, "--to", target.path()}), 0);
+    QVERIFY(readFile(QDir(target.path()).filePath(name)) == content);
 }
 
 void tst_ZtcliTransfers::fullDiskThenResume_data()

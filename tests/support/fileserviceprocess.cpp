@@ -27,7 +27,8 @@ bool FileServiceProcess::start(int timeoutMs)
             return false;
     }
     m_baseUrl = QString::fromUtf8(m_process.readLine()).trimmed();
-    return m_baseUrl.startsWith(QLatin1String("http://127.0.0.1:"));
+    return m_baseUrl.startsWith(QLatin1String("http://127.0.0.1:"))
+           || m_baseUrl.startsWith(QLatin1String("https://127.0.0.1:"));
 }
 
 void FileServiceProcess::stop()
