@@ -204,6 +204,7 @@ QVariantMap CommandRunner::hostConfig(const QString &tempFolder) const
 int CommandRunner::openSession()
 {
     const QString temp = QDir(m_line.value(QStringLiteral("temp"), defaultTempFolder())).absolutePath();
+    m_temporaryFolder = temp;
     m_host.reset(new PluginHost);
     if (!m_host->open(PluginHost::defaultPluginPath(), hostConfig(temp))) {
         err(QStringLiteral("ztcli: %1\n").arg(m_host->errorString()));
@@ -427,7 +428,7 @@ int CommandRunner::runDownload()
 
     const QString label = names.size() == 1 ? QStringLiteral("download %1").arg(names.first())
                                             : QStringLiteral("download %1 files").arg(names.size());
-    const CommandOutcome outcome = m_client->download(names, folder, label);
+    const CommandOutcome outcome = m_client->download(names, folder, label, bytesOnDisk(names));
     if (!outcome.succeeded())
         return report(QStringLiteral("download"), outcome, ErrorText::Transfer);
 
@@ -446,6 +447,22 @@ int CommandRunner::runDownload()
         out(QStringLiteral("downloaded %1 to %2 (%3)\n").arg(name, path, ProgressDisplay::bytes(actual)));
     }
     return status;
+}
+
+// What earlier runs left of these downloads under --temp, so that a resumed
+// download says how far it really was; asked only when there is anything there.
+qint64 CommandRunner::bytesOnDisk(const QStringList &names)
+{
+    if (QDir(m_temporaryFolder).isEmpty())
+        return 0;
+    qint64 sum = 0;
+    for (const QString &name : names) {
+        const CommandOutcome outcome = m_client->exists(name);
+        if (!outcome.succeeded())
+            return -1;
+        sum += outcome.result.toMap().value(QStringLiteral("bytesReceived")).toLongLong();
+    }
+    return sum;
 }
 
 int CommandRunner::runDemo()

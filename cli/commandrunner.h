@@ -48,6 +48,7 @@ private:
     // Lists the service once, which also proves it is reachable; 0 or an exit status.
     int fetchListing(QVariantList &listing);
 
+    qint64 bytesOnDisk(const QStringList &names);
     int report(const QString &what, const CommandOutcome &outcome, int context);
     void out(const QString &text);
     void err(const QString &text);
@@ -56,6 +57,7 @@ private:
     QFile m_stdout;
     QFile m_stderr;
     QString m_server;
+    QString m_temporaryFolder;
     QByteArray m_authorities; // PEM text of --cacert, handed to the host configuration
     InterruptHandler *m_interrupts;        // child
     QScopedPointer<PluginHost> m_host;

@@ -172,12 +172,12 @@ void ProgressDisplay::finish(bool succeeded)
     QString line;
     if (succeeded) {
         const qint64 size = qMax<qint64>(qMax<qint64>(m_total, m_done), 0);
-        const qint64 moved = size - qMax<qint64>(m_baseline, 0);
-        const double average = elapsed > 0 ? double(moved) / elapsed : 0;
-        const bool resumed = size > 0 && m_baseline * 100 > size;
+        const qint64 had = qBound<qint64>(0, m_baseline, size);
+        const double average = elapsed > 0 ? double(size - had) / elapsed : 0;
+        const bool resumed = size > 0 && had * 100 > size;
         line = QStringLiteral("%1  done: %2 in %3, %4%5\n")
                    .arg(m_label, bytes(size), seconds(elapsed), rate(average),
-                        resumed ? QStringLiteral(" (resumed at %1%)").arg(int(100.0 * double(m_baseline) / double(size)))
+                        resumed ? QStringLiteral(" (resumed at %1%)").arg(int(100.0 * double(had) / double(size)))
                                 : QString());
     } else {
         const QString percent = m_total > 0

@@ -34,6 +34,9 @@ public:
     Mode mode() const { return m_mode; }
 
     void begin(const QString &label);
+    // What a resumed transfer already has, when the host knows it before the
+    // first report (bytes on disk); otherwise the first report stands for it.
+    void setAlreadyThere(qint64 bytes) { m_baseline = bytes >= 0 ? bytes : -1; }
     void update(qint64 done, qint64 total);
     // Final line: the size, time and average rate, or where it ended.
     void finish(bool succeeded);

@@ -22,7 +22,7 @@ ServiceClient::ServiceClient(PluginHost *host, QObject *parent)
 }
 
 CommandOutcome ServiceClient::call(QObject *target, const char *slot, const QVariantMap &params,
-                                   const QString &progressLabel, bool discardsOnAbort)
+                                   const TransferView &view)
 {
     // A Ctrl-C between two commands ends the sequence before the next one.
     if (m_interrupts && m_interrupts->count() > 0) {
@@ -38,14 +38,15 @@ CommandOutcome ServiceClient::call(QObject *target, const char *slot, const QVar
     // stopped; ztcli promises that an abort discards them. Which folders are
     // this run's is known only while the plugin still writes them.
     QStringList aborted;
-    if (discardsOnAbort && !m_temporaryFolder.isEmpty()) {
+    if (view.discardsOnAbort && !m_temporaryFolder.isEmpty()) {
         connect(&command, &HostCommand::aborting, this,
                 [this, &aborted] { aborted = PartialFolders::heldByThisProcess(m_temporaryFolder); });
     }
-    const bool showsProgress = m_display && !progressLabel.isEmpty();
+    const bool showsProgress = m_display && !view.label.isEmpty();
     if (showsProgress) {
         command.showProgress(m_display);
-        m_display->begin(progressLabel);
+        m_display->begin(view.label);
+        m_display->setAlreadyThere(view.alreadyThere);
     }
     const CommandOutcome outcome = command.run();
     if (showsProgress)
@@ -108,11 +109,11 @@ CommandOutcome ServiceClient::upload(const QStringList &absolutePaths, const QSt
                                  {QStringLiteral("private"), false},
                                  {QStringLiteral("userID"), QString()}});
     }
-    return call(m_host->root(), "zt_apply_startUpload", {{QStringLiteral("files"), files}}, label);
+    return call(m_host->root(), "zt_apply_startUpload", {{QStringLiteral("files"), files}}, {label});
 }
 
 CommandOutcome ServiceClient::download(const QStringList &names, const QString &folder,
-                                       const QString &label)
+                                       const QString &label, qint64 onDisk)
 {
     const QDir destination(folder);
     QVariantList files;
@@ -121,7 +122,8 @@ CommandOutcome ServiceClient::download(const QStringList &names, const QString &
         files.append(QVariantMap{{QStringLiteral("filename"), name},
                                  {QStringLiteral("path"), destination.absoluteFilePath(name)}});
     }
-    return call(m_host->root(), "zt_apply_startDownload", {{QStringLiteral("files"), files}}, label, true);
+    return call(m_host->root(), "zt_apply_startDownload", {{QStringLiteral("files"), files}},
+                {label, onDisk, true});
 }
 
 QVariantMap ServiceClient::findEntry(const QVariantList &listing, const QString &name)

@@ -9,6 +9,14 @@
 
 class PluginHost;
 
+// How ServiceClient shows one transfer, and what it does when it is aborted.
+struct TransferView
+{
+    QString label;                // empty: no progress shown
+    qint64 alreadyThere = -1;     // what a resumed transfer starts from
+    bool discardsOnAbort = false; // an abort removes this run's partial downloads
+};
+
 // The file-service operations ztcli offers, each one command of the plugin
 // called by name on its root (or, for the existence query, on its download
 // command object) with the parameter maps a host sends.
@@ -29,7 +37,10 @@ public:
     CommandOutcome exists(const QString &name); // result: {"url", "bytesReceived", "bytesTotal"}
     CommandOutcome upload(const QStringList &absolutePaths, const QString &label);
     // Each name NAME lands as folder/NAME (or a free variant of it; see the result's "path").
-    CommandOutcome download(const QStringList &names, const QString &folder, const QString &label);
+    // onDisk: bytes of these downloads already under the temporary folder (the
+    // figure a resumed download starts from), or -1 when not known.
+    CommandOutcome download(const QStringList &names, const QString &folder, const QString &label,
+                            qint64 onDisk = -1);
 
     // The existence query names the file in the address: the plugin probes it
     // before it knows any file name.
@@ -39,7 +50,7 @@ public:
 
 private:
     CommandOutcome call(QObject *target, const char *slot, const QVariantMap &params,
-                        const QString &progressLabel = QString(), bool discardsOnAbort = false);
+                        const TransferView &view = TransferView());
     void discard(const QStringList &folders);
 
     PluginHost *m_host; // borrowed

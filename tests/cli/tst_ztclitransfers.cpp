@@ -229,6 +229,9 @@ void tst_ZtcliTransfers::interruptedDownloadResumes()
     CliRun second(m_home.path());
     QCOMPARE(second.run(args), 0);
     QVERIFY(readFile(result) == content);
+    // It says how far the first run had come, from what was on disk.
+    const QString resumedAt = QStringLiteral("(resumed at %1%)").arg(int(100.0 * double(kept) / content.size()));
+    QVERIFY2(second.out().contains(resumedAt), qPrintable(resumedAt + " in " + second.output()));
     // Only the missing chunks travelled again, plus their overlap bytes, the
     // probe's two bytes and the listing ztcli asks for before it downloads.
     const qint64 resent = server.bodyBytesSent() - sentBefore;
