@@ -80,6 +80,7 @@ void StartDownload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
         // blocked signals would keep from it: no transfer outlives the time-out.
         downloader->disconnect(reply);
         Q_EMIT downloader->stopAll();
+        downloader->releaseReservations(); // of the tasks that never started
         downloader->blockSignals(true);
         downloader->deleteLater();
     });
@@ -96,22 +97,33 @@ void StartDownload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
         const ZTErrorCode code = task->isValid(file.value(QStringLiteral("path")).toString(),
                                                file.value(QStringLiteral("url")).toString(),
                                                file.value(QStringLiteral("filename")).toString());
+        // A batch given up here downloads nothing: the names its tasks
+        // reserved (the one in hand too, once its probe went well) are freed.
+        const auto abandon = [&] {
+            task->releaseReservations();
+            if (alive)
+                downloader->releaseReservations();
+        };
         if (!alive || !hostReply) {
             qCWarning(ztLog) << "download given up while probing" << file.value(QStringLiteral("url")).toString();
+            abandon();
             if (alive)
                 downloader->deleteLater(); // no reply to report to
             return;
         }
         if (downloader->status() != Downloader::Running) {
             qCCritical(ztLog) << "downloader is finished" << downloader->status();
+            abandon();
             return;
         }
         if (code != Zephyrtide::Error::NoError) {
+            abandon();
             m_global->fail(reply, code);
             return;
         }
         if (!downloader->addTask(task)) {
             qCCritical(ztLog) << "append setfile fail";
+            abandon();
             m_global->fail(reply, Zephyrtide::Error::ParseError);
             return;
         }

@@ -5,6 +5,7 @@
 #include "downloadtask.h"
 #include "plugin/logging.h"
 
+#include <QDir>
 #include <QStorageInfo>
 
 Downloader::Downloader(QObject *parent)
@@ -39,9 +40,24 @@ ZTErrorCode Downloader::start()
         qCCritical(ztLog) << "downloader is finished" << m_state;
         return Zephyrtide::Error::NoError;
     }
+    const ZTErrorCode code = startFiles();
+    if (code != Zephyrtide::Error::NoError)
+        releaseReservations();
+    return code;
+}
+
+ZTErrorCode Downloader::startFiles()
+{
     if (m_tasks.isEmpty()) {
         qCCritical(ztLog) << "task is empty";
         return Zephyrtide::Error::ParseError;
+    }
+    // The temporary folder is made when a batch first needs it, the default
+    // one included: a host that configures its own never finds it made.
+    const QString temporary = DownloadGlobal::instance()->temporaryStoragePath();
+    if (!QDir().mkpath(temporary)) {
+        qCCritical(ztLog) << "m_path create fail" << temporary;
+        return Zephyrtide::Error::ChunkFolderError;
     }
     if (!hasSpace()) {
         qCCritical(ztLog) << "current path space is enough" << m_totalSize;
@@ -97,6 +113,15 @@ bool Downloader::hasSpace() const
     qCCritical(ztLog) << "size error" << freeA << destination << "or tem store size error " << freeB
                       << temporary << "total" << m_totalSize;
     return false;
+}
+
+void Downloader::releaseReservations()
+{
+    // A task whose file arrived has kept its reservation: nothing to give up there.
+    for (const QSharedPointer<DownloadTask> &task : qAsConst(m_tasks))
+        task->releaseReservations();
+    for (const QSharedPointer<DownloadTask> &task : qAsConst(m_tasksByEtag))
+        task->releaseReservations();
 }
 
 void Downloader::group()

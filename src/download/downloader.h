@@ -19,6 +19,11 @@ class DownloadTask;
 // has ended. A start() that returns a code is the end: the files it had
 // started stop, and no finished() follows.
 //
+// A file that does not arrive gives up the name its task reserved (an empty
+// "a(1).txt" beside the user's "a.txt"); so do the tasks of a start() that
+// fails, and the caller gives them up with releaseReservations() when it
+// abandons the batch before start().
+//
 // Call order: addTask() for each task, connect, start(). Cancel by emitting
 // stopAll(), abortAll(), stop(task) or abort(task) on it.
 class Downloader : public QObject
@@ -36,6 +41,8 @@ public:
     int status() const { return m_state; }
     QList<DownloadTask *> finishedTasks() const { return m_finishedTasks; }
     qint64 totalSize() const { return m_totalSize; }
+    // Gives up the names reserved by the tasks not started yet.
+    void releaseReservations();
 
 Q_SIGNALS:
     void abortAll();
@@ -57,6 +64,7 @@ public Q_SLOTS:
     void clear();
 
 private:
+    ZTErrorCode startFiles();
     bool hasSpace() const;
     void group();
     bool refuseRepeat();

@@ -15,11 +15,13 @@ QMutex s_mutex;
 }
 
 DownloadGlobal::DownloadGlobal()
-    : m_networkManager(new NetworkManager)
+    : m_temporaryStoragePath(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation)
+                             + QLatin1String("/Zephyrtide"))
+    , m_networkManager(new NetworkManager)
 {
-    // Through the setter, so the default folder exists from the start.
-    setTemporaryStoragePath(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation)
-                            + QLatin1String("/Zephyrtide"));
+    // The default folder is not made here: a host that configures its own
+    // path must not find one in the user's documents. A batch makes whichever
+    // folder it uses when it starts.
 }
 
 DownloadGlobal *DownloadGlobal::instance()

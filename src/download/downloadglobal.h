@@ -14,6 +14,8 @@ class DownloadGlobal
 public:
     static DownloadGlobal *instance();
 
+    // The default, in the user's documents, may not exist yet: it is made
+    // when first used.
     QString temporaryStoragePath() const { return m_temporaryStoragePath; }
     // Creates the folder; keeps the value even when that fails.
     void setTemporaryStoragePath(const QString &path);

@@ -82,6 +82,7 @@ bool DownloadSingleFile::start()
     if (!task->checkTask()) {
         qCCritical(ztLog) << " task not valid err" << task->m_path << task->url;
         task->status = Zephyrtide::Error::ParseError;
+        task->releaseReservations();
         m_ended = true;
         Q_EMIT errorOccurred();
         return false;
@@ -90,8 +91,10 @@ bool DownloadSingleFile::start()
     if (task->fileSize == 0)
         return createEmptyFile();
     tempDir = task->tempDir;
-    if (!holdContentFolder())
+    if (!holdContentFolder()) {
+        task->releaseReservations();
         return false;
+    }
     if (!task->rangeSupported)
         restartWithoutRanges();
     plan();
@@ -141,9 +144,11 @@ bool DownloadSingleFile::createEmptyFile()
     QFile file(task->filePath);
     if (!file.open(QIODevice::WriteOnly)) {
         qCCritical(ztLog) << "merge chunk fail" << task->filePath;
+        task->releaseReservations();
         return false;
     }
     file.close();
+    task->keepReservations();
     qCDebug(ztLog) << "file size 0" << task->fileName;
     Q_EMIT finished();
     return true;
@@ -239,10 +244,12 @@ void DownloadSingleFile::complete()
     m_merging = false;
     if (!merged) {
         task->status = Zephyrtide::Error::MergeError;
+        task->releaseReservations(); // only the names that still hold nothing
         releaseContentFolder();
         Q_EMIT errorOccurred();
         return;
     }
+    task->keepReservations();
     clear();
     releaseContentFolder();
     qCInfo(ztLog) << "finished file " << task->etag;
@@ -385,8 +392,10 @@ void DownloadSingleFile::removeContentFolder()
 void DownloadSingleFile::halt()
 {
     m_ended = true;
-    if (!m_merging)
-        releaseContentFolder();
+    if (m_merging)
+        return;
+    task->releaseReservations(); // this run produces no file
+    releaseContentFolder();
 }
 
 void DownloadSingleFile::onAborted()

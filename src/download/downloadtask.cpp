@@ -14,6 +14,8 @@
 #include <QNetworkRequest>
 #include <QUrl>
 
+#include <utility>
+
 namespace {
 constexpr int TransferTimeoutMs = 30000;
 
@@ -245,8 +247,10 @@ QString DownloadTask::checkFileIsExist(const QString &path)
     }
     // An empty file reserves the name at once.
     QFile placeholder(candidate);
-    if (placeholder.open(QIODevice::WriteOnly))
+    if (placeholder.open(QIODevice::WriteOnly)) {
         placeholder.close();
+        m_reservations.append(candidate);
+    }
     qCDebug(ztLog) << "file isexist" << fileName << filePath;
     qCDebug(ztLog) << "file isexist" << path;
     fileName = name;
@@ -255,11 +259,21 @@ QString DownloadTask::checkFileIsExist(const QString &path)
     return candidate;
 }
 
+void DownloadTask::releaseReservations()
+{
+    for (const QString &path : std::exchange(m_reservations, QStringList())) {
+        const QFileInfo placeholder(path);
+        if (placeholder.isFile() && placeholder.size() == 0 && QFile::remove(path))
+            qCDebug(ztLog) << "placeholder removed" << path;
+    }
+}
+
 bool DownloadTask::appendSameFile(const DownloadTask &other)
 {
     if (other.etag != etag)
         return false;
     sameFileTargets.append(QFileInfo(other.filePath));
+    m_reservations += other.m_reservations;
     qCDebug(ztLog) << "appenddddddddddd url " << other.filePath << sameFileTargets.size();
     return true;
 }

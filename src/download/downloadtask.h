@@ -8,6 +8,7 @@
 #include <QObject>
 #include <QPair>
 #include <QPointer>
+#include <QStringList>
 #include <QVariantMap>
 
 class QNetworkReply;
@@ -19,7 +20,11 @@ class QNetworkReply;
 // The host names the destination as a file path ("path") and its name
 // ("filename"); m_path is the folder of that path. When the destination exists
 // already, the task takes a free name such as "a(1).txt", but keeps asking the
-// server for the file under the name the host asked for (requestedName).
+// server for the file under the name the host asked for (requestedName). That
+// free name is reserved at once with an empty file: a run that produces the
+// file keeps it (keepReservations), any other ending gives it up
+// (releaseReservations). A task that takes in another of the same content
+// (appendSameFile) takes its reservation along.
 class DownloadTask : public QObject
 {
     Q_OBJECT
@@ -48,6 +53,11 @@ public:
     QVariantMap toMap() const;
     // The folder exists and the URL is valid.
     bool checkTask() const;
+    // Removes the empty files that reserved free names for this task, those
+    // still there and still empty; a file with anything in it is left alone.
+    void releaseReservations();
+    // The reserved names now hold the downloaded files: nothing to give up.
+    void keepReservations() { m_reservations.clear(); }
 
     bool rangeSupported = false;
     QList<QFileInfo> sameFileTargets;
@@ -65,6 +75,7 @@ public:
 
 private:
     QPointer<QNetworkReply> m_probe; // while parseTask() waits for it
+    QStringList m_reservations;      // empty files made to reserve names, until kept or released
     // The folder tag for content known by `identity`: the MD5 of the size and it, in hex.
     QString contentTag(const QString &identity) const;
 };

@@ -21,6 +21,7 @@
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QSignalSpy>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -29,8 +30,8 @@
 
 // A download's life as a host lives it, against a scripted server: stopped and
 // started again at once, a server without ranges, the same content asked for
-// twice, the host's time-out in the middle of a call, and every way a batch
-// ends (once).
+// twice, the host's time-out in the middle of a call, every way a batch ends
+// (once), and what a batch that brings no file leaves behind (nothing).
 class tst_DownloadLifeCycle : public QObject
 {
     Q_OBJECT
@@ -47,6 +48,8 @@ private Q_SLOTS:
     void hostTimeOut();
     void batchEndsOnce_data();
     void batchEndsOnce();
+    void batchLeavesNoLitter_data();
+    void batchLeavesNoLitter();
 
 private:
     static constexpr qint64 MiB = 1024 * 1024;
@@ -241,7 +244,8 @@ void tst_DownloadLifeCycle::sameContentTwice_data()
 }
 
 // One writer per content folder: a second batch of the same content fails at
-// once and writes nothing, while a lock whose holder is gone holds nothing.
+// once and writes nothing (it gives up the name it reserved beside the user's
+// same.bin), while a lock whose holder is gone holds nothing.
 void tst_DownloadLifeCycle::sameContentTwice()
 {
     QFETCH(QString, holder);
@@ -264,14 +268,19 @@ void tst_DownloadLifeCycle::sameContentTwice()
         }
     }
     m_shape = nullptr;
+    QDir().mkpath(m_target->filePath("b"));
+    QFile mine(m_target->filePath("b/same.bin"));
+    QVERIFY(mine.open(QIODevice::WriteOnly) && mine.write("mine") == 4);
+    mine.close();
     HostCall second(m_root.data(), "zt_apply_startDownload", batch({"same.bin"}, m_target->filePath("b")));
     second.wait(20000);
     QCOMPARE(second.finishedCount(), 1);
     QCOMPARE(second.errorCode(), code);
-    if (code != 0)
-        QCOMPARE(QDir(m_target->filePath("b")).entryList(QDir::Files), QStringList());
-    else
-        QCOMPARE(sha256OfFile(m_target->filePath("b/same.bin")), digestOf("same.bin"));
+    const QStringList left = code != 0 ? QStringList{"same.bin"} : QStringList{"same(1).bin", "same.bin"};
+    QCOMPARE(QDir(m_target->filePath("b")).entryList(QDir::Files | QDir::Hidden, QDir::Name), left);
+    QCOMPARE(QFileInfo(mine.fileName()).size(), 4);
+    if (code == 0)
+        QCOMPARE(sha256OfFile(m_target->filePath("b/same(1).bin")), digestOf("same.bin"));
     if (first) {
         m_server->release();
         QVERIFY(first->wait(20000).value("status") == "success");
@@ -403,6 +412,54 @@ void tst_DownloadLifeCycle::batchEndsOnce()
     QCOMPARE(bytesIn(chunkFolder("f0")), keptAtEnd);
     for (int i = 0; code == 0 && i < files; ++i)
         QCOMPARE(sha256OfFile(m_target->filePath(QStringLiteral("f%1").arg(i))), digestOf("f" + QByteArray::number(i)));
+}
+
+void tst_DownloadLifeCycle::batchLeavesNoLitter_data()
+{
+    QTest::addColumn<QString>("ending");
+    QTest::addColumn<int>("code");
+    QTest::newRow("arrives, as a(1).bin") << "" << 0;
+    QTest::newRow("refused: the next file's probe fails") << "probe" << 20695;
+    QTest::newRow("stopped by the host") << "stop" << 20716;
+    QTest::newRow("aborted by the host") << "abort" << 20716;
+}
+
+// The user's a.bin is in the folder, so the batch reserves a(1).bin for the
+// download. A batch that brings no file gives that name up again and leaves the
+// user's file as it was (a refusal for a content held elsewhere: in
+// sameContentTwice); and since the host configured its own temporary folder,
+// none is made in the user's documents.
+void tst_DownloadLifeCycle::batchLeavesNoLitter()
+{
+    QFETCH(QString, ending);
+    QFETCH(int, code);
+    serve(3 * MiB + 77);
+    QFile mine(m_target->filePath("a.bin"));
+    QVERIFY(mine.open(QIODevice::WriteOnly) && mine.write("mine") == 4);
+    mine.close();
+    const bool cancels = ending == "stop" || ending == "abort";
+    m_shape = [&](const ScriptedRequest &r, ScriptedResponse &response) {
+        if (ending == "probe" && r.body.contains("b.bin"))
+            response = ScriptedResponse::json("{}", 403);
+        response.hold = cancels && r.header("Range") != "bytes=0-1";
+    };
+    HostCall call(m_root.data(), "zt_apply_startDownload",
+                  batch(ending == "probe" ? QStringList{"a.bin", "b.bin"} : QStringList{"a.bin"}, m_target->path()));
+    if (cancels) {
+        QTRY_VERIFY_WITH_TIMEOUT(m_server->heldCount() > 0, 10000);
+        ending == "stop" ? Q_EMIT call.reply()->stop() : Q_EMIT call.reply()->abort();
+    }
+    call.wait();
+    QCOMPARE(call.finishedCount(), 1);
+    QCOMPARE(call.errorCode(), code);
+    const QStringList left = code == 0 ? QStringList{"a(1).bin", "a.bin"} : QStringList{"a.bin"};
+    QCOMPARE(QDir(m_target->path()).entryList(QDir::Files | QDir::Hidden, QDir::Name), left);
+    QCOMPARE(sha256OfFile(mine.fileName()), QCryptographicHash::hash("mine", QCryptographicHash::Sha256));
+    if (code == 0)
+        QCOMPARE(sha256OfFile(m_target->filePath("a(1).bin")), digestOf("a.bin"));
+    const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
+    QVERIFY2(documents.startsWith(m_environment.homePath()), qPrintable(documents));
+    QVERIFY(!QFileInfo::exists(documents + "/Zephyrtide"));
 }
 
 // "--hold-lock <path>": a second process that holds a content folder's lock
