@@ -1,0 +1,60 @@
+#pragma once
+
+#include <QByteArray>
+#include <QMutex>
+#include <QObject>
+#include <QQueue>
+#include <QString>
+#include <QWaitCondition>
+
+#include <atomic>
+#include <memory>
+
+class QThread;
+class Sha256;
+
+// The SHA-256 of a file taken from its chunk files, in file order, on a thread
+// of its own while the download still runs: the owner hands over each chunk's
+// share as soon as that chunk and every one before it are complete, so that
+// when the last chunk arrives little is left to hash, and that little is
+// hashed while the merge copies.
+//
+// Call order: add() for each share in file order, then close(); finished()
+// follows, once, on the owner's thread. cancel() or destruction ends the work
+// at the next block read and waits for that (a millisecond or so): from then
+// on no chunk file is open here and nothing more is emitted.
+class ChunkHasher : public QObject
+{
+    Q_OBJECT
+public:
+    explicit ChunkHasher(QObject *parent = nullptr);
+    ~ChunkHasher() override;
+
+    // The first `share` bytes of the file at path are the next bytes of the content.
+    void add(const QString &path, qint64 share);
+    void close();
+    void cancel();
+
+Q_SIGNALS:
+    // The digest of everything added; empty when a share could not be read whole.
+    void finished(const QByteArray &sha256);
+
+private:
+    struct Share
+    {
+        QString path;
+        qint64 size;
+    };
+    void startOnce();
+    void run();
+    bool takeNext(Share &share);
+    bool hashShare(Sha256 &sha, const Share &share);
+
+    QMutex m_mutex;
+    QWaitCondition m_wake;
+    QQueue<Share> m_shares; // guarded by m_mutex
+    bool m_closed = false;  // guarded by m_mutex
+    std::atomic<bool> m_cancelled{false};
+    bool m_started = false; // owner's thread only
+    std::unique_ptr<QThread> m_thread;
+};
