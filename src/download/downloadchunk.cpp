@@ -2,6 +2,7 @@
 
 #include "plugin/globalmanager.h"
 #include "plugin/logging.h"
+#include "sha256.h"
 
 #include <QDir>
 #include <QJsonDocument>
@@ -155,7 +156,8 @@ void DownloadChunk::sendRequest()
 }
 
 QString DownloadChunk::refusal(int status, const QByteArray &contentRange, const QByteArray &etag, qint64 from,
-                               const QString &expectedEtag)
+                               const QString &expectedEtag, const QByteArray &reprDigest,
+                               const QByteArray &expectedSha256)
 {
     if (!isSuccessStatus(status))
         return QStringLiteral("http status %1").arg(status);
@@ -166,6 +168,9 @@ QString DownloadChunk::refusal(int status, const QByteArray &contentRange, const
     const QString tag = QString::fromUtf8(etag).remove(QLatin1Char('"')).remove(QLatin1Char('/'));
     if (!expectedEtag.isEmpty() && tag != expectedEtag)
         return QStringLiteral("the file changed: ") + tag;
+    const QByteArray sha256 = Sha256::fromReprDigest(reprDigest);
+    if (!expectedSha256.isEmpty() && !sha256.isEmpty() && sha256 != expectedSha256)
+        return QStringLiteral("the file changed: sha-256 ") + QString::fromLatin1(sha256.toBase64());
     return QString();
 }
 
@@ -178,7 +183,7 @@ void DownloadChunk::checkAnswer()
     // another version of the file must never land in the chunk file.
     const QString reason = refusal(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(),
                                    reply->rawHeader("Content-Range"), reply->rawHeader("ETag"), m_requestFrom,
-                                   expectedEtag);
+                                   expectedEtag, reply->rawHeader("Repr-Digest"), expectedSha256);
     if (reason.isEmpty())
         return;
     if (!isSuccessStatus(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt()))

@@ -30,10 +30,13 @@ public:
     bool start(const QString &chunkDir, const QString &chunkPath, const QString &url, qint64 start,
                qint64 end, const QString &etag);
     // Why an answer to a request from byte `from` on must not go into the chunk
-    // file, or an empty string when it may: judged on its status, Content-Range
-    // and ETag alone, before the first byte is written.
+    // file, or an empty string when it may: judged on its status, Content-Range,
+    // ETag and Repr-Digest alone, before the first byte is written. An answer
+    // whose tag or SHA-256 is not the probe's is another version of the file;
+    // one that states none is taken.
     static QString refusal(int status, const QByteArray &contentRange, const QByteArray &etag, qint64 from,
-                           const QString &expectedEtag);
+                           const QString &expectedEtag, const QByteArray &reprDigest = QByteArray(),
+                           const QByteArray &expectedSha256 = QByteArray());
 
     QSharedPointer<QNetworkAccessManager> networkManager;
     QSharedPointer<QNetworkReply> reply;
@@ -48,6 +51,7 @@ public:
     QString fileName;
     bool lastChunk = true;  // the last chunk's end is the file size, one past its last byte
     QString expectedEtag;   // the probe's tag; an answer with another one is another file
+    QByteArray expectedSha256; // the file's, when known; an answer that states another is another file
 
 Q_SIGNALS:
     void downloadProgress(qlonglong bytesReceived, qlonglong bytesTotal);

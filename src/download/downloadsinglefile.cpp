@@ -1,5 +1,6 @@
 #include "downloadsinglefile.h"
 
+#include "chunkhasher.h"
 #include "downloadchunk.h"
 #include "downloadglobal.h"
 #include "downloadtask.h"
@@ -7,8 +8,11 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLockFile>
 #include <QNetworkAccessManager>
+#include <QSaveFile>
 
 #ifdef Q_OS_LINUX
 #include <cerrno>
@@ -18,6 +22,34 @@
 namespace {
 constexpr qint64 CopySize = 1024 * 1024;
 constexpr char MergeSuffix[] = ".ztmerge"; // the file being joined, beside its final name
+constexpr char PlanName[] = ".plan";       // the content folder's plan record
+constexpr int DigestSize = 32;
+
+// What a content folder's plan record says; a chunk size of 0 when there is no
+// usable record.
+struct Plan
+{
+    qint64 chunkSize = 0;
+    QByteArray sha256; // empty when the file's was not known
+};
+
+Plan readPlan(const QString &contentFolder)
+{
+    QFile file(contentFolder + QLatin1Char('/') + QLatin1String(PlanName));
+    if (!file.open(QIODevice::ReadOnly))
+        return Plan();
+    const QJsonObject record = QJsonDocument::fromJson(file.read(4096)).object();
+    const qint64 chunkSize = record.value(QLatin1String("chunkSize")).toVariant().toLongLong();
+    const QJsonValue sha256 = record.value(QLatin1String("sha256"));
+    const auto decoded =
+        QByteArray::fromBase64Encoding(sha256.toString().toLatin1(), QByteArray::AbortOnBase64DecodingErrors);
+    if (chunkSize <= 0 || !sha256.isString() || !decoded
+        || (!decoded.decoded.isEmpty() && decoded.decoded.size() != DigestSize)) {
+        qCWarning(ztLog) << "plan record unreadable" << file.fileName();
+        return Plan();
+    }
+    return Plan{chunkSize, decoded.decoded};
+}
 
 // Copies up to count bytes from the start of source to the end of destination
 // inside the kernel, so the merge never moves the bytes through user space.
@@ -70,11 +102,44 @@ DownloadSingleFile::DownloadSingleFile(const QSharedPointer<DownloadTask> &downl
     connect(this, &DownloadSingleFile::abort, this, &DownloadSingleFile::halt);
 }
 
-DownloadSingleFile::~DownloadSingleFile() = default;
+DownloadSingleFile::~DownloadSingleFile()
+{
+    // Gone while its merged file waited for the digest: the file goes too.
+    if (m_merging) {
+        QFile::remove(mergePath());
+        task->releaseReservations();
+    }
+}
 
 QString DownloadSingleFile::lockPath(const QString &contentFolder)
 {
     return contentFolder + QLatin1String(".lock");
+}
+
+QList<QFileInfo> DownloadSingleFile::chunkFiles(const QString &contentFolder)
+{
+    QList<QFileInfo> files;
+    if (contentFolder.isEmpty())
+        return files; // QDir would take it for the working folder
+    const QFileInfoList entries = QDir(contentFolder).entryInfoList(QDir::Files | QDir::Hidden | QDir::System);
+    for (const QFileInfo &entry : entries) {
+        bool numbered = false;
+        entry.fileName().toInt(&numbered);
+        if (numbered)
+            files.append(entry);
+    }
+    return files;
+}
+
+bool DownloadSingleFile::recordPlan(const QString &contentFolder, qint64 size, const QByteArray &sha256)
+{
+    if (!QDir().mkpath(contentFolder))
+        return false;
+    QSaveFile file(contentFolder + QLatin1Char('/') + QLatin1String(PlanName));
+    const QJsonObject record{{QStringLiteral("chunkSize"), size},
+                             {QStringLiteral("sha256"), QString::fromLatin1(sha256.toBase64())}};
+    return file.open(QIODevice::WriteOnly) && file.write(QJsonDocument(record).toJson(QJsonDocument::Compact)) > 0
+           && file.commit();
 }
 
 bool DownloadSingleFile::start()
@@ -91,7 +156,7 @@ bool DownloadSingleFile::start()
     if (task->fileSize == 0)
         return createEmptyFile();
     tempDir = task->tempDir;
-    if (!holdContentFolder()) {
+    if (!holdContentFolder() || !adoptContentFolder()) {
         task->releaseReservations();
         return false;
     }
@@ -128,6 +193,43 @@ void DownloadSingleFile::releaseContentFolder()
     m_lock.reset(); // unlocks
 }
 
+// Settles this run's plan with the folder's record: the chunk size the folder
+// was begun with, and the SHA-256 the merged file must have (the probe's, or
+// the one recorded when the probe states none). Chunk files that this plan
+// cannot use go first.
+bool DownloadSingleFile::adoptContentFolder()
+{
+    const Plan recorded = readPlan(tempDir);
+    // A server without ranges gets its one chunk, whatever was planned before.
+    const qint64 size = !task->rangeSupported ? task->fileSize : recorded.chunkSize > 0 ? recorded.chunkSize : chunkSize;
+    QString unusable;
+    if (!chunkFiles(tempDir).isEmpty()) {
+        if (recorded.chunkSize <= 0)
+            unusable = QStringLiteral("no plan recorded");
+        else if (recorded.chunkSize != size)
+            unusable = QStringLiteral("begun in chunks of %1 bytes").arg(recorded.chunkSize);
+        else if (!task->sha256.isEmpty() && !recorded.sha256.isEmpty() && task->sha256 != recorded.sha256)
+            unusable = QStringLiteral("begun on another version of the file");
+    }
+    QByteArray recordedSha256 = recorded.sha256;
+    if (!unusable.isEmpty()) {
+        qCWarning(ztLog) << "content folder discarded" << tempDir << unusable;
+        removeContentFolder();
+        recordedSha256.clear();
+    }
+    chunkSize = size;
+    m_expectedSha256 = task->sha256.isEmpty() ? recordedSha256 : task->sha256;
+    if (unusable.isEmpty() && recorded.chunkSize == size && recorded.sha256 == m_expectedSha256)
+        return true;
+    if (recordPlan(tempDir, chunkSize, m_expectedSha256))
+        return true;
+    qCCritical(ztLog) << "file open error" << tempDir + QLatin1Char('/') + QLatin1String(PlanName);
+    task->status = Zephyrtide::Error::FileError;
+    m_ended = true;
+    releaseContentFolder();
+    return false;
+}
+
 // A server without ranges answers a resumed chunk with the whole file, so its
 // one chunk starts over from byte 0; one that holds the whole file is kept.
 void DownloadSingleFile::restartWithoutRanges()
@@ -156,10 +258,6 @@ bool DownloadSingleFile::createEmptyFile()
 
 void DownloadSingleFile::plan()
 {
-    // A server that answered the probe without a range serves none: one chunk,
-    // so that its whole answer is written once.
-    if (!task->rangeSupported)
-        chunkSize = task->fileSize;
     chunkCount = int(task->fileSize / chunkSize) + (task->fileSize % chunkSize > 0 ? 1 : 0);
     const QString requested = task->requestedName.isEmpty() ? task->fileName : task->requestedName;
     for (int i = 1; i <= chunkCount; ++i) {
@@ -174,6 +272,7 @@ void DownloadSingleFile::plan()
         chunk->fileName = requested;
         chunk->lastChunk = i == chunkCount;
         chunk->expectedEtag = task->serverEtag;
+        chunk->expectedSha256 = m_expectedSha256;
         connect(this, &DownloadSingleFile::abort, chunk.data(), &DownloadChunk::onAborted);
         connect(this, &DownloadSingleFile::stop, chunk.data(), &DownloadChunk::onStoped);
         connect(chunk.data(), &DownloadChunk::finished, this, &DownloadSingleFile::onFinished);
@@ -181,7 +280,45 @@ void DownloadSingleFile::plan()
         connect(chunk.data(), &DownloadChunk::errorOccurred, this, &DownloadSingleFile::onErrorOccurred);
         pendingChunks.insert(i, chunk);
     }
+    if (!m_expectedSha256.isEmpty()) {
+        m_hasher.reset(new ChunkHasher);
+        connect(m_hasher.get(), &ChunkHasher::finished, this, &DownloadSingleFile::onHashed);
+    }
     startPendingChunks();
+}
+
+qint64 DownloadSingleFile::shareOf(int number) const
+{
+    const qint64 first = qint64(number - 1) * chunkSize;
+    return qMin(qint64(number) * chunkSize, task->fileSize) - first;
+}
+
+// The hasher takes the chunks in file order: each one as soon as it and every
+// one before it have finished.
+void DownloadSingleFile::hashFinishedChunks(DownloadChunk *finished)
+{
+    if (!m_hasher)
+        return;
+    for (auto it = startedChunks.cbegin(); it != startedChunks.cend(); ++it) {
+        if (it.value().data() == finished) {
+            m_finishedChunks.append(it.key());
+            break;
+        }
+    }
+    while (m_finishedChunks.removeOne(m_nextToHash)) {
+        m_hasher->add(startedChunks.value(m_nextToHash)->chunkPath, shareOf(m_nextToHash));
+        ++m_nextToHash;
+    }
+    if (m_nextToHash > chunkCount)
+        m_hasher->close();
+}
+
+void DownloadSingleFile::onHashed(const QByteArray &sha256)
+{
+    m_hashed = true;
+    m_foundSha256 = sha256;
+    if (m_joined)
+        verifyThenPlace();
 }
 
 // Four run at first (started while at most the limit are running), then one
@@ -206,6 +343,7 @@ void DownloadSingleFile::onFinished()
     // A stopped, aborted or failed file starts no pending chunk and merges nothing.
     if (!isRunning())
         return;
+    hashFinishedChunks(qobject_cast<DownloadChunk *>(sender()));
     scheduleNextStep();
 }
 
@@ -237,23 +375,68 @@ void DownloadSingleFile::nextStep()
 void DownloadSingleFile::complete()
 {
     m_ended = true;
-    // A stop that comes during the merge (from a progress handler) lets it end:
-    // the folder stays this run's until it is removed.
+    // A stop that comes during the merge (from a progress handler), or while
+    // the merged file waits for its digest, lets it end: the folder stays this
+    // run's until it is removed.
     m_merging = true;
-    const bool merged = merge();
-    m_merging = false;
-    if (!merged) {
-        task->status = Zephyrtide::Error::MergeError;
-        task->releaseReservations(); // only the names that still hold nothing
-        releaseContentFolder();
-        Q_EMIT errorOccurred();
+    if (m_expectedSha256.isEmpty()) {
+        if (merge())
+            finishMerge();
+        else
+            failMerge();
         return;
     }
+    if (!joinChunks()) {
+        failMerge();
+        return;
+    }
+    m_joined = true;
+    if (m_hashed)
+        verifyThenPlace();
+    else
+        qCDebug(ztLog) << "merged file waits for its digest" << task->filePath;
+}
+
+// The merged file takes the destination's name only with the file's digest.
+void DownloadSingleFile::verifyThenPlace()
+{
+    if (m_foundSha256 == m_expectedSha256) {
+        if (placeMerged())
+            finishMerge();
+        else
+            failMerge();
+        return;
+    }
+    m_merging = false;
+    qCCritical(ztLog) << "merged file differs from the server's" << task->filePath << "expected sha-256"
+                      << m_expectedSha256.toBase64() << "found"
+                      << (m_foundSha256.isEmpty() ? QByteArray("none, a chunk file is short") : m_foundSha256.toBase64());
+    QFile::remove(mergePath());
+    removeContentFolder(); // the next run starts afresh
+    task->status = Zephyrtide::Error::GeneralFailure;
+    task->releaseReservations();
+    releaseContentFolder();
+    Q_EMIT errorOccurred();
+}
+
+void DownloadSingleFile::finishMerge()
+{
+    m_merging = false;
     task->keepReservations();
     clear();
     releaseContentFolder();
     qCInfo(ztLog) << "finished file " << task->etag;
     Q_EMIT finished();
+}
+
+// Chunk files stay, so that a later run merges again without downloading.
+void DownloadSingleFile::failMerge()
+{
+    m_merging = false;
+    task->status = Zephyrtide::Error::MergeError;
+    task->releaseReservations(); // only the names that still hold nothing
+    releaseContentFolder();
+    Q_EMIT errorOccurred();
 }
 
 void DownloadSingleFile::onDownloadProgress(qlonglong delta, qlonglong)
@@ -269,12 +452,21 @@ void DownloadSingleFile::onDownloadProgress(qlonglong delta, qlonglong)
 
 bool DownloadSingleFile::merge()
 {
+    return joinChunks() && placeMerged();
+}
+
+QString DownloadSingleFile::mergePath() const
+{
+    return task->filePath + QLatin1String(MergeSuffix);
+}
+
+// Joined aside and renamed into place: a merge that fails (a full disk) or
+// a merged file that is refused leaves nothing under the file's name.
+bool DownloadSingleFile::joinChunks()
+{
     qCDebug(ztLog) << "merge chunk" << task->m_path;
     QDir().mkpath(task->m_path);
-    // Joined aside and renamed into place: a merge that fails (a full disk)
-    // leaves nothing under the file's name, and the chunk files stay for a
-    // later run that merges again.
-    QFile destination(task->filePath + QLatin1String(MergeSuffix));
+    QFile destination(mergePath());
     if (!destination.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         qCCritical(ztLog) << "merge chunk fail" << task->filePath;
         return false;
@@ -284,8 +476,16 @@ bool DownloadSingleFile::merge()
     const qint64 written = destination.size();
     if (joined && written != task->fileSize)
         qCCritical(ztLog) << "merge size error" << task->filePath << written << task->fileSize;
-    if (!joined || written != task->fileSize || !moveIntoPlace(destination)) {
-        destination.remove();
+    if (joined && written == task->fileSize)
+        return true;
+    destination.remove();
+    return false;
+}
+
+bool DownloadSingleFile::placeMerged()
+{
+    if (!moveIntoPlace()) {
+        QFile::remove(mergePath());
         return false;
     }
     if (!copyToSameFileTargets(task->filePath)) {
@@ -307,9 +507,7 @@ bool DownloadSingleFile::appendChunks(QFile &destination)
         ++merged;
         Q_EMIT downloadProgress((merged / 5) * step + received, task->fileSize);
         // Exactly the chunk's share: the overlap byte and anything past it stay out.
-        const qint64 first = qint64(it.key() - 1) * chunkSize;
-        const qint64 share = qMin(qint64(it.key()) * chunkSize, task->fileSize) - first;
-        if (!appendChunk(destination, path, share))
+        if (!appendChunk(destination, path, shareOf(it.key())))
             return false;
     }
     return true;
@@ -317,9 +515,10 @@ bool DownloadSingleFile::appendChunks(QFile &destination)
 
 // The name may hold the empty file that reserved it (a free name such as
 // "a(1).txt"); the whole file takes its place.
-bool DownloadSingleFile::moveIntoPlace(QFile &merged)
+bool DownloadSingleFile::moveIntoPlace()
 {
     QFile::remove(task->filePath);
+    QFile merged(mergePath());
     if (merged.rename(task->filePath))
         return true;
     qCCritical(ztLog) << "merge chunk fail" << task->filePath << merged.errorString();
@@ -394,6 +593,9 @@ void DownloadSingleFile::halt()
     m_ended = true;
     if (m_merging)
         return;
+    // Done reading chunk files before another run may take the folder.
+    if (m_hasher)
+        m_hasher->cancel();
     task->releaseReservations(); // this run produces no file
     releaseContentFolder();
 }

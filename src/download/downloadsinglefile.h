@@ -8,9 +8,11 @@
 
 #include <memory>
 
+class ChunkHasher;
 class DownloadChunk;
 class DownloadTask;
 class QFile;
+class QFileInfo;
 class QLockFile;
 class QNetworkAccessManager;
 
@@ -23,6 +25,19 @@ class QNetworkAccessManager;
 // Every chunk but the last asks for one byte more than its share (the Range end
 // is inclusive); the merge takes exactly each chunk's share, which leaves that
 // byte out. A merged file of any other size than the probe's is refused.
+//
+// The content folder records its plan (".plan": the chunk size, and the
+// file's SHA-256 when the server states one), written before the first chunk
+// file. A run resumes a folder in the chunk size it was begun with, whatever
+// the size is now, so that chunk files of two plans never meet; a folder
+// without a record, or begun on another version of the file (another SHA-256),
+// is emptied first.
+//
+// When the file's SHA-256 is known, the finished chunks are hashed in file
+// order on another thread while the download runs, and the merged file takes
+// the destination's name only when the digests agree. One that differs fails
+// the file with 20630; nothing stands under the destination's name and the
+// content folder goes, so that the next run starts afresh.
 //
 // One writer per content folder: start() takes the folder's lock file (beside
 // it) and fails with 20718 when another run, in this process or another, holds
@@ -45,6 +60,10 @@ public:
     // The lock file that marks a content folder as taken, beside the folder, so
     // that it outlives the folder's removal at the end of a download.
     static QString lockPath(const QString &contentFolder);
+    // The chunk files in a content folder (numbered; the plan record is none).
+    static QList<QFileInfo> chunkFiles(const QString &contentFolder);
+    // Writes the folder's plan record; false when it cannot.
+    static bool recordPlan(const QString &contentFolder, qint64 chunkSize, const QByteArray &sha256);
     bool copyToSameFileTargets(const QString &source);
 
     QSharedPointer<DownloadTask> task;
@@ -78,21 +97,38 @@ private:
     bool isRunning() const { return !m_ended; }
     bool holdContentFolder();
     void releaseContentFolder();
+    bool adoptContentFolder();
     void restartWithoutRanges();
     void plan();
+    qint64 shareOf(int number) const;
+    void hashFinishedChunks(DownloadChunk *finished);
+    void onHashed(const QByteArray &sha256);
     void startPendingChunks();
     void scheduleNextStep();
     void nextStep();
     void complete();
+    void verifyThenPlace();
+    void finishMerge();
+    void failMerge();
     void halt();
     void removeContentFolder();
     bool createEmptyFile();
+    QString mergePath() const;
+    bool joinChunks();
     bool appendChunks(QFile &destination);
     bool appendChunk(QFile &destination, const QString &chunkPath, qint64 share);
-    bool moveIntoPlace(QFile &merged);
+    bool moveIntoPlace();
+    bool placeMerged();
 
     std::unique_ptr<QLockFile> m_lock; // the content folder's, while the run holds it
     bool m_ended = false;              // finished, failed, stopped or aborted
-    bool m_merging = false;
+    bool m_merging = false;            // from the merge's start to the file's placing (or refusal)
     bool m_stepQueued = false;
+    QByteArray m_expectedSha256;       // the file's, when known: the merged file must have it
+    std::unique_ptr<ChunkHasher> m_hasher;
+    int m_nextToHash = 1;              // the first chunk not yet handed to the hasher
+    QList<int> m_finishedChunks;       // numbers of the chunks that finished, not yet hashed
+    bool m_joined = false;             // the merged file is written, beside the destination
+    bool m_hashed = false;
+    QByteArray m_foundSha256;
 };

@@ -1,8 +1,10 @@
 #include "downloadtask.h"
 
 #include "downloadglobal.h"
+#include "downloadsinglefile.h"
 #include "plugin/globalmanager.h"
 #include "plugin/logging.h"
+#include "sha256.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -46,6 +48,7 @@ DownloadTask::DownloadTask(const DownloadTask &other)
     , tempDir(other.tempDir)
     , requestedName(other.requestedName)
     , serverEtag(other.serverEtag)
+    , sha256(other.sha256)
 {
 }
 
@@ -99,10 +102,8 @@ bool DownloadTask::init(const QString &address)
         return false;
     }
     qint64 sum = 0;
-    // The chunk files only: "." and ".." would make an empty folder look begun.
-    const QFileInfoList entries =
-        QDir(tempDir).entryInfoList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot);
-    for (const QFileInfo &entry : entries)
+    // The chunk files only: neither "." and ".." nor the folder's plan record.
+    for (const QFileInfo &entry : DownloadSingleFile::chunkFiles(tempDir))
         sum += entry.size();
     downloadedSize = sum;
     qCDebug(ztLog) << "init " << sum;
@@ -205,6 +206,11 @@ void DownloadTask::parseHeaderPairs(int statusCode, const QList<QPair<QByteArray
             etag = QString::fromUtf8(value).remove(QLatin1Char('"')).remove(QLatin1Char('/'));
             serverEtag = etag;
             qCDebug(ztLog) << "task etag " << etag;
+        } else if (name.compare("Repr-Digest", Qt::CaseInsensitive) == 0) {
+            const QByteArray digest = Sha256::fromReprDigest(value);
+            if (!digest.isEmpty())
+                sha256 = digest;
+            qCDebug(ztLog) << "task digest" << value;
         } else if (name == "Content-Disposition" && fileName.isEmpty() && value.contains("filename")
                    && filePath.isEmpty()) {
             const QString decoded = QUrl::fromPercentEncoding(value);

@@ -72,6 +72,7 @@ public:
     QString tempDir;
     QString requestedName; // the name the server knows the file by
     QString serverEtag;    // the tag as the probe saw it, which every chunk answer must carry
+    QByteArray sha256;     // of the whole file, when the probe's Repr-Digest states it; 32 bytes
 
 private:
     QPointer<QNetworkReply> m_probe; // while parseTask() waits for it

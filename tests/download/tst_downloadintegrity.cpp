@@ -1,6 +1,7 @@
 #include "download/downloadchunk.h"
 #include "download/downloader.h"
 #include "download/downloadglobal.h"
+#include "download/downloadsinglefile.h"
 #include "download/downloadtask.h"
 #include "plugin/globalmanager.h"
 #include "scriptedserver.h"
@@ -11,6 +12,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -18,7 +20,8 @@
 
 // A download that reports success is byte-identical to the source; one that
 // meets a fault fails with a code and keeps what the next run can use. Three
-// chunks of 1 MiB and a tail, against a scripted server that misbehaves once.
+// chunks of 1 MiB and a tail, against a scripted server that states the file's
+// SHA-256 on every answer and misbehaves once.
 class tst_DownloadIntegrity : public QObject
 {
     Q_OBJECT
@@ -39,13 +42,22 @@ private:
     int runBatch();
     QString chunkFolder(const QByteArray &tag) const;
     QByteArray downloaded() const;
+    ScriptedResponse serveFile(const ScriptedRequest &request) const;
 
     TestEnvironment m_environment;
     QTemporaryDir m_temporary;
     QScopedPointer<QTemporaryDir> m_target;
     QScopedPointer<ScriptedServer> m_server;
     QByteArray m_content;
+    QByteArray m_reprDigest; // of m_content
 };
+
+namespace {
+QByteArray reprDigest(const QByteArray &content)
+{
+    return "sha-256=:" + QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64() + ":";
+}
+} // namespace
 
 void tst_DownloadIntegrity::initTestCase()
 {
@@ -55,6 +67,7 @@ void tst_DownloadIntegrity::initTestCase()
     m_content.resize(3 * C + 77);
     for (int i = 0; i < m_content.size(); ++i)
         m_content[i] = char((i * 7) ^ (i >> 11));
+    m_reprDigest = reprDigest(m_content);
 }
 
 void tst_DownloadIntegrity::init()
@@ -90,6 +103,11 @@ QString tst_DownloadIntegrity::chunkFolder(const QByteArray &tag) const
                                                        QCryptographicHash::Md5).toHex());
 }
 
+ScriptedResponse tst_DownloadIntegrity::serveFile(const ScriptedRequest &request) const
+{
+    return ScriptedResponse::file(m_content, request, "\"d\"", "d.bin").header("Repr-Digest", m_reprDigest);
+}
+
 QByteArray tst_DownloadIntegrity::downloaded() const
 {
     QFile file(m_target->filePath("d.bin"));
@@ -104,20 +122,35 @@ void tst_DownloadIntegrity::chunkAnswerJudged_data()
     QTest::addColumn<qint64>("from");
     QTest::addColumn<QString>("probeTag");
     QTest::addColumn<bool>("taken");
+    QTest::addColumn<QByteArray>("digest");   // the answer's Repr-Digest
+    QTest::addColumn<QByteArray>("probeSha"); // what the probe stated
     const QByteArray d = "\"d\"";
-    QTest::newRow("206, the range asked for") << 206 << QByteArray("bytes 5-9/10") << d << qint64(5) << "d" << true;
-    QTest::newRow("206, total unknown") << 206 << QByteArray("bytes 5-9/*") << d << qint64(5) << "d" << true;
-    QTest::newRow("200 for a chunk from byte 0") << 200 << QByteArray() << d << qint64(0) << "d" << true;
-    QTest::newRow("no tag at the probe: any tag") << 206 << QByteArray("bytes 0-9/10") << QByteArray("\"e\"") << qint64(0) << "" << true;
-    QTest::newRow("200 for a chunk further on") << 200 << QByteArray() << d << qint64(5) << "d" << false;
-    QTest::newRow("404") << 404 << QByteArray() << d << qint64(0) << "d" << false;
-    QTest::newRow("206 from another byte") << 206 << QByteArray("bytes 4-9/10") << d << qint64(5) << "d" << false;
-    QTest::newRow("206 without Content-Range") << 206 << QByteArray() << d << qint64(0) << "d" << false;
-    QTest::newRow("206, first byte not a number") << 206 << QByteArray("bytes x-9/10") << d << qint64(0) << "d" << false;
-    QTest::newRow("206, no first byte") << 206 << QByteArray("bytes /10") << d << qint64(0) << "d" << false;
-    QTest::newRow("206, last byte before the first") << 206 << QByteArray("bytes 9-0/10") << d << qint64(9) << "d" << false;
-    QTest::newRow("206, another unit") << 206 << QByteArray("items 0-9/10") << d << qint64(0) << "d" << false;
-    QTest::newRow("206, another tag") << 206 << QByteArray("bytes 0-9/10") << QByteArray("W/\"d\"") << qint64(0) << "d" << false;
+    const QByteArray none;
+    QTest::newRow("206, the range asked for") << 206 << QByteArray("bytes 5-9/10") << d << qint64(5) << "d" << true << none << none;
+    QTest::newRow("206, total unknown") << 206 << QByteArray("bytes 5-9/*") << d << qint64(5) << "d" << true << none << none;
+    QTest::newRow("200 for a chunk from byte 0") << 200 << QByteArray() << d << qint64(0) << "d" << true << none << none;
+    QTest::newRow("no tag at the probe: any tag") << 206 << QByteArray("bytes 0-9/10") << QByteArray("\"e\"") << qint64(0) << "" << true << none << none;
+    QTest::newRow("200 for a chunk further on") << 200 << QByteArray() << d << qint64(5) << "d" << false << none << none;
+    QTest::newRow("404") << 404 << QByteArray() << d << qint64(0) << "d" << false << none << none;
+    QTest::newRow("206 from another byte") << 206 << QByteArray("bytes 4-9/10") << d << qint64(5) << "d" << false << none << none;
+    QTest::newRow("206 without Content-Range") << 206 << QByteArray() << d << qint64(0) << "d" << false << none << none;
+    QTest::newRow("206, first byte not a number") << 206 << QByteArray("bytes x-9/10") << d << qint64(0) << "d" << false << none << none;
+    QTest::newRow("206, no first byte") << 206 << QByteArray("bytes /10") << d << qint64(0) << "d" << false << none << none;
+    QTest::newRow("206, last byte before the first") << 206 << QByteArray("bytes 9-0/10") << d << qint64(9) << "d" << false << none << none;
+    QTest::newRow("206, another unit") << 206 << QByteArray("items 0-9/10") << d << qint64(0) << "d" << false << none << none;
+    QTest::newRow("206, another tag") << 206 << QByteArray("bytes 0-9/10") << QByteArray("W/\"d\"") << qint64(0) << "d" << false << none << none;
+    const QByteArray a = QCryptographicHash::hash("a", QCryptographicHash::Sha256);
+    const QByteArray b = QCryptographicHash::hash("b", QCryptographicHash::Sha256);
+    const QByteArray range = "bytes 0-9/10";
+    QTest::newRow("the probe's sha-256") << 206 << range << d << qint64(0) << "d" << true << reprDigest("a") << a;
+    QTest::newRow("another sha-256") << 206 << range << d << qint64(0) << "d" << false << reprDigest("b") << a;
+    QTest::newRow("another sha-256 among other algorithms")
+        << 206 << range << d << qint64(0) << "d" << false << "sha-512=:AAAA:, " + reprDigest("b") << a;
+    QTest::newRow("only an algorithm not known here") << 206 << range << d << qint64(0) << "d" << true
+                                                      << QByteArray("sha-512=:AAAA:") << a;
+    QTest::newRow("no digest on the answer") << 206 << range << d << qint64(0) << "d" << true << none << a;
+    QTest::newRow("a digest, none at the probe") << 206 << range << d << qint64(0) << "d" << true << reprDigest("b")
+                                                 << QByteArray();
 }
 
 // The check on an answer's headers alone, before any byte may be written.
@@ -129,7 +162,9 @@ void tst_DownloadIntegrity::chunkAnswerJudged()
     QFETCH(qint64, from);
     QFETCH(QString, probeTag);
     QFETCH(bool, taken);
-    const QString reason = DownloadChunk::refusal(status, contentRange, etag, from, probeTag);
+    QFETCH(QByteArray, digest);
+    QFETCH(QByteArray, probeSha);
+    const QString reason = DownloadChunk::refusal(status, contentRange, etag, from, probeTag, digest, probeSha);
     QVERIFY2(reason.isEmpty() == taken, qPrintable(reason));
 }
 
@@ -139,17 +174,19 @@ void tst_DownloadIntegrity::faultyAnswerThenResume_data()
     QTest::addColumn<QByteArray>("contentRange");
     QTest::addColumn<qint64>("dropAfter");
     QTest::addColumn<qint64>("keptInChunk2");
-    QTest::addColumn<QByteArray>("etag");
-    const QByteArray d = "\"d\"";
-    QTest::newRow("404 with an error page") << 404 << QByteArray() << qint64(-1) << qint64(0) << d;
-    QTest::newRow("416 with an error page") << 416 << QByteArray() << qint64(-1) << qint64(0) << d;
+    QTest::addColumn<QByteArray>("changed"); // "tag" or "digest": the header that says another version
+    const QByteArray same;
+    QTest::newRow("404 with an error page") << 404 << QByteArray() << qint64(-1) << qint64(0) << same;
+    QTest::newRow("416 with an error page") << 416 << QByteArray() << qint64(-1) << qint64(0) << same;
     QTest::newRow("206 for another range")
-        << 206 << QByteArray("bytes 0-1048576/3145805") << qint64(-1) << qint64(0) << d;
-    QTest::newRow("206 whose tag changed since the probe")
-        << 206 << QByteArray() << qint64(-1) << qint64(0) << QByteArray("\"e\"");
-    QTest::newRow("dropped at the first byte") << 206 << QByteArray() << qint64(0) << qint64(0) << d;
-    QTest::newRow("dropped mid-chunk") << 206 << QByteArray() << qint64(300000) << qint64(300000) << d;
-    QTest::newRow("dropped before the last byte") << 206 << QByteArray() << qint64(C) << qint64(C) << d;
+        << 206 << QByteArray("bytes 0-1048576/3145805") << qint64(-1) << qint64(0) << same;
+    QTest::newRow("206 whose tag changed since the probe") << 206 << QByteArray() << qint64(-1) << qint64(0)
+                                                           << QByteArray("tag");
+    QTest::newRow("206 whose sha-256 changed since the probe") << 206 << QByteArray() << qint64(-1) << qint64(0)
+                                                               << QByteArray("digest");
+    QTest::newRow("dropped at the first byte") << 206 << QByteArray() << qint64(0) << qint64(0) << same;
+    QTest::newRow("dropped mid-chunk") << 206 << QByteArray() << qint64(300000) << qint64(300000) << same;
+    QTest::newRow("dropped before the last byte") << 206 << QByteArray() << qint64(C) << qint64(C) << same;
 }
 
 void tst_DownloadIntegrity::faultyAnswerThenResume()
@@ -158,10 +195,10 @@ void tst_DownloadIntegrity::faultyAnswerThenResume()
     QFETCH(QByteArray, contentRange);
     QFETCH(qint64, dropAfter);
     QFETCH(qint64, keptInChunk2);
-    QFETCH(QByteArray, etag);
+    QFETCH(QByteArray, changed);
     bool faulted = false;
     m_server->setHandler([&](const ScriptedRequest &r) {
-        ScriptedResponse response = ScriptedResponse::file(m_content, r, "\"d\"", "d.bin");
+        ScriptedResponse response = serveFile(r);
         if (faulted || !r.header("Range").startsWith("bytes=1048576-"))
             return response;
         faulted = true;
@@ -171,8 +208,9 @@ void tst_DownloadIntegrity::faultyAnswerThenResume()
             page.body = "<html><body>no such range</body></html>";
             return page;
         }
-        if (etag != "\"d\"")
-            response = ScriptedResponse::file(m_content, r, etag, "d.bin");
+        if (!changed.isEmpty()) // the same bytes, said to be another version's
+            response = ScriptedResponse::file(m_content, r, changed == "tag" ? "\"e\"" : "\"d\"", "d.bin")
+                           .header("Repr-Digest", changed == "digest" ? reprDigest("another") : m_reprDigest);
         if (!contentRange.isEmpty()) {
             response.headers.clear();
             response.header("ETag", "\"d\"").header("Content-Range", contentRange);
@@ -202,31 +240,54 @@ void tst_DownloadIntegrity::faultyAnswerThenResume()
 void tst_DownloadIntegrity::chunkFilesLeftBehind_data()
 {
     QTest::addColumn<QByteArray>("chunk1");
-    QTest::addColumn<QByteArray>("askedFor1");
+    QTest::addColumn<qint64>("plannedIn"); // the chunk size the folder records; 0: no record
+    QTest::addColumn<QByteArray>("askedFor"); // a range the run asks for; "bytes=0-..." fetches chunk 1 anew
+    QTest::addColumn<int>("code"); // of the first run; a second one then brings the file
+    const QByteArray half = "bytes=524288-1048576"; // chunk 2 of a plan in chunks of 512 KiB
     QTest::newRow("cut to exactly the chunk size: asks for the overlap byte")
-        << QByteArray("share") << QByteArray("bytes=1048576-1048576");
-    QTest::newRow("garbage past its range: left out of the merge")
-        << QByteArray("garbage") << QByteArray();
+        << QByteArray("share") << C << QByteArray("bytes=1048576-1048576") << 0;
+    QTest::newRow("garbage past its range: left out of the merge") << QByteArray("garbage") << C << QByteArray() << 0;
+    QTest::newRow("begun in chunks of 512 KiB: resumed in them") << QByteArray("half") << C / 2 << half << 0;
+    QTest::newRow("no plan recorded: begun afresh") << QByteArray("share") << 0LL << QByteArray("bytes=0-1048576") << 0;
+    QTest::newRow("damaged in place, size unchanged: the digest refuses it")
+        << QByteArray("damaged") << C << QByteArray("bytes=0-1048576") << int(Zephyrtide::Error::GeneralFailure);
 }
 
 void tst_DownloadIntegrity::chunkFilesLeftBehind()
 {
     QFETCH(QByteArray, chunk1);
-    QFETCH(QByteArray, askedFor1);
-    m_server->setHandler([&](const ScriptedRequest &r) { return ScriptedResponse::file(m_content, r, "\"d\"", "d.bin"); });
+    QFETCH(qint64, plannedIn);
+    QFETCH(QByteArray, askedFor);
+    QFETCH(int, code);
+    m_server->setHandler([&](const ScriptedRequest &r) { return serveFile(r); });
+    if (plannedIn > 0)
+        QVERIFY(DownloadSingleFile::recordPlan(chunkFolder("d"), plannedIn, QByteArray()));
     QDir().mkpath(chunkFolder("d"));
     QFile file(chunkFolder("d") + "/1");
     QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(chunk1 == "share" ? m_content.left(C) : m_content.left(C + 1) + QByteArray(100, '#'));
+    QByteArray damaged = m_content.left(C + 1);
+    damaged[4711] = ~damaged[4711];
+    const QMap<QByteArray, QByteArray> contents{{"share", m_content.left(C)},
+                                                {"garbage", m_content.left(C + 1) + QByteArray(100, '#')},
+                                                {"half", m_content.left(C / 2 + 1)},
+                                                {"damaged", damaged}};
+    file.write(contents.value(chunk1));
     file.close();
 
-    QCOMPARE(runBatch(), 0);
+    QCOMPARE(runBatch(), code);
+    if (code != 0) {
+        // Nothing under the file's name, and nothing of the folder for the next run.
+        QCOMPARE(QDir(m_target->path()).entryList(QDir::Files | QDir::Hidden), QStringList());
+        QVERIFY(!QDir(chunkFolder("d")).exists());
+        QCOMPARE(runBatch(), 0);
+    }
     QCOMPARE(downloaded(), m_content);
     QStringList ranges;
     for (const ScriptedRequest &r : m_server->requests())
         ranges << QString::fromLatin1(r.header("Range"));
-    QCOMPARE(ranges.contains(QString::fromLatin1(askedFor1)), !askedFor1.isEmpty());
-    QVERIFY(!ranges.contains("bytes=0-1048576")); // chunk 1 was never fetched whole
+    QCOMPARE(ranges.contains(QString::fromLatin1(askedFor)), !askedFor.isEmpty());
+    // Chunk 1 is fetched anew only from a folder that cannot be resumed.
+    QCOMPARE(ranges.filter(QRegularExpression("^bytes=0-\\d{3,}$")).size(), askedFor.startsWith("bytes=0-") ? 1 : 0);
 }
 
 void tst_DownloadIntegrity::filesWithoutTagsStayApart()

@@ -25,11 +25,13 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 
-// A download's life as a host lives it, against a scripted server: stopped and
-// started again at once, a server without ranges, the same content asked for
+// A download's life as a host lives it, against a scripted server that states
+// each file's SHA-256: stopped and started again at once (in other chunks, or
+// after the file changed), a server without ranges, the same content asked for
 // twice, the host's time-out in the middle of a call, every way a batch ends
 // (once), and what a batch that brings no file leaves behind (nothing).
 class tst_DownloadLifeCycle : public QObject
@@ -57,7 +59,7 @@ private:
     // m_shape then changes an answer as a test needs.
     void serve(qint64 size);
     QByteArray contentOf(const QByteArray &name) const;
-    QByteArray digestOf(const QByteArray &name) const { return QCryptographicHash::hash(contentOf(name), QCryptographicHash::Sha256); }
+    QByteArray digestOf(const QByteArray &name) const; // SHA-256, taken once per content
     QString chunkFolder(const QByteArray &tag) const;
     QVariantMap batch(const QStringList &names, const QString &folder) const;
     qint64 bytesIn(const QString &folder) const;
@@ -69,6 +71,7 @@ private:
     QScopedPointer<Zephyrtide::Manager> m_host;
     QScopedPointer<ZTServer> m_root;
     mutable QMap<QByteArray, QByteArray> m_contents;
+    mutable QMap<QByteArray, QByteArray> m_digests;
     qint64 m_size = 0;
     std::function<void(const ScriptedRequest &, ScriptedResponse &)> m_shape;
 };
@@ -80,6 +83,7 @@ void tst_DownloadLifeCycle::init()
     m_server.reset(new ScriptedServer);
     QVERIFY(m_server->start());
     m_contents.clear();
+    m_digests.clear();
     m_shape = nullptr;
     DownloadGlobal::instance()->setChunkSizeInBytes(MiB);
     m_host.reset(new Zephyrtide::Manager);
@@ -105,6 +109,7 @@ void tst_DownloadLifeCycle::serve(qint64 size)
     m_server->setHandler([this](const ScriptedRequest &r) {
         const QByteArray name = QJsonDocument::fromJson(r.body).object().value("fileName").toString().toUtf8();
         ScriptedResponse response = ScriptedResponse::file(contentOf(name), r, "\"" + name + "\"", name);
+        response.header("Repr-Digest", "sha-256=:" + digestOf(name).toBase64() + ":");
         if (m_shape)
             m_shape(r, response);
         return response;
@@ -119,6 +124,13 @@ QByteArray tst_DownloadLifeCycle::contentOf(const QByteArray &name) const
         m_contents.insert(name, content);
     }
     return m_contents.value(name);
+}
+
+QByteArray tst_DownloadLifeCycle::digestOf(const QByteArray &name) const
+{
+    if (!m_digests.contains(name))
+        m_digests.insert(name, QCryptographicHash::hash(contentOf(name), QCryptographicHash::Sha256));
+    return m_digests.value(name);
 }
 
 QString tst_DownloadLifeCycle::chunkFolder(const QByteArray &tag) const
@@ -149,10 +161,15 @@ void tst_DownloadLifeCycle::stopThenRestartAtOnce_data()
     QTest::addColumn<qint64>("chunkSize");
     QTest::addColumn<int>("stops"); // each at a tenth more than the one before
     QTest::addColumn<bool>("abort"); // the host's abort, which keeps the chunks as a stop does
-    QTest::newRow("64 MiB in 1 MiB chunks") << 64 * MiB << MiB << 1 << false;
-    QTest::newRow("512 chunks of 16 KiB") << 8 * MiB << 16 * 1024LL << 1 << false;
-    QTest::newRow("stopped and restarted three times") << 16 * MiB + 5 << 256 * 1024LL << 3 << false;
-    QTest::newRow("aborted, then restarted") << 16 * MiB << MiB << 1 << true;
+    QTest::addColumn<qint64>("restartChunkSize"); // the host's chunk size for the last run
+    QTest::addColumn<bool>("changed"); // the file is rewritten on the server before the last run, same tag
+    QTest::newRow("64 MiB in 1 MiB chunks") << 64 * MiB << MiB << 1 << false << MiB << false;
+    QTest::newRow("512 chunks of 16 KiB") << 8 * MiB << 16 * 1024LL << 1 << false << 16 * 1024LL << false;
+    QTest::newRow("stopped and restarted three times") << 16 * MiB + 5 << 256 * 1024LL << 3 << false << 256 * 1024LL << false;
+    QTest::newRow("aborted, then restarted") << 16 * MiB << MiB << 1 << true << MiB << false;
+    QTest::newRow("restarted in chunks three times as large") << 16 * MiB + 5 << MiB << 1 << false << 3 * MiB << false;
+    QTest::newRow("restarted in chunks a quarter as large") << 16 * MiB + 5 << MiB << 1 << false << MiB / 4 << false;
+    QTest::newRow("restarted after the file changed, same tag") << 16 * MiB << MiB << 1 << false << MiB << true;
 }
 
 // The host stops the reply from its progress handler at a tenth and starts the
@@ -164,6 +181,8 @@ void tst_DownloadLifeCycle::stopThenRestartAtOnce()
     QFETCH(qint64, chunkSize);
     QFETCH(int, stops);
     QFETCH(bool, abort);
+    QFETCH(qint64, restartChunkSize);
+    QFETCH(bool, changed);
     DownloadGlobal::instance()->setChunkSizeInBytes(chunkSize);
     serve(size);
     const QVariantMap params = batch({"big.bin"}, m_target->path());
@@ -182,6 +201,13 @@ void tst_DownloadLifeCycle::stopThenRestartAtOnce()
         }));
         QVERIFY(QTest::qWaitFor([&] { return run.reportsAtStop >= 0; }, 30000));
         QCOMPARE(run.call->errorCode(), int(Zephyrtide::Error::Stopped));
+    }
+    DownloadGlobal::instance()->setChunkSizeInBytes(restartChunkSize);
+    if (changed) {
+        QByteArray content = contentOf("big.bin");
+        std::reverse(content.begin(), content.end());
+        m_contents.insert("big.bin", content);
+        m_digests.remove("big.bin");
     }
     HostCall last(m_root.data(), "zt_apply_startDownload", params);
     last.wait(60000);
@@ -422,6 +448,7 @@ void tst_DownloadLifeCycle::batchLeavesNoLitter_data()
     QTest::newRow("refused: the next file's probe fails") << "probe" << 20695;
     QTest::newRow("stopped by the host") << "stop" << 20716;
     QTest::newRow("aborted by the host") << "abort" << 20716;
+    QTest::newRow("the merged file is not the server's") << "digest" << 20630;
 }
 
 // The user's a.bin is in the folder, so the batch reserves a(1).bin for the
@@ -441,6 +468,10 @@ void tst_DownloadLifeCycle::batchLeavesNoLitter()
     m_shape = [&](const ScriptedRequest &r, ScriptedResponse &response) {
         if (ending == "probe" && r.body.contains("b.bin"))
             response = ScriptedResponse::json("{}", 403);
+        for (auto &header : response.headers) {
+            if (ending == "digest" && header.first == "Repr-Digest")
+                header.second = "sha-256=:" + QCryptographicHash::hash("other", QCryptographicHash::Sha256).toBase64() + ":";
+        }
         response.hold = cancels && r.header("Range") != "bytes=0-1";
     };
     HostCall call(m_root.data(), "zt_apply_startDownload",
