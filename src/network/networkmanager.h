@@ -59,6 +59,7 @@ private:
     bool startNext(); // starts the first waiting transfer if a slot is free
     void prepareAhead();
     static QNetworkReply *issueWithDevice(QNetworkAccessManager *access, const PendingRequest &record);
+    static QNetworkRequest withBodyOnFreshConnection(QNetworkRequest request);
     static void removeRecordsOf(QList<QSharedPointer<PendingRequest>> &list, const QObject *reply,
                                 bool *found = nullptr);
 
