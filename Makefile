@@ -17,7 +17,7 @@ FUZZ_SECONDS ?= 60
 # Scratch corpus and crash inputs: the committed corpus stays as it is.
 FUZZ_WORK    ?= $(FUZZ_BUILD)/work
 
-.PHONY: all deps fuzz-deps configure build test test-asan demo bench fuzz clean
+.PHONY: all deps fuzz-deps configure build test test-asan demo bench bench-scale fuzz clean
 
 all: build
 
@@ -69,6 +69,13 @@ demo: build
 # 1 GiB file (ZT_BENCH_SIZE_MB to change) and writes bench/results.md.
 bench: build
 	bench/run-bench $(BUILD)
+
+# Not part of `test`: the cost of many parts and many files. Uploads one file in
+# 512 to 4096 parts of 64 KiB, 1000 files of 10 KiB up and down beside curl, and
+# a 1000-file upload killed half way and resumed; writes its own section of
+# bench/results.md (ZT_BENCH_STEP_TIMEOUT bounds each command, default 300 s).
+bench-scale: build
+	bench/run-bench-scale $(BUILD)
 
 # Not part of `test` (which replays the kept inputs): runs each libFuzzer target
 # for FUZZ_SECONDS on a scratch copy of its corpus. A crash fails the run; copy
