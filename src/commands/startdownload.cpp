@@ -3,6 +3,8 @@
 #include "download/downloader.h"
 #include "download/downloadglobal.h"
 #include "download/downloadtask.h"
+#include "download/probebatch.h"
+#include "network/networkmanager.h"
 #include "plugin/globalmanager.h"
 #include "plugin/logging.h"
 
@@ -17,6 +19,12 @@ constexpr int HostTimeoutCode = Zephyrtide::Error::Timeout;
 bool isHostTimeout(const QVariantMap &result)
 {
     return result.value(QStringLiteral("errorCode")).toInt() == HostTimeoutCode;
+}
+
+// As many probes at once as the download queue lets transfers run.
+int probeLimit()
+{
+    return DownloadGlobal::instance()->networkManager()->netLimit() + 1;
 }
 } // namespace
 
@@ -66,9 +74,9 @@ void StartDownload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
         return;
     }
     auto *downloader = new Downloader(this); // deleted with this object, or on a host time-out
-    // Each probe below waits in a nested loop, during which the host may time
+    // The probes below wait in a nested loop, during which the host may time
     // the reply out (which deletes the downloader) or drop it: both are looked
-    // at again after every wait.
+    // at again after the wait.
     const QPointer<Downloader> alive(downloader);
     const QPointer<Zephyrtide::Reply> hostReply(reply);
     connect(reply, &Zephyrtide::Reply::finished, downloader, [reply, downloader](const QVariantMap &result) {
@@ -86,17 +94,29 @@ void StartDownload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
     });
     connect(downloader, &Downloader::keepAlive, reply, &Zephyrtide::Reply::keepAlive);
 
+    // Probed several at a time, but taken in the host's order: the first file
+    // that cannot run decides the code, as when they were probed one by one.
+    ProbeBatch probes(probeLimit());
     for (const QVariant &entry : files) {
         const QVariantMap file = entry.toMap();
-        auto task = QSharedPointer<DownloadTask>::create();
-        // The host's time-out ends a probe in flight at once.
-        connect(reply, &Zephyrtide::Reply::finished, task.data(), [probing = task.data()](const QVariantMap &result) {
-            if (isHostTimeout(result))
-                probing->abortProbe();
-        });
-        const ZTErrorCode code = task->isValid(file.value(QStringLiteral("path")).toString(),
-                                               file.value(QStringLiteral("url")).toString(),
-                                               file.value(QStringLiteral("filename")).toString());
+        probes.add(QSharedPointer<DownloadTask>::create(), file.value(QStringLiteral("path")).toString(),
+                   file.value(QStringLiteral("url")).toString(), file.value(QStringLiteral("filename")).toString());
+    }
+    // The host's time-out ends the probes in flight at once.
+    connect(reply, &Zephyrtide::Reply::finished, &probes, [&probes](const QVariantMap &result) {
+        if (isHostTimeout(result))
+            probes.abort();
+    });
+    connect(&probes, &ProbeBatch::probed, reply, &Zephyrtide::Reply::keepAlive);
+    probes.run();
+
+    for (int i = 0; i < probes.count(); ++i) {
+        const QSharedPointer<DownloadTask> task = probes.task(i);
+        ZTErrorCode code = probes.codeOf(i);
+        if (code == Zephyrtide::Error::NoError && alive && hostReply && !task->applyProbe()) {
+            qCCritical(ztLog) << "parsing task fail" << task->url;
+            code = Zephyrtide::Error::ParseError;
+        }
         // A batch given up here downloads nothing: the names its tasks
         // reserved (the one in hand too, once its probe went well) are freed.
         const auto abandon = [&] {
@@ -105,7 +125,7 @@ void StartDownload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
                 downloader->releaseReservations();
         };
         if (!alive || !hostReply) {
-            qCWarning(ztLog) << "download given up while probing" << file.value(QStringLiteral("url")).toString();
+            qCWarning(ztLog) << "download given up while probing" << task->url;
             abandon();
             if (alive)
                 downloader->deleteLater(); // no reply to report to
@@ -127,7 +147,6 @@ void StartDownload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
             m_global->fail(reply, Zephyrtide::Error::ParseError);
             return;
         }
-        Q_EMIT reply->keepAlive();
     }
 
     connect(reply, &Zephyrtide::Reply::stop, downloader, &Downloader::stopAll);

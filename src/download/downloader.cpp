@@ -83,6 +83,7 @@ ZTErrorCode Downloader::startFiles()
         connect(file.data(), &DownloadSingleFile::downloadProgress, this, &Downloader::onDownloadProgress);
         connect(file.data(), &DownloadSingleFile::errorOccurred, this, &Downloader::onErrorOccurred);
         m_runningFiles.append(file);
+        m_counted.insert(file.data(), 0);
         if (!file->start()) {
             m_starting = false;
             qCCritical(ztLog) << "start fail" << task->fileName << task->url;
@@ -138,17 +139,27 @@ void Downloader::group()
 
 void Downloader::onDownloadProgress(qlonglong bytesReceived, qlonglong bytesTotal)
 {
-    qint64 sum = 0;
-    for (const auto &file : qAsConst(m_runningFiles))
-        sum += file->received;
-    for (const DownloadTask *task : qAsConst(m_finishedTasks))
-        sum += task->fileSize;
+    auto *file = qobject_cast<DownloadSingleFile *>(sender());
+    // The batch's sum follows a running file's figure by its change alone, so
+    // a report costs the same however many files run.
+    const auto counted = m_counted.find(file);
+    if (counted != m_counted.end()) {
+        m_runningReceived += file->received - counted.value();
+        counted.value() = file->received;
+    }
+    const qint64 sum = m_runningReceived + m_finishedSize;
     if (sum > m_progressValue)
         m_progressValue = sum;
     qCDebug(ztLog) << "Downloader progress " << m_progressValue << m_totalSize;
     Q_EMIT progress(m_progressValue, m_totalSize);
-    if (auto *file = qobject_cast<DownloadSingleFile *>(sender()))
+    if (file)
         Q_EMIT downloadProgress(file->task.data(), qMin(bytesReceived, bytesTotal), bytesTotal);
+}
+
+// The file no longer counts with what it received; a finished one counts whole.
+void Downloader::forget(DownloadSingleFile *file)
+{
+    m_runningReceived -= m_counted.take(file);
 }
 
 void Downloader::onFinished()
@@ -165,6 +176,8 @@ void Downloader::onFinished()
         if (m_runningFiles.at(i).data() == file) {
             qCDebug(ztLog) << "remove task" << file->task->fileName;
             m_finishedTasks.append(file->task.data());
+            m_finishedSize += file->task->fileSize;
+            forget(file);
             m_runningFiles.removeAt(i);
             break;
         }
@@ -183,6 +196,7 @@ void Downloader::onErrorOccurred()
         m_failure = task->status;
     for (int i = 0; i < m_runningFiles.size(); ++i) {
         if (m_runningFiles.at(i).data() == file) {
+            forget(file);
             m_runningFiles.removeAt(i);
             break;
         }
@@ -298,6 +312,9 @@ void Downloader::clear()
     m_tasksByEtag.clear();
     m_finishedTasks.clear();
     m_runningFiles.clear();
+    m_counted.clear();
+    m_runningReceived = 0;
+    m_finishedSize = 0;
     m_progressValue = 0;
     m_state = Running;
     m_totalSize = 0;

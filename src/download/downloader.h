@@ -2,6 +2,7 @@
 
 #include "plugin/zterrorcode.h"
 
+#include <QHash>
 #include <QList>
 #include <QMap>
 #include <QObject>
@@ -76,12 +77,16 @@ private:
     void finishIfDone();
     void end(ZTErrorCode code, const QList<DownloadTask *> &tasks);
     ZTErrorCode abandon(DownloadSingleFile *failed, ZTErrorCode code);
+    void forget(DownloadSingleFile *file);
 
     QList<QSharedPointer<DownloadTask>> m_tasks;
     QMap<QString, QSharedPointer<DownloadTask>> m_tasksByEtag;
     QList<DownloadTask *> m_finishedTasks;
     QList<QSharedPointer<DownloadSingleFile>> m_runningFiles;
     qint64 m_progressValue = 0;
+    QHash<const DownloadSingleFile *, qint64> m_counted; // each running file's received, as last summed
+    qint64 m_runningReceived = 0; // their sum
+    qint64 m_finishedSize = 0;    // of the tasks in m_finishedTasks
     int m_state = Running;
     qint64 m_totalSize = 0;
     ZTErrorCode m_failure = Zephyrtide::Error::NoError;

@@ -67,6 +67,18 @@ bool DownloadTask::checkTask() const
 
 ZTErrorCode DownloadTask::isValid(const QString &path, const QString &address, const QString &name)
 {
+    const ZTErrorCode code = prepare(path, address, name);
+    if (code != Zephyrtide::Error::NoError)
+        return code;
+    if (!parseTask()) {
+        qCCritical(ztLog) << "parsing task fail" << url;
+        return Zephyrtide::Error::ParseError;
+    }
+    return Zephyrtide::Error::NoError;
+}
+
+ZTErrorCode DownloadTask::prepare(const QString &path, const QString &address, const QString &name)
+{
     m_path = QFileInfo(path).absolutePath();
     url = address;
     if (!name.isEmpty()) {
@@ -81,10 +93,6 @@ ZTErrorCode DownloadTask::isValid(const QString &path, const QString &address, c
     }
     if (!checkTask()) {
         qCCritical(ztLog) << "task not valid" << url;
-        return Zephyrtide::Error::ParseError;
-    }
-    if (!parseTask()) {
-        qCCritical(ztLog) << "parsing task fail" << url;
         return Zephyrtide::Error::ParseError;
     }
     return Zephyrtide::Error::NoError;
@@ -112,39 +120,57 @@ bool DownloadTask::init(const QString &address)
 
 bool DownloadTask::parseTask()
 {
-    qCDebug(ztLog) << "parsing task";
     QNetworkAccessManager access; // this probe's alone
+    QNetworkReply *reply = sendProbe(access);
+    QEventLoop loop;
+    connect(reply, &QNetworkReply::finished, &loop, [&] {
+        readProbe(reply);
+        loop.quit();
+    });
+    loop.exec();
+    endProbe(reply);
+    return applyProbe();
+}
+
+QNetworkReply *DownloadTask::sendProbe(QNetworkAccessManager &access)
+{
+    qCDebug(ztLog) << "parsing task";
     QNetworkRequest request{QUrl(url)};
     request.setRawHeader("Range", "bytes=0-1");
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
     request.setTransferTimeout(TransferTimeoutMs); // a silent server must not hold the caller
+    // Qt writes the header and the small body apart: on a connection kept from
+    // an earlier probe the body would wait for the server's delayed ACK.
+    request.setRawHeader("Connection", "close");
     GlobalManager::instance()->applyHostConfiguration(request);
     const QString name = requestedName.isEmpty() ? fileName : requestedName;
     const QByteArray body = QJsonDocument(QJsonObject{{QStringLiteral("fileName"), name}}).toJson();
 
     QNetworkReply *reply = access.post(request, body);
     m_probe = reply;
-    QEventLoop loop;
-    connect(reply, &QNetworkReply::finished, &loop, [&] {
-        const int code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        qCDebug(ztLog) << "parsing " << code << fileName;
-        if (code != 403)
-            parseHeaders(reply);
-        loop.quit();
-    });
-    connect(reply, &QNetworkReply::errorOccurred, &loop, [](QNetworkReply::NetworkError error) {
-        // The loop is left by the finished() that follows.
+    connect(reply, &QNetworkReply::errorOccurred, this, [](QNetworkReply::NetworkError error) {
+        // The wait is ended by the finished() that follows.
         qCCritical(ztLog) << "parsing error" << error;
     });
-    connect(reply, &QNetworkReply::sslErrors, &loop,
+    connect(reply, &QNetworkReply::sslErrors, this,
             [reply](const QList<QSslError> &errors) { GlobalManager::logCertificateErrors(reply->url(), errors); });
-    loop.exec();
+    return reply;
+}
+
+void DownloadTask::readProbe(QNetworkReply *reply)
+{
+    const int code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    qCDebug(ztLog) << "parsing " << code << fileName;
+    if (code != 403)
+        parseHeaders(reply);
+}
+
+void DownloadTask::endProbe(QNetworkReply *reply)
+{
     m_probe.clear();
-    reply->disconnect(this);
-    reply->disconnect(&loop);
+    reply->disconnect();
     reply->abort();
     reply->deleteLater();
-    return applyProbe();
 }
 
 void DownloadTask::abortProbe()

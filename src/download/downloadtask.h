@@ -11,6 +11,7 @@
 #include <QStringList>
 #include <QVariantMap>
 
+class QNetworkAccessManager;
 class QNetworkReply;
 
 // One requested download: the remote file, the local file it becomes, and what
@@ -34,10 +35,20 @@ public:
     DownloadTask(const DownloadTask &other);
     ~DownloadTask() override;
 
+    // prepare(), then the probe and applyProbe(): 0, or why the task cannot run.
     ZTErrorCode isValid(const QString &filePath, const QString &url, const QString &fileName);
+    // What isValid() does before the probe: takes the destination and the URL,
+    // and makes the destination's folder.
+    ZTErrorCode prepare(const QString &filePath, const QString &url, const QString &fileName);
     bool init(const QString &url);
     // Probes the server (a POST for bytes 0-1), then derives as applyProbe() does.
     bool parseTask();
+    // The probe in parts, for a caller that waits for many at once: sendProbe()
+    // posts it through `access`; once the reply has finished, readProbe() takes
+    // what it says and endProbe() releases it; applyProbe() then derives the rest.
+    QNetworkReply *sendProbe(QNetworkAccessManager &access);
+    void readProbe(QNetworkReply *reply);
+    void endProbe(QNetworkReply *reply);
     // Gives up a probe in flight: its wait ends at once and the probe fails.
     void abortProbe();
     void parseHeaders(QNetworkReply *reply);
