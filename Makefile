@@ -17,7 +17,7 @@ FUZZ_SECONDS ?= 60
 # Scratch corpus and crash inputs: the committed corpus stays as it is.
 FUZZ_WORK    ?= $(FUZZ_BUILD)/work
 
-.PHONY: all deps fuzz-deps configure build test test-asan demo bench bench-scale fuzz clean
+.PHONY: all deps fuzz-deps configure build test test-asan demo install package bench bench-scale fuzz clean
 
 all: build
 
@@ -62,8 +62,24 @@ test-asan: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure --timeout 900
 
-demo: build
+# Only ztcli and the plugin: the tests are not needed to run the demo.
+demo: configure
+	@echo "Building ztcli and the plugin (a first build takes about 2 minutes on 2 cores)"
+	cmake --build $(BUILD) -j $(JOBS) --target ztcli
 	$(BUILD)/cli/ztcli demo
+
+# ztcli in $(PREFIX)/bin, the plugin, the host library and the file service
+# beside it in $(PREFIX)/lib/ztserver and $(PREFIX)/share/ztserver. Prefix it
+# with DESTDIR=... to stage; root is needed for a system prefix.
+PREFIX ?= /usr/local
+install: configure
+	cmake --build $(BUILD) -j $(JOBS) --target ztcli
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+# A Debian package of the same files under /usr: $(BUILD)/ztserver_*.deb.
+package: configure
+	cmake --build $(BUILD) -j $(JOBS) --target ztcli
+	cd $(BUILD) && cpack -G DEB
 
 # Not part of `test`: measures the plugin against curl, aria2c and cp on a
 # 1 GiB file (ZT_BENCH_SIZE_MB to change) and writes bench/results.md.

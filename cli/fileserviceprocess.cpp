@@ -1,6 +1,8 @@
 #include "fileserviceprocess.h"
 
+#include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFileInfo>
 #include <QProcess>
 #include <QUrl>
@@ -47,7 +49,13 @@ FileServiceProcess::~FileServiceProcess()
 QString FileServiceProcess::scriptPath()
 {
     const QString fromEnvironment = qEnvironmentVariable("ZT_FILESERVICE");
-    return fromEnvironment.isEmpty() ? QStringLiteral(ZT_DEFAULT_FILESERVICE) : fromEnvironment;
+    if (!fromEnvironment.isEmpty())
+        return fromEnvironment;
+    // An installed ztcli takes the service installed with it, not the sources
+    // it was built from.
+    const QString installed = QDir::cleanPath(
+        QDir(QCoreApplication::applicationDirPath()).absoluteFilePath(QStringLiteral(ZT_INSTALLED_FILESERVICE)));
+    return QFileInfo::exists(installed) ? installed : QStringLiteral(ZT_DEFAULT_FILESERVICE);
 }
 
 QString FileServiceProcess::interpreter()

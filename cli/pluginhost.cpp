@@ -25,8 +25,11 @@ QString PluginHost::defaultPluginPath()
     const QString fromEnvironment = qEnvironmentVariable("ZT_PLUGIN");
     if (!fromEnvironment.isEmpty())
         return fromEnvironment;
-    return QDir(QCoreApplication::applicationDirPath())
-        .absoluteFilePath(QStringLiteral("../plugins/libztServer.so"));
+    // Beside the build's ztcli, or where `make install` puts it.
+    const QDir programDir(QCoreApplication::applicationDirPath());
+    const QString built = programDir.absoluteFilePath(QStringLiteral("../plugins/libztServer.so"));
+    const QString installed = QDir::cleanPath(programDir.absoluteFilePath(QStringLiteral(ZT_INSTALLED_PLUGIN)));
+    return QFileInfo::exists(built) || !QFileInfo::exists(installed) ? built : installed;
 }
 
 bool PluginHost::load(const QString &path)
