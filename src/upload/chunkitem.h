@@ -9,7 +9,8 @@
 // One chunk of a file item still to be sent, as the server described it. Built
 // by the single-file uploader from the file item's chunk descriptors and shared
 // (by QSharedPointer) with the chunk uploader that sends it. Runtime only:
-// never persisted; the descriptors in FileItem::chunks are what resumes.
+// never persisted itself: FileItem::remainingChunks() turns the items still
+// pending back into descriptors, which is what resumes.
 struct ChunkItem
 {
     int partNumber = 0;         // 1-based, from the "partNumber" query item of url
@@ -26,4 +27,6 @@ struct ChunkItem
     QString identifier;         // the file item's identifier
     Upload::State state = Upload::New;
     qint64 bytesSent = 0;       // bytes of this chunk confirmed sent so far
+    QVariantMap descriptor;     // the server's descriptor it was built from
+    qint64 counted = 0;         // bytesSent as last added into its file's progress
 };

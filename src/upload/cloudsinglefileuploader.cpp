@@ -11,6 +11,7 @@
 #include <QHash>
 #include <QPointer>
 #include <QUrlQuery>
+#include <QVector>
 
 #include <algorithm>
 
@@ -197,7 +198,7 @@ void CloudSingleFileUploader::applyUploadInfo(const QVariantMap &answer)
     m_item->expires = info.value(QStringLiteral("expires")).toInt();
     m_item->method = info.value(QStringLiteral("method")).toString();
     m_item->uploadID = info.value(QStringLiteral("uploadID")).toString();
-    m_item->chunks = info.value(QStringLiteral("chunks")).toList();
+    m_item->setChunks(info.value(QStringLiteral("chunks")).toList());
     m_item->currentRequestTime = QDateTime::currentDateTime();
 
     if (m_item->chunkSize < 1)
@@ -220,7 +221,8 @@ void CloudSingleFileUploader::resumeKeptSession(const QVariantMap &answer)
     // but the service still lists goes on from what the service holds.
     // The service's addresses are taken, as it may listen elsewhere by now.
     QHash<int, qint64> sent;
-    for (const QVariant &entry : qAsConst(m_item->chunks))
+    const QVariantList kept = m_item->remainingChunks();
+    for (const QVariant &entry : kept)
         sent.insert(partNumberOf(entry), entry.toMap().value(QStringLiteral("bytesSent")).toLongLong());
     QVariantList chunks;
     const QVariantList listed =
@@ -235,7 +237,7 @@ void CloudSingleFileUploader::resumeKeptSession(const QVariantMap &answer)
             descriptor.remove(QStringLiteral("bytesSent"));
         chunks.append(descriptor);
     }
-    m_item->chunks = chunks;
+    m_item->setChunks(chunks);
     writeCache();
 }
 
@@ -248,25 +250,37 @@ ZTErrorCode CloudSingleFileUploader::prepareChunks()
     }
     m_item->uploadedChunk = m_item->totalChunks - m_item->chunks.size();
     qCInfo(ztLog) << "uploaded fileitem" << m_item->uploadedChunk << m_item->fileName;
-    if (m_item->chunks.size() > 1) {
-        std::sort(m_item->chunks.begin(), m_item->chunks.end(),
-                  [](const QVariant &a, const QVariant &b) { return partNumberOf(a) < partNumberOf(b); });
-    }
 
-    m_item->pendingChunks.clear();
-    for (const QVariant &entry : qAsConst(m_item->chunks)) {
-        const QVariantMap descriptor = entry.toMap();
+    // Each address is parsed once, not once per comparison of the sort.
+    QVector<QPair<int, QVariantMap>> descriptors;
+    descriptors.reserve(m_item->chunks.size());
+    for (const QVariant &entry : qAsConst(m_item->chunks))
+        descriptors.append({partNumberOf(entry), entry.toMap()});
+    std::stable_sort(descriptors.begin(), descriptors.end(),
+                     [](const auto &a, const auto &b) { return a.first < b.first; });
+
+    QVariantList sorted;
+    sorted.reserve(descriptors.size());
+    QList<QSharedPointer<ChunkItem>> pending;
+    pending.reserve(descriptors.size());
+    m_inFlight = 0;
+    for (const auto &numbered : qAsConst(descriptors)) {
+        const QVariantMap &descriptor = numbered.second;
+        sorted.append(descriptor);
         auto chunk = QSharedPointer<ChunkItem>::create();
+        chunk->descriptor = descriptor;
         chunk->url = descriptor.value(QStringLiteral("url")).toString();
         chunk->headers = descriptor.value(QStringLiteral("headers")).toMap();
         chunk->chunkSize = m_item->chunkSize;
         chunk->method = m_item->method;
         chunk->identifier = m_item->identifier;
-        chunk->partNumber = partNumberOf(chunk->url);
+        chunk->partNumber = numbered.first;
         if (descriptor.contains(QStringLiteral("bytesSent"))) {
             chunk->bytesSent = descriptor.value(QStringLiteral("bytesSent")).toLongLong();
             qCDebug(ztLog) << "contains byesend" << chunk->bytesSent;
         }
+        chunk->counted = chunk->bytesSent;
+        m_inFlight += chunk->counted;
         // Piece n of the file, from what this chunk already sent on; read when
         // the chunk's transfer starts.
         const qint64 pieceStart = qint64(chunk->partNumber - 1) * m_item->chunkSize;
@@ -275,27 +289,32 @@ ZTErrorCode CloudSingleFileUploader::prepareChunks()
         chunk->offset = qMin(pieceStart + chunk->bytesSent, pieceEnd);
         chunk->length = chunk->partNumber >= 1 ? qMax<qint64>(0, pieceEnd - chunk->offset) : 0;
         qCDebug(ztLog) << "par" << chunk->partNumber << (chunk->length == 0);
-        m_item->pendingChunks.append(chunk);
+        pending.append(chunk);
     }
+    m_item->chunks = sorted;
+    m_item->followPendingChunks(pending);
     return Zephyrtide::Error::NoError;
 }
 
+// The file's progress is 1 (a started file never reports 0) plus the bytes
+// sent of every pending chunk not finished, plus the finished chunks whole.
+// The sum is kept up to date by the one chunk that moved, so a progress
+// report costs the same with four parts or four thousand.
 void CloudSingleFileUploader::onUploadProgress(qlonglong, qlonglong)
 {
-    const qint64 total = m_item->totalSize ? m_item->totalSize : 1;
-    qint64 sum = 1; // deliberately from 1: a started file never reports 0
-    for (int i = 0; i < m_item->pendingChunks.size(); ++i) {
-        const QSharedPointer<ChunkItem> &chunk = m_item->pendingChunks.at(i);
-        if (chunk->state == Upload::Finished)
-            continue;
-        sum += chunk->bytesSent;
-        if (i < m_item->chunks.size()) {
-            QVariantMap descriptor = m_item->chunks.at(i).toMap();
-            descriptor.insert(QStringLiteral("bytesSent"), chunk->bytesSent);
-            m_item->chunks[i] = descriptor;
-        }
+    auto *uploader = qobject_cast<CloudChunkUploader *>(sender());
+    const QSharedPointer<ChunkItem> chunk = uploader ? uploader->item() : QSharedPointer<ChunkItem>();
+    if (chunk && chunk->state != Upload::Finished) {
+        m_inFlight += chunk->bytesSent - chunk->counted;
+        chunk->counted = chunk->bytesSent;
     }
-    const qint64 value = sum + qint64(m_item->uploadedChunk) * m_item->chunkSize;
+    reportProgress();
+}
+
+void CloudSingleFileUploader::reportProgress()
+{
+    const qint64 total = m_item->totalSize ? m_item->totalSize : 1;
+    const qint64 value = 1 + m_inFlight + qint64(m_item->uploadedChunk) * m_item->chunkSize;
     if (value > total) {
         m_item->bytesSent = total;
     } else if (value < m_item->bytesSent) {
@@ -304,6 +323,8 @@ void CloudSingleFileUploader::onUploadProgress(qlonglong, qlonglong)
     } else {
         m_item->bytesSent = value;
     }
+    // The part's bytes reach the cache with its next write.
+    UploadGlobal::instance()->noteProgress(m_item);
     qCDebug(ztLog) << "CloudSingleFileUploader::onUploadProgress 2: " << value << m_item->bytesSent << total;
     Q_EMIT progress(value, total);
 }
@@ -313,22 +334,21 @@ void CloudSingleFileUploader::onFinished()
     if (!m_item)
         return;
     if (m_item->state == Upload::Stopped || m_item->state == Upload::Failed)
-        writeCache();
+        UploadGlobal::instance()->noteProgress(m_item);
     if (m_item->state != Upload::Running && m_item->state != Upload::Failed)
         return; // stopped, aborted (its cache entry stays removed) or done
 
     auto *uploader = qobject_cast<CloudChunkUploader *>(sender());
     const QSharedPointer<ChunkItem> chunk = uploader ? uploader->item() : QSharedPointer<ChunkItem>();
-    if (chunk && chunk->state == Upload::Finished) {
-        m_item->pendingChunks.removeAll(chunk);
-        const auto sameUrl = [&chunk](const QVariant &descriptor) {
-            return descriptor.toMap().value(QStringLiteral("url")).toString() == chunk->url;
-        };
-        m_item->chunks.erase(std::remove_if(m_item->chunks.begin(), m_item->chunks.end(), sameUrl),
-                             m_item->chunks.end());
-        writeCache();
+    if (chunk && chunk->state == Upload::Finished && m_item->pendingChunks.removeOne(chunk)) {
+        // Parts finish about in the order they started: the one found is near the front.
+        m_inFlight -= chunk->counted;
+        chunk->counted = 0;
         if (m_item->uploadedChunk <= m_item->totalChunks)
             ++m_item->uploadedChunk;
+        // Written with the next cache write, together with every other part
+        // that finished meanwhile.
+        UploadGlobal::instance()->noteProgress(m_item);
     }
     if (!m_item->pendingChunks.isEmpty() || m_item->state != Upload::Running)
         return;

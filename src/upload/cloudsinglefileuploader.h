@@ -63,10 +63,12 @@ private:
     ZTErrorCode prepareChunks();
     bool launchChunks();
     void finishUpload();
+    void reportProgress();
     void writeCache();
 
     QSharedPointer<FileItem> m_item;
     QList<QSharedPointer<CloudChunkUploader>> m_chunkUploaders;
     int m_runs = 0;
     int m_run = 0; // which start() is under way; a wait of an earlier one is over when it returns
+    qint64 m_inFlight = 0; // bytes sent of the pending chunks not finished, see onUploadProgress()
 };

@@ -18,7 +18,13 @@ CloudUploader::CloudUploader(QObject *parent)
 {
 }
 
-CloudUploader::~CloudUploader() = default;
+CloudUploader::~CloudUploader()
+{
+    // A job dropped by its host (its reply went) leaves its files' last parts
+    // in the cache, not only in memory.
+    if (UploadGlobal *global = UploadGlobal::existingInstance())
+        global->flush();
+}
 
 bool CloudUploader::setFiles(const QVariantList &files)
 {
@@ -26,6 +32,8 @@ bool CloudUploader::setFiles(const QVariantList &files)
         qCCritical(ztLog) << "fail" << files;
         return false;
     }
+    // What another process left in the cache since this one last looked.
+    UploadGlobal::instance()->refresh();
     QList<QSharedPointer<FileItem>> items;
     for (const QVariant &file : files) {
         QVariantMap params = file.toMap();
@@ -44,29 +52,37 @@ bool CloudUploader::setFileItems(const QList<QSharedPointer<FileItem>> &items)
     if (items.isEmpty())
         return false;
     for (const QSharedPointer<FileItem> &item : items) {
-        if (m_files.contains(item) || contains(*item))
+        if (m_files.contains(item) || m_identifiers.contains(item->identifier))
             continue;
         auto uploader = QSharedPointer<CloudSingleFileUploader>::create();
         uploader->setFileItem(item);
         m_files.insert(item, uploader);
+        m_identifiers.insert(item->identifier);
+        m_totalSize += item->totalSize;
+        m_counted.insert(item.data(), item->bytesSent);
+        m_sent += item->bytesSent;
         connect(uploader.data(), &CloudSingleFileUploader::finished, this, &CloudUploader::onFinished);
         // The bytes-sent figure arrives narrowed to int and is only logged; the
-        // job sums the file items itself.
+        // job sums the file items itself, by what the one that moved added.
+        FileItem *moved = item.data();
         connect(uploader.data(), &CloudSingleFileUploader::progress, this,
-                [this](qlonglong bytesSent, qlonglong) { onUploadProgress(int(bytesSent)); });
+                [this, moved](qlonglong bytesSent, qlonglong) {
+                    countProgress(moved);
+                    onUploadProgress(int(bytesSent));
+                });
         connect(uploader.data(), &CloudSingleFileUploader::errorOccurred, this,
                 &CloudUploader::onErrorOccurred);
     }
     return true;
 }
 
-bool CloudUploader::contains(const FileItem &item) const
+void CloudUploader::countProgress(FileItem *item)
 {
-    for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
-        if (it.key()->identifier == item.identifier)
-            return true;
-    }
-    return false;
+    auto counted = m_counted.find(item);
+    if (counted == m_counted.end())
+        return;
+    m_sent += item->bytesSent - counted.value();
+    counted.value() = item->bytesSent;
 }
 
 bool CloudUploader::start()
@@ -82,6 +98,7 @@ bool CloudUploader::start()
         return false;
     }
     m_state = Running;
+    m_finished.clear();
     QPointer<CloudUploader> self(this);
     const auto uploaders = m_files.values();
     for (int i = 0; i < uploaders.size(); ++i) {
@@ -111,6 +128,8 @@ void CloudUploader::stop()
     m_state = Stopped;
     for (const auto &uploader : qAsConst(m_files))
         uploader->stop();
+    // Every file's session is in the store before the host hears of the stop.
+    UploadGlobal::instance()->flush();
     Q_EMIT errorOccurred(Zephyrtide::Error::Stopped);
 }
 
@@ -122,6 +141,7 @@ void CloudUploader::abort()
         Q_EMIT errorOccurred(Zephyrtide::Error::Aborted);
         return;
     }
+    QStringList aborted;
     for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
         const QSharedPointer<FileItem> &item = it.key();
         if (item->state != Upload::Running)
@@ -129,9 +149,11 @@ void CloudUploader::abort()
         item->state = Upload::Aborted;
         for (const auto &chunk : it.value()->chunkUploaders())
             chunk->stop();
-        // An aborted file starts from nothing next time.
-        UploadGlobal::instance()->removeInfo(*item);
+        aborted.append(item->identifier);
     }
+    // An aborted file starts from nothing next time; all of them in one write.
+    UploadGlobal::instance()->removeInfos(aborted);
+    UploadGlobal::instance()->flush();
     Q_EMIT errorOccurred(Zephyrtide::Error::Aborted);
 }
 
@@ -142,12 +164,8 @@ void CloudUploader::onUploadProgress(int precent)
         return;
     }
     qCDebug(ztLog) << "CloudUploader::onUploadProgress 3 : " << precent;
-    qint64 total = 0;
-    qint64 sent = 0;
-    for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
-        total += it.key()->totalSize;
-        sent += it.key()->bytesSent;
-    }
+    const qint64 total = m_totalSize;
+    const qint64 sent = m_sent;
     if (total != 0)
         Q_EMIT progress(qMin(sent, total), total);
     else
@@ -161,6 +179,15 @@ void CloudUploader::onFinished()
     // done and cleared) reports nothing more.
     if (m_state != Running)
         return;
+    // Counted, not looked up: a job of many files does not walk all of them
+    // each time one finishes.
+    auto *uploader = qobject_cast<CloudSingleFileUploader *>(sender());
+    if (uploader && uploader->fileItem() && uploader->fileItem()->state == Upload::Finished)
+        m_finished.insert(uploader->fileItem().data());
+    if (m_finished.size() < m_files.size()) {
+        qCDebug(ztLog) << "not finished" << m_files.size() - m_finished.size();
+        return;
+    }
     for (auto it = m_files.cbegin(); it != m_files.cend(); ++it) {
         if (it.key()->state != Upload::Finished) {
             qCDebug(ztLog) << "not finished" << it.key()->fileName;
@@ -202,7 +229,12 @@ void CloudUploader::onErrorOccurred(ZTErrorCode error)
 {
     if (m_files.isEmpty() || m_state == Finished)
         return;
+    const bool first = m_state != Failed;
     m_state = Failed;
+    // The first failure of the job reaches the store at once; the files
+    // still running keep writing as their parts finish.
+    if (first)
+        UploadGlobal::instance()->flush();
     Q_EMIT errorOccurred(error);
 }
 
@@ -213,7 +245,17 @@ void CloudUploader::clear()
         uploader->stop();
     m_state = Idle;
     m_results.clear();
+    QStringList identifiers;
+    identifiers.reserve(m_files.size());
     for (auto it = m_files.cbegin(); it != m_files.cend(); ++it)
-        UploadGlobal::instance()->removeInfo(*it.key());
+        identifiers.append(it.key()->identifier);
+    // One write for the whole job, however many files it had.
+    UploadGlobal::instance()->removeInfos(identifiers);
+    UploadGlobal::instance()->flush();
     m_files.clear();
+    m_identifiers.clear();
+    m_counted.clear();
+    m_finished.clear();
+    m_totalSize = 0;
+    m_sent = 0;
 }

@@ -4,6 +4,7 @@
 
 #include <QHash>
 #include <QObject>
+#include <QSet>
 #include <QSharedPointer>
 #include <QVariantList>
 
@@ -49,11 +50,18 @@ private Q_SLOTS:
     void onErrorOccurred(ZTErrorCode error);
 
 private:
-    bool contains(const FileItem &item) const;
+    void countProgress(FileItem *item);
     bool collectResults();
     void clear();
 
     int m_state = Idle;
     QHash<QSharedPointer<FileItem>, QSharedPointer<CloudSingleFileUploader>> m_files;
     QVariantList m_results;
+    // Kept as files come and go, so that a progress report or a finished file
+    // costs the same in a job of one file or of thousands.
+    QSet<QString> m_identifiers;          // of the items in m_files
+    QHash<FileItem *, qint64> m_counted;  // each item's bytesSent as last added into m_sent
+    QSet<FileItem *> m_finished;          // items that reported finished in this run
+    qint64 m_totalSize = 0;
+    qint64 m_sent = 0;
 };

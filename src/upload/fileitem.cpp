@@ -17,7 +17,7 @@ FileItem::~FileItem()
 QVariantMap FileItem::toCacheMap() const
 {
     const QVariantMap uploadInfo{
-        {QStringLiteral("chunks"), chunks},
+        {QStringLiteral("chunks"), remainingChunks()},
         {QStringLiteral("chunkSize"), qlonglong(chunkSize)},
         {QStringLiteral("expires"), qlonglong(expires)},
         {QStringLiteral("method"), method},
@@ -70,11 +70,43 @@ void FileItem::fromCacheMap(const QVariantMap &map)
     originParams = map.value(QStringLiteral("originParams")).toMap();
 
     const QVariantMap uploadInfo = map.value(UploadInfoKey).toMap();
-    chunks = uploadInfo.value(QStringLiteral("chunks")).toList();
+    setChunks(uploadInfo.value(QStringLiteral("chunks")).toList());
     chunkSize = uploadInfo.value(QStringLiteral("chunkSize")).toLongLong();
     expires = uploadInfo.value(QStringLiteral("expires")).toLongLong();
     method = uploadInfo.value(QStringLiteral("method")).toString();
     uploadID = uploadInfo.value(QStringLiteral("uploadID")).toString();
+}
+
+QVariantList FileItem::remainingChunks() const
+{
+    if (!chunksFollowPending)
+        return chunks;
+    QVariantList remaining;
+    remaining.reserve(pendingChunks.size());
+    for (const QSharedPointer<ChunkItem> &chunk : pendingChunks) {
+        if (chunk->state == Upload::Finished)
+            continue;
+        QVariantMap descriptor = chunk->descriptor;
+        if (chunk->bytesSent > 0)
+            descriptor.insert(QStringLiteral("bytesSent"), chunk->bytesSent);
+        else
+            descriptor.remove(QStringLiteral("bytesSent"));
+        remaining.append(descriptor);
+    }
+    return remaining;
+}
+
+void FileItem::followPendingChunks(const QList<QSharedPointer<ChunkItem>> &pending)
+{
+    pendingChunks = pending;
+    chunksFollowPending = true;
+}
+
+void FileItem::setChunks(const QVariantList &descriptors)
+{
+    chunks = descriptors;
+    pendingChunks.clear();
+    chunksFollowPending = false;
 }
 
 bool FileItem::sessionValid(const QDateTime &now) const

@@ -22,8 +22,20 @@ public:
     ~FileItem();
 
     // The persisted form: exactly the keys of the cache entry, the session
-    // nested under "uploadInfo" as the server's "/upload/info" answer has it.
+    // nested under "uploadInfo" as the server's "/upload/info" answer has it,
+    // its "chunks" being remainingChunks().
     QVariantMap toCacheMap() const;
+    // The descriptors of the chunks still to send. Until the pending chunk
+    // items are built that is chunks; from then on it follows the items, so
+    // that a finished part or a progressing one costs nothing until the cache
+    // is written: a finished chunk drops out, and each other one carries the
+    // bytes of it already sent ("bytesSent") to resume within itself.
+    QVariantList remainingChunks() const;
+    // Makes pendingChunks, built from chunks, the source of remainingChunks().
+    void followPendingChunks(const QList<QSharedPointer<ChunkItem>> &pending);
+    // Takes new descriptors (a new or resumed session); the pending chunk
+    // items of an earlier run are dropped.
+    void setChunks(const QVariantList &descriptors);
     // Reads every persisted field back from map (replacing the current ones).
     // Runtime fields (pendingChunks, state) are left alone.
     void fromCacheMap(const QVariantMap &map);
@@ -49,8 +61,9 @@ public:
     QString uploadID;     // server session id; empty = no session
     QString method;       // the server's method for chunks; stored and persisted only
     QDateTime currentRequestTime; // local time the session was obtained
-    QVariantList chunks;  // the server's descriptors of the chunks still to send
+    QVariantList chunks;  // the server's descriptors of the chunks still to send, see remainingChunks()
     QList<QSharedPointer<ChunkItem>> pendingChunks; // runtime only
+    bool chunksFollowPending = false; // runtime only, see remainingChunks()
     Upload::State state = Upload::New;
     qint64 bytesSent = 0; // bytes known to be on the server
     QString bucket;

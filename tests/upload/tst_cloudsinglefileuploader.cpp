@@ -12,6 +12,7 @@
 #include <zephyrtide/manager.h>
 
 #include <QCryptographicHash>
+#include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -42,6 +43,8 @@ private Q_SLOTS:
     void finishedOncePerRun_data();
     void finishedOncePerRun();
     void progressNeverGoesBack();
+    void cacheWritesFollowTimeNotParts_data();
+    void cacheWritesFollowTimeNotParts();
 
 private:
     // The service's answer to "/upload/info" for a session with the given parts.
@@ -298,7 +301,7 @@ void tst_CloudSingleFileUploader::resumedChunkSendsItsTail()
     QList<qint64> part2Sent;
     for (const auto &chunk : uploader.chunkUploaders()) {
         connect(chunk.data(), &CloudChunkUploader::progress, this, [&part2Sent, item] {
-            for (const QVariant &descriptor : qAsConst(item->chunks)) {
+            for (const QVariant &descriptor : item->remainingChunks()) {
                 if (descriptor.toMap().value("url").toString().endsWith("partNumber=2"))
                     part2Sent << descriptor.toMap().value("bytesSent").toLongLong();
             }
@@ -414,30 +417,79 @@ void tst_CloudSingleFileUploader::progressNeverGoesBack()
     auto item = makeItem(QByteArray(100, 'p'));
     QVERIFY(item);
     item->chunkSize = 50;
-    auto a = QSharedPointer<ChunkItem>::create();
-    auto b = QSharedPointer<ChunkItem>::create();
-    item->pendingChunks = {a, b};
-    item->chunks = {QVariantMap(), QVariantMap()};
+    item->bytesSent = 60; // what an earlier run counted, more than this one has yet
     CloudSingleFileUploader uploader;
     uploader.setFileItem(item);
+    QList<QSharedPointer<ChunkItem>> chunks;
+    CloudChunkUploader parts[2];
+    for (int i = 0; i < 2; ++i) {
+        chunks << QSharedPointer<ChunkItem>::create();
+        chunks[i]->partNumber = i + 1;
+        chunks[i]->chunkSize = 50;
+        chunks[i]->descriptor = {{"url", QStringLiteral("http://s/p?partNumber=%1").arg(i + 1)}};
+        QVERIFY(parts[i].setItem(chunks[i]));
+        connect(&parts[i], &CloudChunkUploader::progress, &uploader, &CloudSingleFileUploader::onUploadProgress);
+    }
+    item->followPendingChunks(chunks);
     QSignalSpy progress(&uploader, &CloudSingleFileUploader::progress);
     LogCapture log;
 
-    a->bytesSent = 30;
-    uploader.onUploadProgress(0, 0);
-    a->bytesSent = 10; // a restarted request reports less
-    uploader.onUploadProgress(0, 0);
-    b->bytesSent = 50;
-    a->bytesSent = 50;
-    uploader.onUploadProgress(0, 0);
+    parts[0].onUploadProgress(30, 50); // 31 < 60: dropped
+    parts[1].onUploadProgress(50, 50);
+    parts[0].onUploadProgress(50, 50);
 
     QCOMPARE(progress.count(), 2);
-    QCOMPARE(progress.at(0).at(0).toLongLong(), 31LL); // counted from 1
-    QCOMPARE(progress.at(1).at(0).toLongLong(), 101LL);  // reported as is ...
-    QCOMPARE(item->bytesSent, 100LL);                     // ... but stored capped
+    QCOMPARE(progress.at(0).at(0).toLongLong(), 81LL);  // counted from 1
+    QCOMPARE(progress.at(1).at(0).toLongLong(), 101LL); // reported as is ...
+    QCOMPARE(item->bytesSent, 100LL);                    // ... but stored capped
     if (ztLog().isDebugEnabled()) // a debug line: QT_LOGGING_RULES may turn it off
         QCOMPARE(log.count(QStringLiteral("CloudSingleFileUploader::little: ")), 1);
-    QCOMPARE(item->chunks.at(1).toMap().value("bytesSent").toLongLong(), 50LL);
+    // What the cache gets: each part with the bytes of it already sent.
+    const QVariantList remaining = item->toCacheMap().value("uploadInfo").toMap().value("chunks").toList();
+    QCOMPARE(remaining.size(), 2);
+    QCOMPARE(remaining.at(1).toMap().value("bytesSent").toLongLong(), 50LL);
+}
+
+void tst_CloudSingleFileUploader::cacheWritesFollowTimeNotParts_data()
+{
+    QTest::addColumn<int>("parts");
+    QTest::newRow("64 parts") << 64;
+    QTest::newRow("1024 parts") << 1024;
+}
+
+// A finished part goes into the cache with the next coalesced write, not with
+// one of its own: a run writes once for its session, at most once every
+// WriteDelayMs while parts finish, and once at its end, so the count follows
+// how long it ran and not how many parts it had.
+void tst_CloudSingleFileUploader::cacheWritesFollowTimeNotParts()
+{
+    QFETCH(int, parts);
+    const qint64 chunkSize = 16;
+    auto item = makeItem(QByteArray(parts * chunkSize - 5, 'w'));
+    QVERIFY(item);
+    QList<int> numbers;
+    for (int part = 1; part <= parts; ++part)
+        numbers << part;
+    serve(infoAnswer("linear", chunkSize, numbers));
+
+    CloudSingleFileUploader uploader;
+    uploader.setFileItem(item);
+    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
+    UploadGlobal *global = UploadGlobal::instance();
+    const int before = global->cacheWrites();
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(uploader.start());
+    QVERIFY(finished.wait(120000));
+    global->flush();
+    const qint64 elapsed = clock.elapsed();
+    const int writes = global->cacheWrites() - before;
+    QVERIFY2(writes >= 1 && writes <= 2 + elapsed / UploadGlobal::WriteDelayMs,
+             qPrintable(QStringLiteral("%1 writes in %2 ms").arg(writes).arg(elapsed)));
+    QCOMPARE(requestsTo("/upload/part").size(), parts);
+    const QVariantMap stored = global->readValue("uploadInfo").toMap().value(item->identifier).toMap();
+    QCOMPARE(stored.value("uploadedChunk").toInt(), parts);
+    QCOMPARE(stored.value("uploadInfo").toMap().value("chunks").toList(), QVariantList());
 }
 
 QTEST_MAIN(tst_CloudSingleFileUploader)

@@ -59,6 +59,8 @@ private Q_SLOTS:
     void sessionValid();
     void cacheTimerLeavesCache();
     void concurrentWritesKeepEveryEntry();
+    void otherProcessWrites_data();
+    void otherProcessWrites();
     void rootReachesUploadGlobal();
 
 private:
@@ -292,6 +294,11 @@ void tst_UploadGlobal::cacheSetGetRemove()
     global->setInfo(other);
     other.uploadedChunk = 3;
     global->setInfo(other);
+    // Changes reach the store together, in one write.
+    const int writes = global->cacheWrites();
+    QCOMPARE(global->readValue(QStringLiteral("uploadInfo")), QVariant());
+    global->flush();
+    QCOMPARE(global->cacheWrites(), writes + 1);
     QCOMPARE(global->readValue(QStringLiteral("uploadInfo")).toMap().size(), 2);
 
     global->removeInfo(item);
@@ -301,6 +308,14 @@ void tst_UploadGlobal::cacheSetGetRemove()
     // Removing what is not there changes nothing and does not fail.
     global->removeInfo(item);
     QVERIFY(global->getInfo(item.identifier).isEmpty());
+
+    // What is not yet written when the plugin unloads is written then.
+    other.uploadedChunk = 4;
+    global->setInfo(other);
+    UploadGlobal::destroy();
+    const QVariantMap stored = UploadGlobal::instance()->readValue(QStringLiteral("uploadInfo")).toMap();
+    QCOMPARE(stored.keys(), QStringList({other.identifier}));
+    QCOMPARE(stored.value(other.identifier).toMap().value("uploadedChunk").toInt(), 4);
 }
 
 void tst_UploadGlobal::sameFileFindsEntry()
@@ -314,6 +329,9 @@ void tst_UploadGlobal::sameFileFindsEntry()
     QCOMPARE(log.count(QStringLiteral("local info exist")), 0);
     giveSession(first, QStringLiteral("session-r"));
     global->setInfo(first);
+    // Found in the stored value, as a later process (or an older build) finds it.
+    UploadGlobal::destroy();
+    global = UploadGlobal::instance();
 
     // Parameters outside the identifier differ; the earlier run's entry wins.
     QVariantMap again = paramsFor(path);
@@ -391,6 +409,7 @@ void tst_UploadGlobal::storedTextIsNotPlain()
     QVERIFY(global->initFileItem(item, paramsFor(makeFile(QStringLiteral("holiday-photos.zip")))));
     giveSession(item, QStringLiteral("session-secret"));
     global->setInfo(item);
+    global->flush();
 
     const QString stored = store()->value(QStringLiteral("uploadInfo")).toString();
     QVERIFY(QRegularExpression(QStringLiteral("^[A-Za-z0-9+/]+={0,2}$")).match(stored).hasMatch());
@@ -411,6 +430,7 @@ void tst_UploadGlobal::storedTextIsNotPlain()
 
     // It holds live upload tokens: no one but its owner reads it, after a rewrite too.
     global->removeInfo(item);
+    global->flush();
     QCOMPARE(QFileInfo(settingsFile()).permissions() & (QFile::ReadGroup | QFile::ReadOther | QFile::WriteGroup
                                                         | QFile::WriteOther | QFile::ExeGroup | QFile::ExeOther),
              QFile::Permissions());
@@ -448,6 +468,7 @@ void tst_UploadGlobal::damagedCacheReadsEmpty()
     // The next write replaces the damaged value with a good cache.
     giveSession(item, QStringLiteral("session-f"));
     global->setInfo(item);
+    global->flush();
     QCOMPARE(global->readValue(QStringLiteral("uploadInfo")).toMap().keys(),
              QStringList({item.identifier}));
 }
@@ -488,13 +509,14 @@ void tst_UploadGlobal::sessionValid()
 void tst_UploadGlobal::cacheTimerLeavesCache()
 {
     UploadGlobal *global = UploadGlobal::instance();
-    QTimer *timer = global->findChild<QTimer *>();
+    QTimer *timer = global->findChild<QTimer *>(QStringLiteral("cacheTimer"));
     QVERIFY(timer && timer->isActive());
     QCOMPARE(timer->interval(), 86400000);
     FileItem item;
     QVERIFY(global->initFileItem(item, paramsFor(makeFile(QStringLiteral("kept.bin")))));
     giveSession(item, QStringLiteral("session-k"));
     global->setInfo(item);
+    global->flush();
     const QString before = store()->value(QStringLiteral("uploadInfo")).toString();
 
     QSignalSpy fired(timer, &QTimer::timeout);
@@ -524,9 +546,77 @@ void tst_UploadGlobal::concurrentWritesKeepEveryEntry()
     for (const auto &thread : threads)
         QVERIFY(thread->wait(60000));
 
-    // Each write is a read-modify-write of the whole value: none may be lost.
+    // None may be lost between the threads.
+    global->flush();
     QCOMPARE(global->readValue(QStringLiteral("uploadInfo")).toMap().size(),
              Threads * ItemsPerThread);
+}
+
+void tst_UploadGlobal::otherProcessWrites_data()
+{
+    QTest::addColumn<QString>("theirChange");
+    QTest::addColumn<QString>("myChange");
+    QTest::addColumn<QStringList>("stored");
+    QTest::addColumn<int>("sharedChunks");
+
+    // "shared" is in the cache when both start; "mine" and "theirs" are new.
+    QTest::newRow("each adds an entry: both kept") << "add theirs" << "add mine"
+                                                   << QStringList{"mine", "shared", "theirs"} << 1;
+    QTest::newRow("they remove an entry this process left alone: it stays removed")
+        << "remove shared" << "add mine" << QStringList{"mine"} << -1;
+    QTest::newRow("they remove an entry this process updated: this one's update is kept")
+        << "remove shared" << "update shared" << QStringList{"shared"} << 2;
+    QTest::newRow("both update the same entry: the later write wins")
+        << "update shared" << "update shared" << QStringList{"shared"} << 2;
+}
+
+// Another process (a second host, a command-line run) writes the same value
+// while this one keeps its cache in memory: a write of this one lays only its
+// own changes over what is stored then, and a refresh takes theirs in.
+void tst_UploadGlobal::otherProcessWrites()
+{
+    QFETCH(QString, theirChange);
+    QFETCH(QString, myChange);
+    QFETCH(QStringList, stored);
+    QFETCH(int, sharedChunks);
+    const auto entry = [](const QString &identifier, int chunks) {
+        FileItem item;
+        item.identifier = identifier;
+        item.category = QStringLiteral("PhotoVault");
+        for (int i = 0; i < chunks; ++i)
+            item.chunks.append(QVariantMap{{"url", QStringLiteral("http://s/c?partNumber=%1").arg(i + 1)}});
+        return item;
+    };
+    UploadGlobal *global = UploadGlobal::instance();
+    global->setInfo(entry("shared", 1));
+    global->flush();
+
+    QVariantMap theirs = global->readValue(QStringLiteral("uploadInfo")).toMap();
+    if (theirChange == QLatin1String("add theirs"))
+        theirs.insert("theirs", entry("theirs", 1).toCacheMap());
+    else if (theirChange == QLatin1String("remove shared"))
+        theirs.remove("shared");
+    else
+        theirs.insert("shared", entry("shared", 3).toCacheMap());
+    store()->setValue(QStringLiteral("uploadInfo"), Encryption::instance()->serializeDataToFile(theirs));
+
+    global->setInfo(myChange == QLatin1String("add mine") ? entry("mine", 1) : entry("shared", 2));
+    global->flush();
+    const QVariantMap after = global->readValue(QStringLiteral("uploadInfo")).toMap();
+    QCOMPARE(after.keys(), stored);
+    const QVariantMap shared = global->getInfo("shared");
+    QCOMPARE(shared.isEmpty() ? -1 : shared.value("uploadInfo").toMap().value("chunks").toList().size(),
+             sharedChunks);
+    QCOMPARE(after.value("shared").toMap().value("uploadInfo").toMap().value("chunks").toList().size(),
+             qMax(sharedChunks, 0));
+
+    // Their later change alone reaches this process at the next job's refresh.
+    theirs = after;
+    theirs.insert("later", entry("later", 1).toCacheMap());
+    store()->setValue(QStringLiteral("uploadInfo"), Encryption::instance()->serializeDataToFile(theirs));
+    QVERIFY(global->getInfo("later").isEmpty());
+    global->refresh();
+    QCOMPARE(global->getInfo("later").value("identifier").toString(), QStringLiteral("later"));
 }
 
 void tst_UploadGlobal::rootReachesUploadGlobal()
