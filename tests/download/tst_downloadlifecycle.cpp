@@ -4,6 +4,7 @@
 #include "download/downloadtask.h"
 #include "filedigest.h"
 #include "hostcall.h"
+#include "network/networkmanager.h"
 #include "plugin/globalmanager.h"
 #include "plugin/ztserver.h"
 #include "scriptedserver.h"
@@ -19,6 +20,7 @@
 #include <QJsonObject>
 #include <QLockFile>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QStandardPaths>
@@ -33,7 +35,8 @@
 // each file's SHA-256: stopped and started again at once (in other chunks, or
 // after the file changed), a server without ranges, the same content asked for
 // twice, the host's time-out in the middle of a call, every way a batch ends
-// (once), and what a batch that brings no file leaves behind (nothing).
+// (once), what a batch that brings no file leaves behind (nothing), and how
+// the files of a batch are probed (several at a time, decided in order).
 class tst_DownloadLifeCycle : public QObject
 {
     Q_OBJECT
@@ -52,6 +55,8 @@ private Q_SLOTS:
     void batchEndsOnce();
     void batchLeavesNoLitter_data();
     void batchLeavesNoLitter();
+    void probesOfABatch_data();
+    void probesOfABatch();
 
 private:
     static constexpr qint64 MiB = 1024 * 1024;
@@ -445,7 +450,6 @@ void tst_DownloadLifeCycle::batchLeavesNoLitter_data()
     QTest::addColumn<QString>("ending");
     QTest::addColumn<int>("code");
     QTest::newRow("arrives, as a(1).bin") << "" << 0;
-    QTest::newRow("refused: the next file's probe fails") << "probe" << 20695;
     QTest::newRow("stopped by the host") << "stop" << 20716;
     QTest::newRow("aborted by the host") << "abort" << 20716;
     QTest::newRow("the merged file is not the server's") << "digest" << 20630;
@@ -466,16 +470,13 @@ void tst_DownloadLifeCycle::batchLeavesNoLitter()
     mine.close();
     const bool cancels = ending == "stop" || ending == "abort";
     m_shape = [&](const ScriptedRequest &r, ScriptedResponse &response) {
-        if (ending == "probe" && r.body.contains("b.bin"))
-            response = ScriptedResponse::json("{}", 403);
         for (auto &header : response.headers) {
             if (ending == "digest" && header.first == "Repr-Digest")
                 header.second = "sha-256=:" + QCryptographicHash::hash("other", QCryptographicHash::Sha256).toBase64() + ":";
         }
         response.hold = cancels && r.header("Range") != "bytes=0-1";
     };
-    HostCall call(m_root.data(), "zt_apply_startDownload",
-                  batch(ending == "probe" ? QStringList{"a.bin", "b.bin"} : QStringList{"a.bin"}, m_target->path()));
+    HostCall call(m_root.data(), "zt_apply_startDownload", batch({"a.bin"}, m_target->path()));
     if (cancels) {
         QTRY_VERIFY_WITH_TIMEOUT(m_server->heldCount() > 0, 10000);
         ending == "stop" ? Q_EMIT call.reply()->stop() : Q_EMIT call.reply()->abort();
@@ -491,6 +492,92 @@ void tst_DownloadLifeCycle::batchLeavesNoLitter()
     const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
     QVERIFY2(documents.startsWith(m_environment.homePath()), qPrintable(documents));
     QVERIFY(!QFileInfo::exists(documents + "/Zephyrtide"));
+}
+
+void tst_DownloadLifeCycle::probesOfABatch_data()
+{
+    QTest::addColumn<int>("files"); // f1.bin to fN.bin; the user's f1.bin is there already
+    QTest::addColumn<Zephyrtide::Manager::NetLimit>("limit");
+    QTest::addColumn<int>("refused"); // the file whose probe is answered 403; 0 for none
+    QTest::addColumn<int>("unmade");  // the file whose folder cannot be made; 0 for none
+    QTest::addColumn<int>("probes");  // that reach the server
+    QTest::addColumn<int>("atOnce");  // the most in flight
+    QTest::addColumn<int>("code");
+    const auto normal = Zephyrtide::Manager::Normal;
+    QTest::newRow("12 files, four at a time") << 12 << normal << 0 << 0 << 12 << 4 << 0;
+    QTest::newRow("12 files, two at a time") << 12 << Zephyrtide::Manager::Low << 0 << 0 << 12 << 2 << 0;
+    QTest::newRow("one file") << 1 << normal << 0 << 0 << 1 << 1 << 0;
+    QTest::newRow("file 3 refused: 20695 for all") << 12 << normal << 3 << 0 << 12 << 4 << 20695;
+    // The first file that cannot run decides, as when probed one by one; none is sent after a folder fails.
+    QTest::newRow("file 3 refused, file 7's folder: 20695") << 12 << normal << 3 << 7 << 6 << 4 << 20695;
+    QTest::newRow("file 3's folder, file 2 refused: 20695") << 12 << normal << 2 << 3 << 2 << 2 << 20695;
+    QTest::newRow("file 3's folder, file 7 refused: 20699") << 12 << normal << 7 << 3 << 2 << 2 << 20699;
+}
+
+// The probes of a batch go out several at a time, never more than the
+// download queue's limit. Each is held until as many as may be in flight have
+// come (or the last one has): probes sent one after the other would wait for
+// an answer that never comes. A batch that fails leaves the user's folder as
+// it was; one that arrives brings every file, f1.bin under a free name.
+void tst_DownloadLifeCycle::probesOfABatch()
+{
+    QFETCH(int, files);
+    QFETCH(Zephyrtide::Manager::NetLimit, limit);
+    QFETCH(int, refused);
+    QFETCH(int, unmade);
+    QFETCH(int, probes);
+    QFETCH(int, atOnce);
+    QFETCH(int, code);
+    NetworkManager &queue = *DownloadGlobal::instance()->networkManager();
+    queue.setNetLimit(limit);
+    const auto restore = qScopeGuard([&] { queue.setNetLimit(Zephyrtide::Manager::High); });
+    serve(10 * 1024 + 3);
+    QFile mine(m_target->filePath("f1.bin"));
+    QVERIFY(mine.open(QIODevice::WriteOnly) && mine.write("mine") == 4);
+    mine.close();
+    QFile blocker(m_target->filePath("blocker")); // where a folder should be
+    QVERIFY(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    int seen = 0;
+    int mostOpen = 0;
+    m_shape = [&](const ScriptedRequest &r, ScriptedResponse &response) {
+        if (r.header("Range") != "bytes=0-1")
+            return; // a chunk
+        mostOpen = qMax(mostOpen, m_server->openRequests());
+        if (refused > 0 && r.body.contains("\"f" + QByteArray::number(refused) + ".bin\""))
+            response = ScriptedResponse::json("{}", 403);
+        response.hold = true;
+        if (++seen == probes || m_server->heldCount() + 1 == queue.netLimit() + 1)
+            QMetaObject::invokeMethod(m_server.data(), [this] { m_server->release(); }, Qt::QueuedConnection);
+    };
+    QVariantList list;
+    QStringList expected{"blocker", "f1.bin"};
+    for (int i = 1; i <= files; ++i) {
+        const QString name = QStringLiteral("f%1.bin").arg(i);
+        const QString folder = i == unmade ? blocker.fileName() : m_target->path();
+        list << QVariantMap{{"filename", name}, {"path", folder + "/" + name}};
+        expected << (i == 1 ? "f1(1).bin" : name);
+    }
+    HostCall call(m_root.data(), "zt_apply_startDownload", {{"files", list}});
+    call.wait();
+    QCOMPARE(call.finishedCount(), 1);
+    QCOMPARE(call.errorCode(), code);
+    QCOMPARE(seen, probes);
+    QCOMPARE(mostOpen, atOnce);
+    QCOMPARE(sha256OfFile(mine.fileName()), QCryptographicHash::hash("mine", QCryptographicHash::Sha256));
+    if (code != 0)
+        expected = QStringList{"blocker", "f1.bin"};
+    expected.sort();
+    QCOMPARE(QDir(m_target->path()).entryList(QDir::Files | QDir::Hidden, QDir::Name), expected);
+    QStringList paths;
+    for (const QVariant &entry : call.result().value("result").toList())
+        paths << entry.toMap().value("path").toString();
+    QCOMPARE(paths.size(), code == 0 ? files : 0);
+    for (int i = 1; code == 0 && i <= files; ++i) {
+        const QString path = m_target->filePath(i == 1 ? "f1(1).bin" : QStringLiteral("f%1.bin").arg(i));
+        QCOMPARE(paths.count(path), 1);
+        QCOMPARE(sha256OfFile(path), digestOf("f" + QByteArray::number(i) + ".bin"));
+    }
 }
 
 // "--hold-lock <path>": a second process that holds a content folder's lock
