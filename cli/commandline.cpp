@@ -27,6 +27,7 @@ const QList<CommandLine::Option> &CommandLine::options()
         {QStringLiteral("temp"), QChar(), true, QString()},
         {QStringLiteral("chunk-size-mb"), QChar(), true, QString(), 0, 4095},
         {QStringLiteral("verbose"), QLatin1Char('v'), false, QString()},
+        {QStringLiteral("quiet"), QLatin1Char('q'), false, QString()},
         {QStringLiteral("help"), QLatin1Char('h'), false, QString()},
         {QStringLiteral("version"), QChar(), false, QString()},
         {QStringLiteral("root"), QChar(), true, QStringLiteral("serve")},

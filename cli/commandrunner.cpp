@@ -210,7 +210,8 @@ int CommandRunner::openSession()
         err(QStringLiteral("ztcli: %1\n").arg(m_host->errorString()));
         return ExitSetup;
     }
-    m_display.reset(new ProgressDisplay(ProgressDisplay::modeForStdout(), &m_stdout, &m_stderr));
+    m_display.reset(new ProgressDisplay(ProgressDisplay::modeForStderr(m_line.isSet(QStringLiteral("quiet"))),
+                                        &m_stderr, &m_stderr));
     m_client.reset(new ServiceClient(m_host.data()));
     m_client->setInterruptHandler(m_interrupts);
     m_client->setDisplay(m_display.data());

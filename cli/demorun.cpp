@@ -148,7 +148,7 @@ int DemoRun::run(qint64 largeSizeMiB)
         complain(host.errorString());
         return ExitSetup;
     }
-    ProgressDisplay display(ProgressDisplay::modeForStdout(), m_out, m_err);
+    ProgressDisplay display(ProgressDisplay::modeForStderr(), m_err, m_err);
     ServiceClient client(&host);
     client.setInterruptHandler(m_interrupts);
     client.setDisplay(&display);

@@ -30,6 +30,7 @@ Options:
                          they resume (default: $XDG_CACHE_HOME/ztcli/partial,
                          i.e. ~/.cache/ztcli/partial)
       --chunk-size-mb N  download chunk size in MiB (default: the plugin's, 50)
+  -q, --quiet            show no progress (results and errors still show)
   -v, --verbose          show the plugin's log on stderr
   -h, --help             show help
       --version          show the version
@@ -37,11 +38,13 @@ Options:
 Environment:
   ZT_SERVER       address of the file service when --server is not given
   ZT_TOKEN        token when --token is not given
-  ZT_PLUGIN       the plugin to load (default: ../plugins/libztServer.so,
-                  relative to the ztcli executable)
+  ZT_PLUGIN       the plugin to load (default: ../plugins/libztServer.so
+                  relative to the ztcli executable, or where make install
+                  put it, ../lib/ztserver/plugins/)
   ZT_FILESERVICE  the reference file service script (serve, demo)
 
-Progress: a live bar on a terminal, otherwise one line a second and a final line.
+Progress goes to stderr: a live bar on a terminal, otherwise one line a second
+and a final line; stdout carries only results.
 Ctrl-C stops a transfer so that the next run resumes it; a second Ctrl-C aborts
 it and discards what arrived.
 

@@ -22,9 +22,11 @@ ProgressDisplay::ProgressDisplay(Mode mode, QIODevice *out, QIODevice *notes, QO
     m_timer.start();
 }
 
-ProgressDisplay::Mode ProgressDisplay::modeForStdout()
+ProgressDisplay::Mode ProgressDisplay::modeForStderr(bool quiet)
 {
-    return ::isatty(STDOUT_FILENO) ? Bar : Lines;
+    if (quiet)
+        return Silent;
+    return ::isatty(STDERR_FILENO) ? Bar : Lines;
 }
 
 qint64 ProgressDisplay::now() const
@@ -140,7 +142,7 @@ int ProgressDisplay::terminalWidth() const
     if (m_width > 0)
         return m_width;
     struct winsize size {};
-    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+    if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
         return size.ws_col;
     return 80;
 }

@@ -27,7 +27,9 @@ public:
     // out and notes are borrowed and must outlive the display.
     ProgressDisplay(Mode mode, QIODevice *out, QIODevice *notes, QObject *parent = nullptr);
 
-    static Mode modeForStdout(); // Bar when stdout is a terminal, else Lines
+    // Progress goes to stderr, so that stdout carries only results: Bar when
+    // stderr is a terminal, else Lines; Silent when the user asked for quiet.
+    static Mode modeForStderr(bool quiet = false);
     void setClock(Clock clock) { m_clock = std::move(clock); }
     void setWidth(int columns) { m_width = columns; }
 

@@ -120,12 +120,16 @@ void tst_ZtcliTransfers::uploadThenDownload()
     QCOMPARE(cli.run({"--server", m_url, "upload", source}), 0);
     QVERIFY2(cli.out().contains(QStringLiteral("uploaded %1").arg(source)), qPrintable(cli.output()));
     QVERIFY(readFile(QDir(m_store.path()).filePath(name)) == content);
+    // Progress goes to stderr; stdout carries only the results.
+    QVERIFY2(cli.err().contains(QLatin1String("done:")) && !cli.out().contains(QLatin1String("done:")),
+             qPrintable(cli.output()));
 
     QTemporaryDir target;
-    QCOMPARE(cli.run({"--server", m_url, "--chunk-size-mb", "1", "download", name, "--to", target.path()}), 0);
+    QCOMPARE(cli.run({"-q", "--server", m_url, "--chunk-size-mb", "1", "download", name, "--to", target.path()}), 0);
     const QString path = QDir(target.path()).filePath(name);
     QVERIFY2(cli.out().contains(QStringLiteral("downloaded %1 to %2").arg(name, path)), qPrintable(cli.output()));
     QVERIFY(readFile(path) == content);
+    QVERIFY2(!cli.output().contains(QLatin1String("done:")), qPrintable(cli.output())); // quiet
 }
 
 void tst_ZtcliTransfers::secondDownloadGetsAFreeName()
@@ -231,7 +235,7 @@ void tst_ZtcliTransfers::interruptedDownloadResumes()
     QVERIFY(readFile(result) == content);
     // It says how far the first run had come, from what was on disk.
     const QString resumedAt = QStringLiteral("(resumed at %1%)").arg(int(100.0 * double(kept) / content.size()));
-    QVERIFY2(second.out().contains(resumedAt), qPrintable(resumedAt + " in " + second.output()));
+    QVERIFY2(second.err().contains(resumedAt), qPrintable(resumedAt + " in " + second.output()));
     // Only the missing chunks travelled again, plus their overlap bytes, the
     // probe's two bytes and the listing ztcli asks for before it downloads.
     const qint64 resent = server.bodyBytesSent() - sentBefore;
