@@ -1,5 +1,6 @@
 """Upload sessions, parts and completion."""
 import hashlib
+import json
 import os
 import signal
 import socket
@@ -149,15 +150,44 @@ def test_missing_parts_refuse_completion(service):
     assert not os.path.exists(os.path.join(service.root, "m.bin"))
 
 
-@pytest.mark.parametrize("signum", [signal.SIGTERM, signal.SIGINT])
-def test_sessions_survive_a_restart(make_service, signum):
+def fold_logs_into_records(root):
+    """Rewrites a root as the layout before the logs left it: every part in
+    session.json, every finished upload in completed.json."""
+    uploads = os.path.join(root, ".uploads")
+    completed = {}
+    for line in open(os.path.join(uploads, "completed.log")).read().splitlines():
+        change = json.loads(line)
+        completed[change["name"]] = change["record"]
+    with open(os.path.join(uploads, "completed.json"), "w") as out:
+        json.dump(completed, out)
+    os.unlink(os.path.join(uploads, "completed.log"))
+    for entry in os.listdir(uploads):
+        folder = os.path.join(uploads, entry)
+        if os.path.isdir(folder):
+            session = json.load(open(os.path.join(folder, "session.json")))
+            for line in open(os.path.join(folder, "parts.log")).read().splitlines():
+                number, start, end = line.split()
+                session["parts"].setdefault(number, []).append([int(start), int(end)])
+            with open(os.path.join(folder, "session.json"), "w") as out:
+                json.dump(session, out)
+            os.unlink(os.path.join(folder, "parts.log"))
+
+
+# A part answered 200 and a completed upload are kept whatever ends the
+# service, a kill included, and a root of the earlier layout is taken up too.
+@pytest.mark.parametrize("signum, code, earlier_layout", [
+    (signal.SIGTERM, 0, False), (signal.SIGINT, 0, False), (signal.SIGKILL, -signal.SIGKILL, False),
+    (signal.SIGKILL, -signal.SIGKILL, True)])
+def test_sessions_survive_a_restart(make_service, signum, code, earlier_layout):
     content = os.urandom(24)
     first = make_service("--chunk-size", "8")
     assert first.upload("done.bin", b"done", 8)[0] == "success"
     answer = first.info("s.bin", 24)["uploadInfo"]
     assert first.send_part(answer["chunks"][0], content[:8]) == 200
     cut_body(first, answer["chunks"][1], content[8:11], 8)
-    assert first.stop(signum) == 0
+    assert first.stop(signum) == code
+    if earlier_layout:
+        fold_logs_into_records(first.root)
 
     second = make_service("--chunk-size", "8", root=first.root)
     again = second.info("s.bin", 24)["uploadInfo"]
@@ -215,7 +245,7 @@ def test_concurrent_parts_and_completes(make_service):
     assert sorted(status for status, _ in answers) == ["fail", "fail", "success"]
     assert all(result == "notExist" for status, result in answers if status == "fail")
     assert sha256(service.stored("c.bin")) == sha256(content)
-    assert os.listdir(os.path.join(service.root, ".uploads")) == ["completed.json"]
+    assert set(os.listdir(os.path.join(service.root, ".uploads"))) <= {"completed.json", "completed.log"}
 
 
 @pytest.mark.parametrize("second, options", [
@@ -239,7 +269,7 @@ def test_two_uploads_of_one_name(make_service, second, options):
     winner = [k for k in answers if answers[k][0] == "success"]
     assert len(winner) == 1 and answers[1 - winner[0]] == ("fail", "illegalErr"), answers
     assert service.stored("n.bin") == contents[winner[0]]
-    assert os.listdir(os.path.join(service.root, ".uploads")) == ["completed.json"]
+    assert set(os.listdir(os.path.join(service.root, ".uploads"))) <= {"completed.json", "completed.log"}
     # Only the client that completed it hears that it exists.
     assert [c.info("n.bin", 16, i)["exist"] for c, i in zip(clients, identifiers)] == [k in winner for k in (0, 1)]
 
@@ -279,3 +309,31 @@ def test_room_is_asked_for_what_is_missing(make_service, scratch):
         assert service.send_part(chunk, f[number * part:(number + 1) * part]) == 200
     assert service.complete("f.bin")[0] == "success"
     assert service.request("GET", "/download?fileName=f.bin")[2] == f
+
+
+def written_by(service):
+    """Bytes the service has handed to write() so far: files, sockets, its log."""
+    with open("/proc/%d/io" % service.process.pid) as io:
+        return next(int(line.split()[1]) for line in io if line.startswith("wchar:"))
+
+
+@pytest.mark.parametrize("what", ["parts of one upload", "uploads"])
+def test_a_request_costs_the_same_however_many_came_before(make_service, what):
+    count, sample = 200, 20
+    service = make_service("--chunk-size", "8")
+    if what == "parts of one upload":
+        content = os.urandom(8 * count)
+        chunks = service.info("p.bin", len(content))["uploadInfo"]["chunks"]
+
+        def step(n):
+            assert service.send_part(chunks[n], content[8 * n:8 * n + 8]) == 200
+    else:
+        def step(n):
+            assert service.upload("u%d.bin" % n, b"%8d" % n, 8, identifier="%032x" % n)[0] == "success"
+    costs = []
+    for n in range(count):
+        before = written_by(service)
+        step(n)
+        costs.append(written_by(service) - before)
+    first, last = sum(costs[:sample]), sum(costs[-sample:])
+    assert last <= 1.5 * first, (first, last)

@@ -32,6 +32,7 @@ log = logging.getLogger("zt-fileservice")
 JSON_BODY_LIMIT = 1 << 20
 READ_SIZE = 1 << 20        # largest piece taken from a request body at a time
 READ_BUFFER = 1 << 20      # per-connection receive buffer of the HTTP layer
+MEMORY_BODY = 1 << 20      # a part body up to this size is checked in memory, a larger one on disk
 MAX_PARTS = 100000         # refuses sizes whose part list would be absurd
 SHUTDOWN_GRACE = 5.0       # seconds running requests get on SIGTERM
 LISTEN_BACKLOG = 1024      # connections the kernel holds until they are accepted
@@ -436,7 +437,7 @@ class FileService:
         except OSError as error:
             raise self.storage_error(session, error)
         finally:
-            if os.path.exists(incoming):
+            if isinstance(incoming, str) and os.path.exists(incoming):
                 os.unlink(incoming)
         if cut:
             # What is left of the body may still come, or never: the connection is done.
@@ -455,33 +456,45 @@ class FileService:
         return web.HTTPInternalServerError(text="could not store the part")
 
     async def receive(self, request, session, limit):
-        """Streams up to limit bytes of the body to a scratch file.
+        """Reads up to limit bytes of the body: in memory while it is small, a
+        small part then costs no scratch file; streamed to one past that.
 
-        Returns (bytes, base64 MD5, scratch path, whether the body was cut short).
+        Returns (bytes, base64 MD5, the body as bytes or the scratch file's
+        path, whether the body was cut short).
         """
-        out, path = session.new_incoming()
         md5 = hashlib.md5(usedforsecurity=False)
         received, cut = 0, False
+        held, out, path = bytearray(), None, None
         try:
-            with out:
-                try:
-                    async with asyncio.timeout(None) as quiet:
-                        while received < limit:
-                            self.bound_quiet(quiet)
-                            piece = await request.content.read(min(READ_SIZE, limit - received))
-                            if not piece:
-                                break
-                            md5.update(piece)
+            try:
+                async with asyncio.timeout(None) as quiet:
+                    while received < limit:
+                        self.bound_quiet(quiet)
+                        piece = await request.content.read(min(READ_SIZE, limit - received))
+                        if not piece:
+                            break
+                        md5.update(piece)
+                        received += len(piece)
+                        if out is None and received > MEMORY_BODY:
+                            out, path = session.new_incoming()
+                            out.write(held)
+                            held = None
+                        if out is None:
+                            held += piece
+                        else:
                             out.write(piece)
-                            received += len(piece)
-                except (ConnectionError, HttpProcessingError, TimeoutError):
-                    cut = True
+            except (ConnectionError, HttpProcessingError, TimeoutError):
+                cut = True
         except BaseException:
-            os.unlink(path)
+            if out is not None:
+                out.close()
+                os.unlink(path)
             raise
+        if out is not None:
+            out.close()
         if request.content_length is not None and received < request.content_length:
             cut = True
-        return received, base64.b64encode(md5.digest()).decode(), path, cut
+        return received, base64.b64encode(md5.digest()).decode(), path if out is not None else bytes(held), cut
 
     # Downloads
 

@@ -3,22 +3,33 @@
 Layout under the root folder:
   <name>                              stored files (plain names only, never hidden)
   .uploads/completed.json             fileName -> {"fileMD5", "fileSize", "client", "completed",
-                                      "key", "digest"} of finished uploads
-  .uploads/<uploadID>/session.json    one upload session, rewritten atomically
+                                      "key", "digest"} of finished uploads, as of the last start
+  .uploads/completed.log              what changed in it since: one JSON line per upload
+                                      completed ({"name", "record"}) or file deleted ({"name"})
+  .uploads/<uploadID>/session.json    one upload session as it was opened, written atomically
+  .uploads/<uploadID>/parts.log       the byte ranges received since: "PART START END" lines,
+                                      or "-PART" for a part found lost
   .uploads/<uploadID>/data            the file being uploaded, every part at its place
-  .uploads/<uploadID>/incoming-*      a part body on its way in; removed at start
+  .uploads/<uploadID>/incoming-*      a large part body on its way in; removed at start
 
-A body is checked in its scratch file, then copied to its place in the data
-file. A part's bytes count only once session.json records them, and that
-happens after they are on disk: a crash mid-write leaves at worst bytes that
-are not counted, never counted bytes that are wrong. Completing an upload
-renames the data file into place, so no byte is copied twice.
+A body is checked (in memory, or in a scratch file when it is large) before it
+is written to its place in the data file. A part's bytes count only once
+parts.log records them, and that happens after they are on disk: a crash
+mid-write leaves at worst bytes that are not counted, never counted bytes that
+are wrong. Completing an upload renames the data file into place, so no byte is
+copied twice.
+
+Each request appends a line to a log rather than rewriting a record that holds
+every part or every upload: a part costs the same whether it is the first or
+the four-thousandth, and a completed upload the same however many came before.
+The logs are folded into their records when the service starts.
 
 A session belongs to one client: the identifier a client chooses names a
 session only among that client's own, so another client that happens to (or
 means to) use the same identifier never writes into it.
 """
 import asyncio
+import collections
 import errno
 import json
 import logging
@@ -35,6 +46,7 @@ from .digests import Digests, as_repr_digest, content_key, etag_of, hash_descrip
 
 COPY_BLOCK = 1 << 20
 INCOMING_PREFIX = "incoming-"
+PARTS_LOG = "parts.log"
 
 log = logging.getLogger("zt-fileservice")
 
@@ -52,7 +64,7 @@ def _write_json(path, data):
     fd, temp = tempfile.mkstemp(prefix=".tmp-", dir=os.path.dirname(path))
     try:
         with os.fdopen(fd, "w", encoding="utf-8") as out:
-            json.dump(data, out)
+            out.write(json.dumps(data))   # in one piece: json.dump writes token by token
             out.flush()
             os.fsync(out.fileno())
         os.replace(temp, path)
@@ -60,6 +72,37 @@ def _write_json(path, data):
         if os.path.exists(temp):
             os.unlink(temp)
         raise
+
+
+def _append_synced(path, text):
+    """Appends text to a log file and syncs it: once this returns, the line is on disk."""
+    fd = os.open(path, os.O_WRONLY | os.O_APPEND | os.O_CREAT | os.O_NOFOLLOW | os.O_CLOEXEC, 0o644)
+    try:
+        data = text.encode("utf-8")
+        if os.write(fd, data) != len(data):
+            raise OSError(errno.EIO, "short write to %s" % path)
+        os.fdatasync(fd)
+    finally:
+        os.close(fd)
+
+
+def _read_lines(path):
+    """The complete lines of a log; a last line a crash cut short is left out."""
+    try:
+        with open(path, encoding="utf-8", errors="replace") as f:
+            text = f.read()
+    except OSError:
+        return []
+    return text.split("\n")[:-1]
+
+
+def _pwrite_all(fd, data, offset):
+    view = memoryview(data)
+    while view:
+        done = os.pwrite(fd, view, offset)
+        if done <= 0:
+            raise OSError(errno.EIO, "write made no progress")
+        view, offset = view[done:], offset + done
 
 
 def _read_json(path, default):
@@ -167,21 +210,43 @@ class Session:
         now = time.time() if now is None else now
         return now > self.data["created"] + self.data["expires"]
 
+    def _count(self, number, start, end):
+        ranges = self.data["parts"].get(str(number), []) + [[start, end]]
+        self.data["parts"][str(number)] = merge_ranges(ranges)
+
     def record(self, number, start, end):
         """Counts bytes [start, end) of a part as received; they are on disk already."""
         if end > start:
-            ranges = self.data["parts"].get(str(number), []) + [[start, end]]
-            self.data["parts"][str(number)] = merge_ranges(ranges)
+            _append_synced(os.path.join(self.folder, PARTS_LOG), "%d %d %d\n" % (number, start, end))
+            self._count(number, start, end)
             self.touch()
-            self.save()
 
     def forget(self, numbers):
+        _append_synced(os.path.join(self.folder, PARTS_LOG), "".join("-%d\n" % n for n in numbers))
         for number in numbers:
             self.data["parts"].pop(str(number), None)
-        self.save()
 
     def save(self):
         _write_json(os.path.join(self.folder, "session.json"), self.data)
+
+    def replay(self):
+        """Takes up the ranges parts.log recorded since session.json was written."""
+        path = os.path.join(self.folder, PARTS_LOG)
+        for line in _read_lines(path):
+            fields = line.split()
+            try:
+                numbers = [int(field) for field in fields]
+            except ValueError:
+                continue
+            if len(numbers) == 1 and numbers[0] < 0:
+                self.data["parts"].pop(str(-numbers[0]), None)
+            elif len(numbers) == 3 and 1 <= numbers[0] <= self.part_count() \
+                    and 0 <= numbers[1] < numbers[2] <= self.part_size(numbers[0]):
+                self._count(*numbers)
+        try:
+            self.data["touched"] = max(self.last_active(), os.path.getmtime(path))
+        except OSError:
+            pass
 
     def new_incoming(self):
         """A scratch file for a part body: (open binary file, path)."""
@@ -189,14 +254,23 @@ class Session:
         return os.fdopen(fd, "wb"), path
 
     def take_part(self, number, offset, incoming, count):
-        """Puts count bytes of the scratch file at offset of part number in the
-        data file, synced, then counts them as received.
+        """Puts count bytes of the body, in memory (bytes) or in the scratch
+        file incoming (a path), at offset of part number in the data file,
+        synced, then counts them as received.
 
-        The body of a one-part upload is the whole file and is renamed into
-        place; any other body is copied in the kernel. Blocking: runs off the
-        event loop, with the session's lock held by the caller.
+        A body in memory is written in place; the scratch file of a one-part
+        upload is the whole file and is renamed into place; any other is copied
+        in the kernel. Blocking: runs off the event loop, with the session's
+        lock held by the caller.
         """
-        if self.part_count() == 1 and offset == 0 and count == self.part_size(1):
+        if not isinstance(incoming, str):
+            target = os.open(self.data_path(), os.O_WRONLY | os.O_CREAT | os.O_NOFOLLOW, 0o644)
+            try:
+                _pwrite_all(target, incoming[:count], (number - 1) * self.data["chunkSize"] + offset)
+                os.fdatasync(target)
+            finally:
+                os.close(target)
+        elif self.part_count() == 1 and offset == 0 and count == self.part_size(1):
             _fsync_path(incoming)
             os.replace(incoming, self.data_path())
         else:
@@ -234,16 +308,45 @@ class Store:
         self.max_sessions = max_sessions
         os.makedirs(self.uploads, exist_ok=True)
         self._completed_path = os.path.join(self.uploads, "completed.json")
-        self.completed = _read_json(self._completed_path, {})
-        if not isinstance(self.completed, dict):
-            self.completed = {}
+        self._completed_log = os.path.join(self.uploads, "completed.log")
+        self.completed = self._load_completed()
         self.digests = Digests({name: (done["key"], done["digest"]) for name, done in self.completed.items()
                                 if isinstance(done, dict) and "key" in done and "digest" in done})
         self.sessions = {}   # (client, identifier) -> Session
         self.by_upload_id = {}
+        self.held_by = collections.Counter()   # client -> sessions open
+        self._swept = 0.0                      # when drop_expired last looked at every session
         # name -> the lock held while an upload of that name is put in place
         self._name_locks = weakref.WeakValueDictionary()
         self._load()
+
+    def _load_completed(self):
+        """The record of finished uploads with the log of what changed since
+        folded in, written back as one record so that the log starts empty."""
+        completed = _read_json(self._completed_path, {})
+        if not isinstance(completed, dict):
+            completed = {}
+        lines = _read_lines(self._completed_log)
+        for line in lines:
+            try:
+                change = json.loads(line)
+                name = change["name"]
+            except (ValueError, TypeError, KeyError):
+                continue
+            if isinstance(change.get("record"), dict):
+                completed[name] = change["record"]
+            else:
+                completed.pop(name, None)
+        if lines or os.path.exists(self._completed_log):
+            _write_json(self._completed_path, completed)
+            os.unlink(self._completed_log)
+        return completed
+
+    def _log_completed(self, name, record=None):
+        change = {"name": name}
+        if record is not None:
+            change["record"] = record
+        _append_synced(self._completed_log, json.dumps(change) + "\n")
 
     def _load(self):
         """Takes up the sessions a previous run left, and clears what it left half done."""
@@ -258,6 +361,7 @@ class Store:
                 shutil.rmtree(folder, ignore_errors=True)
                 continue
             session = Session(folder, data)
+            session.replay()
             for entry in os.listdir(folder):
                 if entry.startswith(INCOMING_PREFIX) or entry.startswith(".tmp-"):
                     os.unlink(os.path.join(folder, entry))
@@ -332,7 +436,7 @@ class Store:
             return False
         self.digests.forget(name)
         if self.completed.pop(name, None) is not None:
-            _write_json(self._completed_path, self.completed)
+            self._log_completed(name)
         return True
 
     def already_stored(self, client, name, identifier, size):
@@ -346,6 +450,8 @@ class Store:
     # Sessions
 
     def _attach(self, session):
+        if session.key not in self.sessions:
+            self.held_by[session.data["client"]] += 1
         self.sessions[session.key] = session
         self.by_upload_id[session.upload_id] = session
 
@@ -353,6 +459,9 @@ class Store:
         """Takes a session out of reach of new requests; its folder stays."""
         if self.sessions.get(session.key) is session:
             del self.sessions[session.key]
+            self.held_by[session.data["client"]] -= 1
+            if self.held_by[session.data["client"]] <= 0:
+                del self.held_by[session.data["client"]]
         if self.by_upload_id.get(session.upload_id) is session:
             del self.by_upload_id[session.upload_id]
 
@@ -365,7 +474,14 @@ class Store:
         shutil.rmtree(session.folder, ignore_errors=True)
 
     def drop_expired(self):
+        """Drops the expired sessions; looks at all of them at most once a
+        second, so that a thousand open sessions do not make every request
+        walk a thousand. A session found by its key or upload ID is checked
+        on its own."""
         now = time.time()
+        if 0 <= now - self._swept < 1.0:
+            return
+        self._swept = now
         for session in [s for s in self.sessions.values() if s.expired(now)]:
             log.info("upload %s expired", session.upload_id)
             self.drop(session)
@@ -374,6 +490,10 @@ class Store:
         """The client's live session of identifier, if it is one for this name and size."""
         self.drop_expired()
         session = self.sessions.get((client, identifier))
+        if session and session.expired():
+            log.info("upload %s expired", session.upload_id)
+            self.drop(session)
+            session = None
         if session and (session.data["fileName"] != name or session.data["fileSize"] != size):
             self.drop(session)   # the identifier now stands for another upload
             session = None
@@ -381,7 +501,7 @@ class Store:
 
     def open_session(self, client, identifier, name, size):
         """A new session of the client; None when it has as many open as it may."""
-        held = sum(1 for session in self.sessions.values() if session.data["client"] == client)
+        held = self.held_by[client]
         if held >= self.max_sessions:
             log.warning("upload of %s refused: the client has %d sessions open", name, held)
             return None
@@ -474,4 +594,4 @@ class Store:
             "fileMD5": session.identifier, "fileSize": session.data["fileSize"],
             "client": session.data["client"], "completed": stamp, "key": key, "digest": digest}
         self.digests.learn(name, key, digest)
-        _write_json(self._completed_path, self.completed)
+        self._log_completed(name, self.completed[name])
