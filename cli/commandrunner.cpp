@@ -19,6 +19,7 @@
 #include <QJsonDocument>
 #include <QLoggingCategory>
 #include <QStandardPaths>
+#include <QTemporaryFile>
 #include <QSslCertificate>
 #include <QUrl>
 
@@ -161,7 +162,11 @@ QString CommandRunner::serverAddress()
         address.chop(1);
     const QUrl url(address, QUrl::StrictMode);
     const bool web = url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https");
-    if (!url.isValid() || !web || url.host().isEmpty() || url.hasQuery() || url.hasFragment()) {
+    // QUrl takes "host:" for the default port; a user who typed the colon
+    // meant a port and left it out.
+    const bool portLeftOut = url.authority(QUrl::FullyEncoded).endsWith(QLatin1Char(':'))
+                             || address.section(QLatin1Char('/'), 2, 2).endsWith(QLatin1Char(':'));
+    if (!url.isValid() || !web || url.host().isEmpty() || portLeftOut || url.hasQuery() || url.hasFragment()) {
         err(QStringLiteral("ztcli: \"%1\" is not a file service address such as http://127.0.0.1:8080\n")
                 .arg(address));
         return QString();
@@ -406,26 +411,49 @@ int CommandRunner::runUpload()
     return status;
 }
 
+// Whether files can be made in folder, which is made first when missing. The
+// file system is asked by making one: permission bits say nothing for root or
+// on a read-only mount.
+bool CommandRunner::canWriteIn(const QString &folder)
+{
+    if (!QDir().mkpath(folder))
+        return false;
+    QTemporaryFile probe(QDir(folder).filePath(QStringLiteral(".ztcli-write-check-XXXXXX")));
+    return probe.open();
+}
+
 int CommandRunner::runDownload()
 {
-    const QStringList names = m_line.operands();
+    // Both folders are checked before anything moves, not found unusable at
+    // the merge after the whole transfer.
+    const QString folder = QDir(m_line.value(QStringLiteral("to"), QStringLiteral("."))).absolutePath();
+    if (!canWriteIn(folder)) {
+        err(QStringLiteral("ztcli: cannot write in the destination folder %1\n").arg(folder));
+        return ExitUsage;
+    }
+    if (!canWriteIn(m_temporaryFolder)) {
+        err(QStringLiteral("ztcli: cannot write in the folder for partial downloads %1 (see --temp)\n")
+                .arg(m_temporaryFolder));
+        return ExitUsage;
+    }
     QVariantList listing;
     if (const int status = fetchListing(listing))
         return status;
+    // A missing name is reported and the others still come, as curl does.
+    QStringList names;
     QHash<QString, qint64> sizes;
-    for (const QString &name : names) {
+    for (const QString &name : m_line.operands()) {
         const QVariantMap entry = ServiceClient::findEntry(listing, name);
         if (entry.isEmpty()) {
             err(QStringLiteral("ztcli: %1: not on the service\n").arg(name));
-            return ExitNotFound;
+            continue;
         }
+        names.append(name);
         sizes.insert(name, entry.value(QStringLiteral("fileSize")).toLongLong());
     }
-    const QString folder = QDir(m_line.value(QStringLiteral("to"), QStringLiteral("."))).absolutePath();
-    if (!QDir().mkpath(folder)) {
-        err(QStringLiteral("ztcli: cannot create the destination folder %1\n").arg(folder));
-        return ExitUsage;
-    }
+    const int missingStatus = names.size() == m_line.operands().size() ? int(ExitSuccess) : int(ExitNotFound);
+    if (names.isEmpty())
+        return missingStatus;
 
     const QString label = names.size() == 1 ? QStringLiteral("download %1").arg(names.first())
                                             : QStringLiteral("download %1 files").arg(names.size());
@@ -447,7 +475,7 @@ int CommandRunner::runDownload()
         }
         out(QStringLiteral("downloaded %1 to %2 (%3)\n").arg(name, path, ProgressDisplay::bytes(actual)));
     }
-    return status;
+    return status == ExitSuccess ? missingStatus : status;
 }
 
 // What earlier runs left of these downloads under --temp, so that a resumed

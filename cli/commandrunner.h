@@ -34,6 +34,7 @@ private:
     int runDelete();
     int runUpload();
     int runDownload();
+    static bool canWriteIn(const QString &folder);
     int runExists();
     int runDemo();
 

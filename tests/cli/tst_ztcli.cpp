@@ -91,6 +91,14 @@ void tst_Ztcli::arguments_data()
     QTest::newRow("missing server") << QStringList{"list"} << QStringList() << 2 << "no server address";
     QTest::newRow("not a service address") << QStringList{"--server", "ftp://host", "list"} << QStringList()
                                            << 2 << "is not a file service address";
+    QTest::newRow("address without its port") << QStringList{"--server", "http://127.0.0.1:", "list"}
+                                              << QStringList() << 2 << "is not a file service address";
+    // Unusable folders are found before the service is even asked.
+    const QString underAFile = QStringLiteral(ZT_README "/sub");
+    QTest::newRow("destination not writable") << QStringList{"--server", Unreachable, "download", "a", "--to", underAFile}
+                                              << QStringList() << 2 << "cannot write in the destination folder";
+    QTest::newRow("temp not writable") << QStringList{"--server", Unreachable, "--temp", underAFile, "download", "a"}
+                                       << QStringList() << 2 << "folder for partial downloads " + underAFile;
     QTest::newRow("bad option") << QStringList{"--server", Unreachable, "list", "--frobnicate"}
                                 << QStringList() << 2 << "unknown option --frobnicate";
     QTest::newRow("option of another command") << QStringList{"list", "--to", "x"} << QStringList() << 2

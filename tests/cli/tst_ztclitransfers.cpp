@@ -144,7 +144,10 @@ void tst_ZtcliTransfers::secondDownloadGetsAFreeName()
     CliRun cli(m_home.path());
     const QStringList args{"--server", m_url, "download", "twice.dat", "--to", target.path()};
     QCOMPARE(cli.run(args), 0);
-    QCOMPARE(cli.run(args), 0);
+    // A name the service does not have is reported; the others still come,
+    // and the exit status tells that one was missing.
+    QCOMPARE(cli.run(args + QStringList{"nope.dat"}), 1);
+    QVERIFY2(cli.err().contains(QLatin1String("nope.dat: not on the service")), qPrintable(cli.output()));
     // The first copy is kept; the second lands beside it and ztcli says where.
     const QString second = QDir(target.path()).filePath(QStringLiteral("twice(1).dat"));
     QVERIFY2(cli.out().contains(second), qPrintable(cli.output()));
