@@ -138,9 +138,10 @@ bool CloudSingleFileUploader::launchChunks()
     for (const QSharedPointer<ChunkItem> &chunk : pending) {
         auto uploader = QSharedPointer<CloudChunkUploader>::create();
         uploader->setItem(chunk);
-        connect(uploader.data(), &CloudChunkUploader::finished, this, &CloudSingleFileUploader::onFinished);
-        connect(uploader.data(), &CloudChunkUploader::progress, this,
-                &CloudSingleFileUploader::onUploadProgress);
+        // The chunk travels with the connection: QObject::sender() walks every
+        // connection into this object, thousands in a file of many parts.
+        connect(uploader.data(), &CloudChunkUploader::finished, this, [this, chunk] { chunkFinished(chunk); });
+        connect(uploader.data(), &CloudChunkUploader::progress, this, [this, chunk] { chunkProgressed(chunk); });
         connect(uploader.data(), &CloudChunkUploader::errorOccurred, this,
                 &CloudSingleFileUploader::onErrorOccurred);
         m_chunkUploaders.append(uploader);
@@ -303,7 +304,11 @@ ZTErrorCode CloudSingleFileUploader::prepareChunks()
 void CloudSingleFileUploader::onUploadProgress(qlonglong, qlonglong)
 {
     auto *uploader = qobject_cast<CloudChunkUploader *>(sender());
-    const QSharedPointer<ChunkItem> chunk = uploader ? uploader->item() : QSharedPointer<ChunkItem>();
+    chunkProgressed(uploader ? uploader->item() : QSharedPointer<ChunkItem>());
+}
+
+void CloudSingleFileUploader::chunkProgressed(const QSharedPointer<ChunkItem> &chunk)
+{
     if (chunk && chunk->state != Upload::Finished) {
         m_inFlight += chunk->bytesSent - chunk->counted;
         chunk->counted = chunk->bytesSent;
@@ -331,6 +336,12 @@ void CloudSingleFileUploader::reportProgress()
 
 void CloudSingleFileUploader::onFinished()
 {
+    auto *uploader = qobject_cast<CloudChunkUploader *>(sender());
+    chunkFinished(uploader ? uploader->item() : QSharedPointer<ChunkItem>());
+}
+
+void CloudSingleFileUploader::chunkFinished(const QSharedPointer<ChunkItem> &chunk)
+{
     if (!m_item)
         return;
     if (m_item->state == Upload::Stopped || m_item->state == Upload::Failed)
@@ -338,8 +349,6 @@ void CloudSingleFileUploader::onFinished()
     if (m_item->state != Upload::Running && m_item->state != Upload::Failed)
         return; // stopped, aborted (its cache entry stays removed) or done
 
-    auto *uploader = qobject_cast<CloudChunkUploader *>(sender());
-    const QSharedPointer<ChunkItem> chunk = uploader ? uploader->item() : QSharedPointer<ChunkItem>();
     if (chunk && chunk->state == Upload::Finished && m_item->pendingChunks.removeOne(chunk)) {
         // Parts finish about in the order they started: the one found is near the front.
         m_inFlight -= chunk->counted;

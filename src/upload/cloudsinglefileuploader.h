@@ -8,6 +8,7 @@
 #include <QVariantMap>
 
 class CloudChunkUploader;
+struct ChunkItem;
 class FileItem;
 
 // Uploads one file item: asks the file service for its session
@@ -63,6 +64,8 @@ private:
     ZTErrorCode prepareChunks();
     bool launchChunks();
     void finishUpload();
+    void chunkProgressed(const QSharedPointer<ChunkItem> &chunk);
+    void chunkFinished(const QSharedPointer<ChunkItem> &chunk);
     void reportProgress();
     void writeCache();
 

@@ -61,10 +61,16 @@ bool CloudUploader::setFileItems(const QList<QSharedPointer<FileItem>> &items)
         m_totalSize += item->totalSize;
         m_counted.insert(item.data(), item->bytesSent);
         m_sent += item->bytesSent;
-        connect(uploader.data(), &CloudSingleFileUploader::finished, this, &CloudUploader::onFinished);
+        // The item travels with the connection: QObject::sender() walks every
+        // connection into this object, thousands in a job of many files.
+        FileItem *moved = item.data();
+        connect(uploader.data(), &CloudSingleFileUploader::finished, this, [this, moved] {
+            if (moved->state == Upload::Finished && m_state == Running)
+                m_finished.insert(moved);
+            onFinished();
+        });
         // The bytes-sent figure arrives narrowed to int and is only logged; the
         // job sums the file items itself, by what the one that moved added.
-        FileItem *moved = item.data();
         connect(uploader.data(), &CloudSingleFileUploader::progress, this,
                 [this, moved](qlonglong bytesSent, qlonglong) {
                     countProgress(moved);
@@ -179,11 +185,8 @@ void CloudUploader::onFinished()
     // done and cleared) reports nothing more.
     if (m_state != Running)
         return;
-    // Counted, not looked up: a job of many files does not walk all of them
-    // each time one finishes.
-    auto *uploader = qobject_cast<CloudSingleFileUploader *>(sender());
-    if (uploader && uploader->fileItem() && uploader->fileItem()->state == Upload::Finished)
-        m_finished.insert(uploader->fileItem().data());
+    // Counted as each file reports, not looked up: a job of many files does
+    // not walk all of them each time one finishes.
     if (m_finished.size() < m_files.size()) {
         qCDebug(ztLog) << "not finished" << m_files.size() - m_finished.size();
         return;
