@@ -356,7 +356,7 @@ int CommandRunner::runExists()
         return ExitNotFound;
     }
     const qint64 size = entry.value(QStringLiteral("fileSize")).toLongLong();
-    QString partial = QStringLiteral("nothing downloaded here yet");
+    QString partial = QStringLiteral("no partial download under %1").arg(m_temporaryFolder);
     if (received > 0) {
         partial = QStringLiteral("%1 bytes (%2%) already downloaded")
                       .arg(received)

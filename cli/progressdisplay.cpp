@@ -96,6 +96,7 @@ void ProgressDisplay::begin(const QString &label)
     m_total = -1;
     m_barShown = false;
     m_baseline = -1;
+    m_knownTotal = -1;
     m_samples.clear();
 }
 
@@ -118,12 +119,17 @@ double ProgressDisplay::elapsedSeconds() const
 void ProgressDisplay::update(qint64 done, qint64 total)
 {
     const qint64 t = now();
+    if (m_knownTotal >= 0) {
+        done = qMin(done, m_knownTotal);
+        total = m_knownTotal;
+    }
     m_done = done;
     m_total = total;
     // A resumed transfer starts with what is already there; the rate counts
-    // only what moves now.
+    // only what moves now. A first report of everything is a small transfer
+    // done in one step, not a resumed one.
     if (m_baseline < 0)
-        m_baseline = done;
+        m_baseline = total > 0 && done >= total ? 0 : done;
     m_samples.append({t, done});
     while (m_samples.size() > 2 && t - m_samples.at(1).first >= RateWindowMs)
         m_samples.removeFirst();

@@ -39,6 +39,9 @@ public:
     // What a resumed transfer already has, when the host knows it before the
     // first report (bytes on disk); otherwise the first report stands for it.
     void setAlreadyThere(qint64 bytes) { m_baseline = bytes >= 0 ? bytes : -1; }
+    // The transfer's size when the host knows it better than the reports: an
+    // upload of empty files is reported against one byte.
+    void setKnownTotal(qint64 bytes) { m_knownTotal = bytes; }
     void update(qint64 done, qint64 total);
     // Final line: the size, time and average rate, or where it ended.
     void finish(bool succeeded);
@@ -76,6 +79,7 @@ private:
     qint64 m_done = 0;
     qint64 m_total = -1;
     qint64 m_baseline = -1; // the first figure reported: what a resumed transfer already had
+    qint64 m_knownTotal = -1;
     bool m_barShown = false;
     QList<QPair<qint64, qint64>> m_samples; // (time, done) over the last few seconds
 };

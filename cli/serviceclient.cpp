@@ -8,6 +8,7 @@
 #include <zephyrtide/error.h>
 
 #include <QDir>
+#include <QFileInfo>
 #include <QTextStream>
 #include <QUrl>
 
@@ -47,6 +48,7 @@ CommandOutcome ServiceClient::call(QObject *target, const char *slot, const QVar
         command.showProgress(m_display);
         m_display->begin(view.label);
         m_display->setAlreadyThere(view.alreadyThere);
+        m_display->setKnownTotal(view.total);
     }
     const CommandOutcome outcome = command.run();
     if (showsProgress)
@@ -103,13 +105,16 @@ CommandOutcome ServiceClient::exists(const QString &name)
 CommandOutcome ServiceClient::upload(const QStringList &absolutePaths, const QString &label)
 {
     QVariantList files;
+    TransferView view{label};
+    view.total = 0;
     for (const QString &path : absolutePaths) {
+        view.total += QFileInfo(path).size();
         files.append(QVariantMap{{QStringLiteral("filePath"), path},
                                  {QStringLiteral("category"), UploadCategory},
                                  {QStringLiteral("private"), false},
                                  {QStringLiteral("userID"), QString()}});
     }
-    return call(m_host->root(), "zt_apply_startUpload", {{QStringLiteral("files"), files}}, {label});
+    return call(m_host->root(), "zt_apply_startUpload", {{QStringLiteral("files"), files}}, view);
 }
 
 CommandOutcome ServiceClient::download(const QStringList &names, const QString &folder,

@@ -15,6 +15,7 @@ struct TransferView
     QString label;                // empty: no progress shown
     qint64 alreadyThere = -1;     // what a resumed transfer starts from
     bool discardsOnAbort = false; // an abort removes this run's partial downloads
+    qint64 total = -1;            // the size of the whole transfer when known here
 };
 
 // The file-service operations ztcli offers, each one command of the plugin
