@@ -26,6 +26,8 @@ const QList<CommandLine::Option> &CommandLine::options()
         {QStringLiteral("cacert"), QChar(), true, QString()},
         {QStringLiteral("temp"), QChar(), true, QString()},
         {QStringLiteral("chunk-size-mb"), QChar(), true, QString(), 0, 4095},
+        {QStringLiteral("retry"), QChar(), true, QString(), 0, 100},
+        {QStringLiteral("timeout"), QChar(), true, QString(), 1, 86400},
         {QStringLiteral("verbose"), QLatin1Char('v'), false, QString()},
         {QStringLiteral("quiet"), QLatin1Char('q'), false, QString()},
         {QStringLiteral("help"), QLatin1Char('h'), false, QString()},

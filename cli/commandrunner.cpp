@@ -221,6 +221,7 @@ int CommandRunner::openSession()
     m_client->setInterruptHandler(m_interrupts);
     m_client->setDisplay(m_display.data());
     m_client->setTemporaryFolder(temp);
+    m_client->setStallTimeoutMs(int(m_line.number(QStringLiteral("timeout"), 0)) * 1000);
     const CommandOutcome outcome = m_client->setAddress(m_server);
     if (!outcome.succeeded())
         return report(QStringLiteral("setting the service address"), outcome, ErrorText::ServiceRequest);
@@ -233,6 +234,12 @@ int CommandRunner::report(const QString &what, const CommandOutcome &outcome, in
         err(QStringLiteral("ztcli: %1: the plugin has no command for it\n").arg(what));
         return ExitSetup;
     }
+    if (outcome.stalled) {
+        err(QStringLiteral("ztcli: %1 failed: no progress for %2 s (--timeout); the next run resumes\n")
+                .arg(what)
+                .arg(m_line.number(QStringLiteral("timeout"), 0)));
+        return ExitTransfer;
+    }
     err(QStringLiteral("ztcli: %1 failed: %2\n").arg(what, ErrorText::describe(outcome.code)));
     if (outcome.code == Zephyrtide::Error::SslHandshakeFailed) {
         const QStringList reasons = CertificateCheck::refusals(
@@ -244,6 +251,43 @@ int CommandRunner::report(const QString &what, const CommandOutcome &outcome, in
     if (status == ExitServer && context == ErrorText::ServiceRequest)
         err(QStringLiteral("ztcli: file service: %1\n").arg(m_server));
     return status;
+}
+
+// Runs a transfer again after a failure that another attempt may get past,
+// up to --retry times, waiting 1, 2, 4 ... 30 s in between; every attempt
+// resumes from what the ones before it left.
+CommandOutcome CommandRunner::withRetries(const QString &what, const std::function<CommandOutcome()> &attempt)
+{
+    const int retries = int(m_line.number(QStringLiteral("retry"), 0));
+    for (int done = 0;; ++done) {
+        CommandOutcome outcome = attempt();
+        if (outcome.succeeded() || outcome.interrupted || done == retries || !worthRetrying(outcome))
+            return outcome;
+        const int seconds = qMin(1 << qMin(done, 5), 30);
+        err(QStringLiteral("ztcli: %1 failed: %2; retrying in %3 s (%4 of %5)\n")
+                .arg(what, outcome.stalled ? QStringLiteral("no progress") : ErrorText::describe(outcome.code))
+                .arg(seconds)
+                .arg(done + 1)
+                .arg(retries));
+        if (!m_interrupts->sleep(seconds * 1000)) {
+            outcome.interrupted = true;
+            outcome.stalled = false;
+            outcome.code = Zephyrtide::Error::Stopped; // what is on disk stays for the next run
+            return outcome;
+        }
+    }
+}
+
+// What another attempt may get past: the network, a service that answered
+// with an error status or not at all, a probe that failed. A full disk, an
+// unwritable file, a refusal or another run on the same content come back
+// the same.
+bool CommandRunner::worthRetrying(const CommandOutcome &outcome)
+{
+    if (!outcome.invoked)
+        return false;
+    return outcome.stalled || ErrorText::isNetworkError(outcome.code)
+           || outcome.code == Zephyrtide::Error::GeneralFailure || outcome.code == Zephyrtide::Error::ParseError;
 }
 
 int CommandRunner::fetchListing(QVariantList &listing)
@@ -383,7 +427,7 @@ int CommandRunner::runUpload()
 
     const QString label = paths.size() == 1 ? QStringLiteral("upload %1").arg(QFileInfo(paths.first()).fileName())
                                             : QStringLiteral("upload %1 files").arg(paths.size());
-    const CommandOutcome outcome = m_client->upload(paths, label);
+    const CommandOutcome outcome = withRetries(QStringLiteral("upload"), [&] { return m_client->upload(paths, label); });
     if (!outcome.succeeded())
         return report(QStringLiteral("upload"), outcome, ErrorText::Transfer);
 
@@ -457,7 +501,9 @@ int CommandRunner::runDownload()
 
     const QString label = names.size() == 1 ? QStringLiteral("download %1").arg(names.first())
                                             : QStringLiteral("download %1 files").arg(names.size());
-    const CommandOutcome outcome = m_client->download(names, folder, label, bytesOnDisk(names));
+    const CommandOutcome outcome = withRetries(QStringLiteral("download"), [&] {
+        return m_client->download(names, folder, label, bytesOnDisk(names));
+    });
     if (!outcome.succeeded())
         return report(QStringLiteral("download"), outcome, ErrorText::Transfer);
 

@@ -7,6 +7,8 @@
 #include <QObject>
 #include <QScopedPointer>
 
+#include <functional>
+
 class InterruptHandler;
 class PluginHost;
 class ProgressDisplay;
@@ -34,6 +36,8 @@ private:
     int runDelete();
     int runUpload();
     int runDownload();
+    CommandOutcome withRetries(const QString &what, const std::function<CommandOutcome()> &attempt);
+    static bool worthRetrying(const CommandOutcome &outcome);
     static bool canWriteIn(const QString &folder);
     int runExists();
     int runDemo();

@@ -30,6 +30,10 @@ Options:
                          they resume (default: $XDG_CACHE_HOME/ztcli/partial,
                          i.e. ~/.cache/ztcli/partial)
       --chunk-size-mb N  download chunk size in MiB (default: the plugin's, 50)
+      --timeout S        stop a transfer that moves no byte for S seconds; it
+                         fails and the next run resumes it
+      --retry N          after a network failure or a time-out, try a transfer
+                         again up to N times, waiting 1, 2, 4 ... 30 s between
   -q, --quiet            show no progress (results and errors still show)
   -v, --verbose          show the plugin's log on stderr
   -h, --help             show help

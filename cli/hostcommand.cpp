@@ -20,9 +20,12 @@ HostCommand::HostCommand(QObject *target, const char *slot, const QVariantMap &p
     , m_params(params)
     , m_reply(new Zephyrtide::Reply(QString::fromLatin1(slot), params))
     , m_grace(new QTimer(this))
+    , m_stall(new QTimer(this))
 {
     m_grace->setSingleShot(true);
     connect(m_grace, &QTimer::timeout, this, &HostCommand::escalate);
+    m_stall->setSingleShot(true);
+    connect(m_stall, &QTimer::timeout, this, &HostCommand::onStalled);
 }
 
 HostCommand::~HostCommand()
@@ -49,6 +52,11 @@ CommandOutcome HostCommand::run()
         connect(m_reply, &Zephyrtide::Reply::downloadProgress, m_display.data(), &ProgressDisplay::update);
         connect(m_reply, &Zephyrtide::Reply::uploadProgress, m_display.data(), &ProgressDisplay::update);
     }
+    if (m_stallMs > 0) {
+        connect(m_reply, &Zephyrtide::Reply::downloadProgress, this, &HostCommand::onProgress);
+        connect(m_reply, &Zephyrtide::Reply::uploadProgress, this, &HostCommand::onProgress);
+        m_stall->start(m_stallMs);
+    }
     if (m_interrupts)
         connect(m_interrupts.data(), &InterruptHandler::interrupted, this, &HostCommand::onInterrupted);
 
@@ -74,6 +82,7 @@ CommandOutcome HostCommand::run()
         m_loop = nullptr;
     }
     m_grace->stop();
+    m_stall->stop();
     if (m_interrupts)
         disconnect(m_interrupts.data(), nullptr, this, nullptr);
     return m_outcome;
@@ -103,6 +112,27 @@ void HostCommand::onInterrupted()
         return;
     m_outcome.interrupted = true;
     escalate();
+}
+
+// Only bytes count: a transfer that reports the same figure again, or keeps
+// waiting in the queue, is not moving.
+void HostCommand::onProgress(qint64 done)
+{
+    if (done == m_lastDone || m_interruptLevel > 0)
+        return;
+    m_lastDone = done;
+    m_stall->start(m_stallMs);
+}
+
+void HostCommand::onStalled()
+{
+    if (m_finished || m_interruptLevel > 0)
+        return;
+    m_outcome.stalled = true;
+    m_interruptLevel = 1;
+    note(QStringLiteral("No progress for %1 s; stopping, the next run resumes.").arg(m_stallMs / 1000));
+    m_grace->start(m_graceMs);
+    Q_EMIT m_reply->stop();
 }
 
 void HostCommand::escalate()

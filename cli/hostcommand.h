@@ -18,6 +18,7 @@ struct CommandOutcome
 {
     bool invoked = false;     // the slot existed and was called
     bool interrupted = false; // Ctrl-C arrived while it ran
+    bool stalled = false;     // stopped because no byte moved for the stall time-out
     int code = -1;            // "errorCode"; -1 when no map came
     QString status;           // "success" or "fail"
     QVariant result;
@@ -44,6 +45,9 @@ public:
     // After a stop() (or abort()) that the plugin does not answer within this
     // time, escalate to abort() (or stop waiting).
     void setInterruptGraceMs(int ms) { m_graceMs = ms; }
+    // A transfer that moves no byte for this long is stopped (and resumes on
+    // the next run); 0, the default, waits for ever.
+    void setStallTimeoutMs(int ms) { m_stallMs = ms; }
 
     CommandOutcome run();
     Zephyrtide::Reply *reply() const { return m_reply; }
@@ -56,6 +60,8 @@ Q_SIGNALS:
 private:
     void onFinished(const QVariantMap &map);
     void onInterrupted();
+    void onProgress(qint64 done);
+    void onStalled();
     void escalate();
     void sendAbort();
     void note(const QString &text);
@@ -69,6 +75,9 @@ private:
     QEventLoop *m_loop = nullptr; // the one run() waits in
     QTimer *m_grace = nullptr;    // child
     int m_graceMs = 15000;
+    QTimer *m_stall = nullptr; // child
+    int m_stallMs = 0;
+    qint64 m_lastDone = -1;
     int m_interruptLevel = 0;     // 0 none, 1 stop sent, 2 abort sent, 3 gave up
     CommandOutcome m_outcome;
     bool m_finished = false;

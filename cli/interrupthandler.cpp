@@ -1,6 +1,8 @@
 #include "interrupthandler.h"
 
+#include <QEventLoop>
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include <cerrno>
 #include <fcntl.h>
@@ -63,4 +65,14 @@ void InterruptHandler::drain()
         for (ssize_t i = 0; i < n; ++i)
             Q_EMIT interrupted(++m_count);
     }
+}
+
+bool InterruptHandler::sleep(int ms)
+{
+    const int before = m_count;
+    QEventLoop loop;
+    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
+    connect(this, &InterruptHandler::interrupted, &loop, &QEventLoop::quit);
+    loop.exec();
+    return m_count == before;
 }

@@ -22,6 +22,8 @@ public:
 
     bool isActive() const { return m_notifier != nullptr; }
     int count() const { return m_count; }
+    // Waits ms in an event loop; false when a signal cut the wait short.
+    bool sleep(int ms);
 
 Q_SIGNALS:
     // count: 1 for the first signal, 2 for the second, ...

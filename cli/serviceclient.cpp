@@ -44,6 +44,8 @@ CommandOutcome ServiceClient::call(QObject *target, const char *slot, const QVar
                 [this, &aborted] { aborted = PartialFolders::heldByThisProcess(m_temporaryFolder); });
     }
     const bool showsProgress = m_display && !view.label.isEmpty();
+    if (!view.label.isEmpty())
+        command.setStallTimeoutMs(m_stallMs);
     if (showsProgress) {
         command.showProgress(m_display);
         m_display->begin(view.label);

@@ -31,6 +31,8 @@ public:
     void setDisplay(ProgressDisplay *display) { m_display = display; }              // borrowed
     // Where the plugin keeps partial downloads; an aborted download's are removed.
     void setTemporaryFolder(const QString &folder) { m_temporaryFolder = folder; }
+    // See HostCommand::setStallTimeoutMs; for transfers only.
+    void setStallTimeoutMs(int ms) { m_stallMs = ms; }
 
     CommandOutcome setAddress(const QString &baseUrl);
     CommandOutcome list();                     // result: list of {"fileName", "fileSize", ...}
@@ -59,4 +61,5 @@ private:
     QPointer<ProgressDisplay> m_display;
     QString m_baseUrl;
     QString m_temporaryFolder;
+    int m_stallMs = 0;
 };

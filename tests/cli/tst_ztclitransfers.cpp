@@ -28,6 +28,8 @@ private Q_SLOTS:
     void existsTellsStoredFromMissing();
     void interruptedDownloadResumes();
     void secondInterruptDiscardsThePartialDownload();
+    void stalledDownloadTimesOut_data();
+    void stalledDownloadTimesOut();
     void guardedService_data();
     void guardedService();
     void fullDiskThenResume_data();
@@ -245,6 +247,50 @@ void tst_ZtcliTransfers::interruptedDownloadResumes()
     QVERIFY2(resent <= content.size() - kept + 512,
              qPrintable(QStringLiteral("resent %1 of %2 bytes").arg(resent).arg(content.size())));
     QCOMPARE(bytesUnder(temp.path()), qint64(0)); // the merged chunks are gone
+}
+
+// A service that stops sending mid-download: --timeout stops the transfer
+// (exit 4, resumable) and --retry runs it again, from what is on disk.
+void tst_ZtcliTransfers::stalledDownloadTimesOut_data()
+{
+    QTest::addColumn<QString>("retries");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("says");
+    QTest::newRow("no retry") << "0" << 4 << "no progress for 2 s";
+    QTest::newRow("one retry") << "1" << 0 << "retrying in 1 s (1 of 1)";
+}
+
+void tst_ZtcliTransfers::stalledDownloadTimesOut()
+{
+    QFETCH(QString, retries);
+    QFETCH(int, status);
+    QFETCH(QString, says);
+    const QByteArray content = randomBytes(3 * 1024 * 1024 + 5);
+    bool held = false;
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.setHandler([&](const ScriptedRequest &request) {
+        if (request.path() == QLatin1String("/download/pathList")) {
+            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": "s.bin", "fileSize": )"
+                                          + QByteArray::number(content.size()) + R"(, "etag": "s", "modified": 0}]})");
+        }
+        ScriptedResponse response = ScriptedResponse::file(content, request, "\"s\"", "s.bin");
+        if (request.header("Range").startsWith("bytes=1048576-") && !held)
+            response.hold = held = true; // the second chunk, once
+        return response;
+    });
+    QTemporaryDir temp;
+    QTemporaryDir target;
+    CliRun cli(m_home.path());
+    QCOMPARE(cli.run({"--server", server.baseUrl(), "--temp", temp.path(), "--chunk-size-mb", "1", "--timeout", "2",
+                      "--retry", retries, "download", "s.bin", "--to", target.path()}, 60000),
+             status);
+    QVERIFY2(cli.err().contains(says), qPrintable(cli.output()));
+    QVERIFY(held);
+    if (status == 0)
+        QVERIFY(readFile(QDir(target.path()).filePath(QStringLiteral("s.bin"))) == content);
+    else
+        QVERIFY(bytesUnder(temp.path()) > 0); // kept for the next run
 }
 
 // Two Ctrl-C while the plugin still probes: the download is aborted as soon as
