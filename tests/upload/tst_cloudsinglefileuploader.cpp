@@ -32,9 +32,10 @@ private Q_SLOTS:
     void init();
     void cleanup();
 
+    void uploadsEveryPart_data();
     void uploadsEveryPart();
-    void existingFileSendsNothing();
-    void emptyFile();
+    void nothingToSend_data();
+    void nothingToSend();
     void sessionChoice_data();
     void sessionChoice();
     void resumedChunkSendsItsTail_data();
@@ -43,8 +44,6 @@ private Q_SLOTS:
     void finishedOncePerRun_data();
     void finishedOncePerRun();
     void progressNeverGoesBack();
-    void cacheWritesFollowTimeNotParts_data();
-    void cacheWritesFollowTimeNotParts();
 
 private:
     // The service's answer to "/upload/info" for a session with the given parts.
@@ -137,33 +136,64 @@ QSharedPointer<FileItem> tst_CloudSingleFileUploader::makeItem(const QByteArray 
     return item;
 }
 
+void tst_CloudSingleFileUploader::uploadsEveryPart_data()
+{
+    QTest::addColumn<int>("parts");
+    QTest::addColumn<qint64>("chunkSize");
+    QTest::newRow("3 parts, listed out of order") << 3 << qint64(1000);
+    QTest::newRow("64 parts") << 64 << qint64(16);
+    QTest::newRow("1024 parts") << 1024 << qint64(16);
+}
+
+// Every part goes once, with the service's headers and the digest of its
+// bytes. A finished part goes into the cache with the next coalesced write,
+// not with one of its own: a run writes once for its session, at most once
+// every WriteDelayMs while parts finish, and once at its end, so the count
+// follows how long it ran and not how many parts it had.
 void tst_CloudSingleFileUploader::uploadsEveryPart()
 {
+    QFETCH(int, parts);
+    QFETCH(qint64, chunkSize);
     QByteArray content;
-    for (int i = 0; i < 2500; ++i)
+    for (qint64 i = 0; i < parts * chunkSize - chunkSize / 2; ++i)
         content.append(char(i * 7));
     auto item = makeItem(content);
     QVERIFY(item);
-    serve(infoAnswer("s1", 1000, {3, 1, 2})); // out of order on purpose
+    QList<int> numbers;
+    for (int part = parts; part >= 1; --part)
+        numbers << part;
+    serve(infoAnswer("s1", chunkSize, numbers));
 
     CloudSingleFileUploader uploader;
     uploader.setFileItem(item);
     QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
     QSignalSpy error(&uploader, &CloudSingleFileUploader::errorOccurred);
+    UploadGlobal *global = UploadGlobal::instance();
+    const int writesBefore = global->cacheWrites();
+    QElapsedTimer clock;
+    clock.start();
     QVERIFY(uploader.start());
-    QVERIFY(finished.wait(10000));
+    QVERIFY(finished.wait(120000));
+    global->flush();
+    const qint64 elapsed = clock.elapsed();
+    const int writes = global->cacheWrites() - writesBefore;
+    QVERIFY2(writes >= 1 && writes <= 2 + elapsed / UploadGlobal::WriteDelayMs,
+             qPrintable(QStringLiteral("%1 writes in %2 ms").arg(writes).arg(elapsed)));
     QCOMPARE(error.count(), 0);
     QCOMPARE(item->state, Upload::Finished);
-    QCOMPARE(item->totalChunks, 3);
+    QCOMPARE(item->totalChunks, parts);
+    const QVariantMap stored = global->readValue("uploadInfo").toMap().value(item->identifier).toMap();
+    QCOMPARE(stored.value("uploadedChunk").toInt(), parts);
+    QCOMPARE(stored.value("uploadInfo").toMap().value("chunks").toList(), QVariantList());
 
-    const auto parts = requestsTo("/upload/part");
-    QCOMPARE(parts.size(), 3);
+    const auto sent = requestsTo("/upload/part");
+    QCOMPARE(sent.size(), parts);
     QByteArray assembled(content.size(), '\0');
-    for (const ScriptedRequest &part : parts) {
+    for (const ScriptedRequest &part : sent) {
         const int n = QUrlQuery(part.url()).queryItemValue("partNumber").toInt();
         QCOMPARE(part.header("X-Upload-Token"), QByteArray("s1-token"));
         QCOMPARE(part.header("fileMD5"), QCryptographicHash::hash(part.body, QCryptographicHash::Md5).toBase64());
-        assembled.replace((n - 1) * 1000, part.body.size(), part.body);
+        assembled.replace((n - 1) * chunkSize, part.body.size(), part.body);
     }
     QCOMPARE(assembled, content);
 
@@ -181,11 +211,23 @@ void tst_CloudSingleFileUploader::uploadsEveryPart()
     QCOMPARE(item->bucket, QStringLiteral("Zephyrtide"));
 }
 
-void tst_CloudSingleFileUploader::existingFileSendsNothing()
+void tst_CloudSingleFileUploader::nothingToSend_data()
 {
-    auto item = makeItem("already there");
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<bool>("exist");
+    QTest::addColumn<int>("completes");
+    QTest::newRow("the service has it: only the info request") << QByteArray("already there") << true << 0;
+    QTest::newRow("empty file: no chunk, completed") << QByteArray() << false << 1;
+}
+
+void tst_CloudSingleFileUploader::nothingToSend()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(bool, exist);
+    QFETCH(int, completes);
+    auto item = makeItem(content);
     QVERIFY(item);
-    serve(infoAnswer("s", 1000, {}, true));
+    serve(infoAnswer("s", 8, {}, exist));
     CloudSingleFileUploader uploader;
     uploader.setFileItem(item);
     QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
@@ -194,22 +236,9 @@ void tst_CloudSingleFileUploader::existingFileSendsNothing()
     QCOMPARE(finished.count(), 1);
     QCOMPARE(progress.count(), 1);
     QCOMPARE(progress.first().at(0).toLongLong(), item->totalSize);
-    QCOMPARE(m_server->requestCount(), 1); // the info request, nothing else
-}
-
-void tst_CloudSingleFileUploader::emptyFile()
-{
-    auto item = makeItem(QByteArray());
-    QVERIFY(item);
-    serve(infoAnswer("empty", 8, {}));
-    CloudSingleFileUploader uploader;
-    uploader.setFileItem(item);
-    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
-    QVERIFY(uploader.start());
-    QCOMPARE(finished.count(), 1);
     QCOMPARE(item->totalChunks, 0);
-    QCOMPARE(requestsTo("/upload/part").size(), 0);
-    QCOMPARE(requestsTo("/upload/complete").size(), 1);
+    QCOMPARE(requestsTo("/upload/complete").size(), completes);
+    QCOMPARE(m_server->requestCount(), 1 + completes);
 }
 
 void tst_CloudSingleFileUploader::sessionChoice_data()
@@ -448,48 +477,6 @@ void tst_CloudSingleFileUploader::progressNeverGoesBack()
     const QVariantList remaining = item->toCacheMap().value("uploadInfo").toMap().value("chunks").toList();
     QCOMPARE(remaining.size(), 2);
     QCOMPARE(remaining.at(1).toMap().value("bytesSent").toLongLong(), 50LL);
-}
-
-void tst_CloudSingleFileUploader::cacheWritesFollowTimeNotParts_data()
-{
-    QTest::addColumn<int>("parts");
-    QTest::newRow("64 parts") << 64;
-    QTest::newRow("1024 parts") << 1024;
-}
-
-// A finished part goes into the cache with the next coalesced write, not with
-// one of its own: a run writes once for its session, at most once every
-// WriteDelayMs while parts finish, and once at its end, so the count follows
-// how long it ran and not how many parts it had.
-void tst_CloudSingleFileUploader::cacheWritesFollowTimeNotParts()
-{
-    QFETCH(int, parts);
-    const qint64 chunkSize = 16;
-    auto item = makeItem(QByteArray(parts * chunkSize - 5, 'w'));
-    QVERIFY(item);
-    QList<int> numbers;
-    for (int part = 1; part <= parts; ++part)
-        numbers << part;
-    serve(infoAnswer("linear", chunkSize, numbers));
-
-    CloudSingleFileUploader uploader;
-    uploader.setFileItem(item);
-    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
-    UploadGlobal *global = UploadGlobal::instance();
-    const int before = global->cacheWrites();
-    QElapsedTimer clock;
-    clock.start();
-    QVERIFY(uploader.start());
-    QVERIFY(finished.wait(120000));
-    global->flush();
-    const qint64 elapsed = clock.elapsed();
-    const int writes = global->cacheWrites() - before;
-    QVERIFY2(writes >= 1 && writes <= 2 + elapsed / UploadGlobal::WriteDelayMs,
-             qPrintable(QStringLiteral("%1 writes in %2 ms").arg(writes).arg(elapsed)));
-    QCOMPARE(requestsTo("/upload/part").size(), parts);
-    const QVariantMap stored = global->readValue("uploadInfo").toMap().value(item->identifier).toMap();
-    QCOMPARE(stored.value("uploadedChunk").toInt(), parts);
-    QCOMPARE(stored.value("uploadInfo").toMap().value("chunks").toList(), QVariantList());
 }
 
 QTEST_MAIN(tst_CloudSingleFileUploader)

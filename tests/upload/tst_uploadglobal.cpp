@@ -17,11 +17,9 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QThread>
 #include <QTimer>
 
 #include <memory>
-#include <vector>
 
 namespace QTest {
 template <>
@@ -41,7 +39,6 @@ private Q_SLOTS:
     void init();
     void cleanup();
 
-    void settingsLandInTemporaryFolder();
     void initBuildsItem_data();
     void initBuildsItem();
     void initRefuses_data();
@@ -58,7 +55,6 @@ private Q_SLOTS:
     void sessionValid_data();
     void sessionValid();
     void cacheTimerLeavesCache();
-    void concurrentWritesKeepEveryEntry();
     void otherProcessWrites_data();
     void otherProcessWrites();
     void rootReachesUploadGlobal();
@@ -132,20 +128,6 @@ void tst_UploadGlobal::cleanup()
     UploadGlobal::destroy();
     store()->clear();
     m_files.reset();
-}
-
-void tst_UploadGlobal::settingsLandInTemporaryFolder()
-{
-    UploadGlobal *global = UploadGlobal::instance();
-    QCOMPARE(global->readValue(QStringLiteral("probe")), QVariant());
-    global->writeValue(QStringLiteral("probe"), QVariantMap{{"a", 1}});
-
-    QCOMPARE(store()->fileName(), settingsFile());
-    QVERIFY(QFileInfo(settingsFile()).isFile());
-    QVERIFY(store()->contains(QStringLiteral("probe")));
-    QCOMPARE(global->readValue(QStringLiteral("probe")), QVariant(QVariantMap{{"a", 1}}));
-    // Names are matched exactly.
-    QCOMPARE(global->readValue(QStringLiteral("Probe")), QVariant());
 }
 
 void tst_UploadGlobal::initBuildsItem_data()
@@ -525,95 +507,68 @@ void tst_UploadGlobal::cacheTimerLeavesCache()
     QCOMPARE(store()->value(QStringLiteral("uploadInfo")).toString(), before);
 }
 
-void tst_UploadGlobal::concurrentWritesKeepEveryEntry()
-{
-    UploadGlobal *global = UploadGlobal::instance();
-    constexpr int Threads = 4;
-    constexpr int ItemsPerThread = 6;
-
-    std::vector<std::unique_ptr<QThread>> threads;
-    for (int t = 0; t < Threads; ++t) {
-        threads.emplace_back(QThread::create([global, t] {
-            for (int i = 0; i < ItemsPerThread; ++i) {
-                FileItem item;
-                item.identifier = QStringLiteral("thread%1-item%2").arg(t).arg(i);
-                item.category = QStringLiteral("PhotoVault");
-                global->setInfo(item);
-            }
-        }));
-        threads.back()->start();
-    }
-    for (const auto &thread : threads)
-        QVERIFY(thread->wait(60000));
-
-    // None may be lost between the threads.
-    global->flush();
-    QCOMPARE(global->readValue(QStringLiteral("uploadInfo")).toMap().size(),
-             Threads * ItemsPerThread);
-}
-
 void tst_UploadGlobal::otherProcessWrites_data()
 {
-    QTest::addColumn<QString>("theirChange");
-    QTest::addColumn<QString>("myChange");
+    QTest::addColumn<QString>("theirs"); // their change to the stored value
+    QTest::addColumn<QString>("mine");   // the entry this process then sets
     QTest::addColumn<QStringList>("stored");
-    QTest::addColumn<int>("sharedChunks");
+    QTest::addColumn<int>("sharedChunks"); // -1: no "shared" entry
 
-    // "shared" is in the cache when both start; "mine" and "theirs" are new.
-    QTest::newRow("each adds an entry: both kept") << "add theirs" << "add mine"
-                                                   << QStringList{"mine", "shared", "theirs"} << 1;
-    QTest::newRow("they remove an entry this process left alone: it stays removed")
-        << "remove shared" << "add mine" << QStringList{"mine"} << -1;
-    QTest::newRow("they remove an entry this process updated: this one's update is kept")
-        << "remove shared" << "update shared" << QStringList{"shared"} << 2;
-    QTest::newRow("both update the same entry: the later write wins")
-        << "update shared" << "update shared" << QStringList{"shared"} << 2;
+    // "shared" is in the cache when both start.
+    QTest::newRow("each adds an entry: both kept") << "add" << "mine" << QStringList{"mine", "shared", "theirs"} << 1;
+    QTest::newRow("they remove one this process left alone: it stays removed")
+        << "remove" << "mine" << QStringList{"mine"} << -1;
+    QTest::newRow("they remove one this process updated: the update is kept")
+        << "remove" << "shared" << QStringList{"shared"} << 2;
+    QTest::newRow("both update the same one: the later write wins") << "update" << "shared" << QStringList{"shared"} << 2;
 }
 
-// Another process (a second host, a command-line run) writes the same value
-// while this one keeps its cache in memory: a write of this one lays only its
-// own changes over what is stored then, and a refresh takes theirs in.
+// Another process (a second host, a command-line run) writes the value while
+// this one keeps the cache in memory: a write of this one lays only its own
+// changes over what is stored then, and a refresh takes theirs in.
 void tst_UploadGlobal::otherProcessWrites()
 {
-    QFETCH(QString, theirChange);
-    QFETCH(QString, myChange);
+    QFETCH(QString, theirs);
+    QFETCH(QString, mine);
     QFETCH(QStringList, stored);
     QFETCH(int, sharedChunks);
     const auto entry = [](const QString &identifier, int chunks) {
         FileItem item;
         item.identifier = identifier;
         item.category = QStringLiteral("PhotoVault");
-        for (int i = 0; i < chunks; ++i)
-            item.chunks.append(QVariantMap{{"url", QStringLiteral("http://s/c?partNumber=%1").arg(i + 1)}});
+        while (item.chunks.size() < chunks)
+            item.chunks << QVariantMap{{"url", "http://s/c?partNumber=1"}};
         return item;
+    };
+    const auto storeForThem = [](const QVariantMap &cache) {
+        store()->setValue(QStringLiteral("uploadInfo"), Encryption::instance()->serializeDataToFile(cache));
+    };
+    const auto chunksOf = [](const QVariantMap &entry) {
+        return entry.isEmpty() ? -1 : entry.value("uploadInfo").toMap().value("chunks").toList().size();
     };
     UploadGlobal *global = UploadGlobal::instance();
     global->setInfo(entry("shared", 1));
     global->flush();
 
-    QVariantMap theirs = global->readValue(QStringLiteral("uploadInfo")).toMap();
-    if (theirChange == QLatin1String("add theirs"))
-        theirs.insert("theirs", entry("theirs", 1).toCacheMap());
-    else if (theirChange == QLatin1String("remove shared"))
-        theirs.remove("shared");
+    QVariantMap cache = global->readValue(QStringLiteral("uploadInfo")).toMap();
+    if (theirs == QLatin1String("add"))
+        cache.insert("theirs", entry("theirs", 1).toCacheMap());
+    else if (theirs == QLatin1String("remove"))
+        cache.remove("shared");
     else
-        theirs.insert("shared", entry("shared", 3).toCacheMap());
-    store()->setValue(QStringLiteral("uploadInfo"), Encryption::instance()->serializeDataToFile(theirs));
+        cache.insert("shared", entry("shared", 3).toCacheMap());
+    storeForThem(cache);
 
-    global->setInfo(myChange == QLatin1String("add mine") ? entry("mine", 1) : entry("shared", 2));
+    global->setInfo(entry(mine, 2 - (mine == QLatin1String("mine"))));
     global->flush();
-    const QVariantMap after = global->readValue(QStringLiteral("uploadInfo")).toMap();
-    QCOMPARE(after.keys(), stored);
-    const QVariantMap shared = global->getInfo("shared");
-    QCOMPARE(shared.isEmpty() ? -1 : shared.value("uploadInfo").toMap().value("chunks").toList().size(),
-             sharedChunks);
-    QCOMPARE(after.value("shared").toMap().value("uploadInfo").toMap().value("chunks").toList().size(),
-             qMax(sharedChunks, 0));
+    cache = global->readValue(QStringLiteral("uploadInfo")).toMap();
+    QCOMPARE(cache.keys(), stored);
+    QCOMPARE(chunksOf(cache.value("shared").toMap()), sharedChunks);
+    QCOMPARE(chunksOf(global->getInfo("shared")), sharedChunks);
 
-    // Their later change alone reaches this process at the next job's refresh.
-    theirs = after;
-    theirs.insert("later", entry("later", 1).toCacheMap());
-    store()->setValue(QStringLiteral("uploadInfo"), Encryption::instance()->serializeDataToFile(theirs));
+    // Their later change reaches this process when the next job refreshes.
+    cache.insert("later", entry("later", 1).toCacheMap());
+    storeForThem(cache);
     QVERIFY(global->getInfo("later").isEmpty());
     global->refresh();
     QCOMPARE(global->getInfo("later").value("identifier").toString(), QStringLiteral("later"));
