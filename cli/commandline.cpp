@@ -36,6 +36,7 @@ const QList<CommandLine::Option> &CommandLine::options()
         {QStringLiteral("port"), QChar(), true, QStringLiteral("serve"), 0, 65535},
         {QStringLiteral("json"), QChar(), false, QStringLiteral("list")},
         {QStringLiteral("to"), QChar(), true, QStringLiteral("download")},
+        {QStringLiteral("output"), QLatin1Char('o'), true, QStringLiteral("download")},
         {QStringLiteral("size-mb"), QChar(), true, QStringLiteral("demo"), 1, 65536},
     };
     return all;
@@ -188,6 +189,13 @@ void CommandLine::checkOperands()
     if (m_command == QLatin1String("exists")) {
         if (count != 1)
             fail(QStringLiteral("exists takes exactly one file name"));
+        return;
+    }
+    if (m_command == QLatin1String("download") && isSet(QStringLiteral("output"))) {
+        if (count != 1)
+            fail(QStringLiteral("download with --output takes exactly one file name"));
+        else if (isSet(QStringLiteral("to")))
+            fail(QStringLiteral("--output and --to cannot go together"));
         return;
     }
     if (m_command == QLatin1String("delete") || m_command == QLatin1String("download")) {

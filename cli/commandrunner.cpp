@@ -24,6 +24,7 @@
 #include <QUrl>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <unistd.h>
 
@@ -470,7 +471,12 @@ int CommandRunner::runDownload()
 {
     // Both folders are checked before anything moves, not found unusable at
     // the merge after the whole transfer.
-    const QString folder = QDir(m_line.value(QStringLiteral("to"), QStringLiteral("."))).absolutePath();
+    const QString output = m_line.isSet(QStringLiteral("output"))
+                               ? QFileInfo(m_line.value(QStringLiteral("output"))).absoluteFilePath()
+                               : QString();
+    const QString folder = output.isEmpty()
+                               ? QDir(m_line.value(QStringLiteral("to"), QStringLiteral("."))).absolutePath()
+                               : QFileInfo(output).absolutePath();
     if (!canWriteIn(folder)) {
         err(QStringLiteral("ztcli: cannot write in the destination folder %1\n").arg(folder));
         return ExitUsage;
@@ -511,7 +517,7 @@ int CommandRunner::runDownload()
     for (const QVariant &item : outcome.result.toList()) {
         const QVariantMap task = item.toMap();
         const QString name = task.value(QStringLiteral("filename")).toString();
-        const QString path = task.value(QStringLiteral("path")).toString();
+        QString path = task.value(QStringLiteral("path")).toString();
         const qint64 expected = sizes.value(name, task.value(QStringLiteral("fileSize")).toLongLong());
         const qint64 actual = QFileInfo(path).size();
         if (!QFileInfo::exists(path) || actual != expected) {
@@ -519,9 +525,28 @@ int CommandRunner::runDownload()
             status = ExitTransfer;
             continue;
         }
+        if (!output.isEmpty() && !placeAt(path, output)) {
+            status = ExitTransfer;
+            continue;
+        }
+        if (!output.isEmpty())
+            path = output;
         out(QStringLiteral("downloaded %1 to %2 (%3)\n").arg(name, path, ProgressDisplay::bytes(actual)));
     }
     return status == ExitSuccess ? missingStatus : status;
+}
+
+// The plugin never writes over a file: it gives the download a free name
+// beside it. --output replaces, as curl -o does, in one step once the new
+// file is complete, so the old one stays until then.
+bool CommandRunner::placeAt(const QString &downloaded, const QString &output)
+{
+    if (downloaded == output)
+        return true;
+    if (::rename(QFile::encodeName(downloaded).constData(), QFile::encodeName(output).constData()) == 0)
+        return true;
+    err(QStringLiteral("ztcli: cannot put %1 in place of %2: %3\n").arg(downloaded, output, QString::fromLocal8Bit(std::strerror(errno))));
+    return false;
 }
 
 // What earlier runs left of these downloads under --temp, so that a resumed

@@ -39,6 +39,7 @@ private:
     CommandOutcome withRetries(const QString &what, const std::function<CommandOutcome()> &attempt);
     static bool worthRetrying(const CommandOutcome &outcome);
     static bool canWriteIn(const QString &folder);
+    bool placeAt(const QString &downloaded, const QString &output);
     int runExists();
     int runDemo();
 

@@ -13,7 +13,8 @@ Commands:
   list [--json]                  list the files stored on the service
   delete NAME...                 delete stored files
   upload FILE...                 upload local files; an interrupted upload resumes
-  download NAME... [--to DIR]    download stored files; an interrupted download resumes
+  download NAME... [--to DIR] [-o FILE]
+                                 download stored files; an interrupted download resumes
   exists NAME                    tell whether NAME is stored and how much of it is
                                  already downloaded here
   demo [--size-mb N]             upload, list, download and verify sample files
@@ -104,7 +105,7 @@ the service still lacks. A second Ctrl-C aborts and forgets the session.
 )");
     if (name == QLatin1String("download"))
         return QStringLiteral(
-R"(Usage: ztcli [--server URL] [--temp DIR] [--chunk-size-mb N] download NAME... [--to DIR]
+R"(Usage: ztcli [--server URL] [--temp DIR] [--chunk-size-mb N] download NAME... [--to DIR] [-o FILE]
 
 Downloads the named files in parallel ranged chunks into the destination
 folder. Chunks wait under --temp until the file is complete and merged. If a
@@ -114,7 +115,9 @@ running the same command again fetches only the missing bytes. A second
 Ctrl-C aborts and discards them.
 
 Options:
-  --to DIR  destination folder, created if missing (default: the current folder)
+  --to DIR          destination folder, created if missing (default: the current folder)
+  -o, --output FILE for one NAME: the file to write; an existing FILE is
+                    replaced once the download is complete
 )");
     if (name == QLatin1String("exists"))
         return QStringLiteral(

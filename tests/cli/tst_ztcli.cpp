@@ -109,6 +109,8 @@ void tst_Ztcli::arguments_data()
                                        << "from 0 to 65535";
     QTest::newRow("exists with two names") << QStringList{"--server", Unreachable, "exists", "a", "b"}
                                            << QStringList() << 2 << "exactly one";
+    QTest::newRow("--output with two names") << QStringList{"--server", Unreachable, "download", "a", "b", "-o", "x"}
+                                             << QStringList() << 2 << "exactly one file name";
     QTest::newRow("download without names") << QStringList{"--server", Unreachable, "download"}
                                             << QStringList() << 2 << "at least one";
     QTest::newRow("upload of a missing file") << QStringList{"--server", Unreachable, "upload", missing}

@@ -155,6 +155,14 @@ void tst_ZtcliTransfers::secondDownloadGetsAFreeName()
     QVERIFY2(cli.out().contains(second), qPrintable(cli.output()));
     QVERIFY(readFile(QDir(target.path()).filePath(QStringLiteral("twice.dat"))) == content);
     QVERIFY(readFile(second) == content);
+
+    // --output replaces the file it names, and leaves no copy under a free name.
+    QFile old(second);
+    QVERIFY(old.open(QIODevice::WriteOnly | QIODevice::Truncate) && old.write("old") == 3);
+    old.close();
+    QCOMPARE(cli.run({"--server", m_url, "download", "twice.dat", "-o", second}), 0);
+    QVERIFY(readFile(second) == content);
+    QCOMPARE(QDir(target.path()).entryList(QDir::Files).size(), 2);
 }
 
 void tst_ZtcliTransfers::existsTellsStoredFromMissing_data()
