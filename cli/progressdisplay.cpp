@@ -150,7 +150,8 @@ int ProgressDisplay::terminalWidth() const
     struct winsize size {};
     if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
         return size.ws_col;
-    return 80;
+    const int columns = qEnvironmentVariableIntValue("COLUMNS");
+    return columns > 0 ? columns : 80;
 }
 
 void ProgressDisplay::draw(bool final)
@@ -159,8 +160,11 @@ void ProgressDisplay::draw(bool final)
         // The bar takes what the label and the figures leave of the line.
         const QString figures = status(m_done, m_total, currentRate(), 0);
         const int room = terminalWidth() - 1 - m_label.size() - 2 - figures.size() - 3;
-        const QString line = m_label + QStringLiteral("  ")
-                             + status(m_done, m_total, currentRate(), room >= MinimumBarWidth ? room : 0);
+        // A line as wide as the terminal wraps, and "\r" then goes back to
+        // the start of the wrapped part only: every redraw would leave a row.
+        const QString line = (m_label + QStringLiteral("  ")
+                              + status(m_done, m_total, currentRate(), room >= MinimumBarWidth ? room : 0))
+                                 .left(qMax(1, terminalWidth() - 1));
         write(QStringLiteral("\r\033[K") + line + (final ? QStringLiteral("\n") : QString()));
         m_barShown = !final;
         return;

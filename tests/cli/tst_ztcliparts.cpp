@@ -72,6 +72,7 @@ private Q_SLOTS:
     void byteAndTimeFormats();
     void statusLine();
     void plainLinesAtMostOncePerSecond();
+    void barRedrawsInPlace_data();
     void barRedrawsInPlace();
     void finalLineCountsOnlyNewBytes_data();
     void finalLineCountsOnlyNewBytes();
@@ -201,8 +202,19 @@ void tst_ZtcliParts::plainLinesAtMostOncePerSecond()
     QVERIFY(!out.data().contains('\r'));
 }
 
+void tst_ZtcliParts::barRedrawsInPlace_data()
+{
+    QTest::addColumn<int>("width");
+    QTest::addColumn<QString>("label");
+    QTest::newRow("80 columns") << 80 << "upload";
+    QTest::newRow("narrow") << 30 << "upload";
+    QTest::newRow("label wider than the terminal") << 40 << "download " + QString(60, QLatin1Char('n'));
+}
+
 void tst_ZtcliParts::barRedrawsInPlace()
 {
+    QFETCH(int, width);
+    QFETCH(QString, label);
     QBuffer out;
     out.open(QIODevice::WriteOnly);
     QBuffer notes;
@@ -210,8 +222,8 @@ void tst_ZtcliParts::barRedrawsInPlace()
     qint64 now = 0;
     ProgressDisplay display(ProgressDisplay::Bar, &out, &notes);
     display.setClock([&now] { return now; });
-    display.setWidth(80);
-    display.begin(QStringLiteral("upload"));
+    display.setWidth(width);
+    display.begin(label);
     for (now = 0; now <= 1000; now += 20)
         display.update(now, 1000);
     const QByteArray drawn = out.data();
@@ -219,15 +231,17 @@ void tst_ZtcliParts::barRedrawsInPlace()
     QCOMPARE(drawn.count('\r'), 11);
     QVERIFY(!drawn.contains('\n'));
     const QList<QByteArray> frames = drawn.split('\r');
+    // A line that filled the terminal would wrap and leave a row at every redraw.
     for (const QByteArray &frame : frames)
-        QVERIFY2(frame.size() <= 83, frame.constData()); // 79 columns plus the clear-line escape
+        QVERIFY2(frame.size() <= width - 1 + 3, frame.constData()); // plus the clear-line escape
 
     now = 1000;
     display.note(QStringLiteral("Stopping"));
     QVERIFY(out.data().endsWith("\r\033[K")); // the bar makes room for the note
     QCOMPARE(notes.data(), QByteArray("Stopping\n"));
     display.finish(false);
-    QVERIFY2(out.data().endsWith("upload  ended at 1000 B of 1000 B (100%) after 1.00 s\n"), out.data().right(80).constData());
+    QVERIFY2(out.data().endsWith((label + "  ended at 1000 B of 1000 B (100%) after 1.00 s\n").toUtf8()),
+             out.data().right(80).constData());
 }
 
 void tst_ZtcliParts::finalLineCountsOnlyNewBytes_data()
