@@ -236,7 +236,7 @@ int CommandRunner::report(const QString &what, const CommandOutcome &outcome, in
         return ExitSetup;
     }
     if (outcome.stalled) {
-        err(QStringLiteral("ztcli: %1 failed: no progress for %2 s (--timeout); the next run resumes\n")
+        err(QStringLiteral("ztcli: %1 failed: no progress for %2 s (--timeout); running the same command again resumes it\n")
                 .arg(what)
                 .arg(m_line.number(QStringLiteral("timeout"), 0)));
         return ExitTransfer;
@@ -249,9 +249,17 @@ int CommandRunner::report(const QString &what, const CommandOutcome &outcome, in
             err(QStringLiteral("ztcli: the service's certificate was refused: %1\n").arg(reasons.join(QStringLiteral("; "))));
     }
     const int status = ErrorText::exitCode(outcome.code, ErrorText::Context(context));
+    if (context == ErrorText::Transfer && worthRetrying(outcome))
+        err(QStringLiteral("ztcli: running the same command again resumes it; --retry N does so by itself\n"));
     if (status == ExitServer && context == ErrorText::ServiceRequest)
         err(QStringLiteral("ztcli: file service: %1\n").arg(m_server));
     return status;
+}
+
+// A job's files as an error names them: the one file, or how many.
+QString CommandRunner::jobName(const QStringList &files)
+{
+    return files.size() == 1 ? QFileInfo(files.first()).fileName() : QStringLiteral("%1 files").arg(files.size());
 }
 
 // Runs a transfer again after a failure that another attempt may get past,
@@ -430,7 +438,7 @@ int CommandRunner::runUpload()
                                             : QStringLiteral("upload %1 files").arg(paths.size());
     const CommandOutcome outcome = withRetries(QStringLiteral("upload"), [&] { return m_client->upload(paths, label); });
     if (!outcome.succeeded())
-        return report(QStringLiteral("upload"), outcome, ErrorText::Transfer);
+        return report(QStringLiteral("upload of %1").arg(jobName(paths)), outcome, ErrorText::Transfer);
 
     QVariantList after;
     if (const int status = fetchListing(after))
@@ -511,7 +519,7 @@ int CommandRunner::runDownload()
         return m_client->download(names, folder, label, bytesOnDisk(names));
     });
     if (!outcome.succeeded())
-        return report(QStringLiteral("download"), outcome, ErrorText::Transfer);
+        return report(QStringLiteral("download of %1").arg(jobName(names)), outcome, ErrorText::Transfer);
 
     int status = ExitSuccess;
     for (const QVariant &item : outcome.result.toList()) {

@@ -38,6 +38,7 @@ private:
     int runDownload();
     CommandOutcome withRetries(const QString &what, const std::function<CommandOutcome()> &attempt);
     static bool worthRetrying(const CommandOutcome &outcome);
+    static QString jobName(const QStringList &files);
     static bool canWriteIn(const QString &folder);
     bool placeAt(const QString &downloaded, const QString &output);
     int runExists();

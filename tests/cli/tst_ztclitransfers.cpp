@@ -418,7 +418,7 @@ void tst_ZtcliTransfers::fullDiskThenResume()
     CliRun limited(m_home.path());
     limited.setFileSizeLimit(blocks);
     QCOMPARE(limited.run(args), 4);
-    QVERIFY2(limited.err().contains(QStringLiteral("download failed: ") + says), qPrintable(limited.output()));
+    QVERIFY2(limited.err().contains(QStringLiteral("download of %1 failed: ").arg(name) + says), qPrintable(limited.output()));
 
     // Chunk n starts at (n - 1) MiB; each file must be a prefix of its range.
     qint64 largest = 0;
