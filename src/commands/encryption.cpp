@@ -73,6 +73,36 @@ quint8 xtime(quint8 x)
     return quint8((x << 1) ^ ((x & 0x80) ? 0x1b : 0));
 }
 
+// SubBytes and MixColumns of one byte in one step: rounds[r][x] is the column
+// that byte x, coming from row r after ShiftRows, adds to its new column (row
+// k of the column in bits 8k). The upload cache is enciphered whole every time
+// it is written, so this is the bulk of what a write costs.
+struct RoundTables
+{
+    quint32 rounds[4][256];
+};
+
+const RoundTables &roundTables()
+{
+    static const RoundTables tables = [] {
+        RoundTables t;
+        const quint8 *sbox = sboxes().forward;
+        for (int x = 0; x < 256; ++x) {
+            const quint8 s1 = sbox[x];
+            const quint8 s2 = xtime(s1);
+            const quint8 s3 = quint8(s2 ^ s1);
+            // Row 0 of MixColumns is (2 3 1 1); each later row is the one above turned by one.
+            quint32 word = quint32(s2) | quint32(s1) << 8 | quint32(s1) << 16 | quint32(s3) << 24;
+            for (int r = 0; r < 4; ++r) {
+                t.rounds[r][x] = word;
+                word = (word << 8) | (word >> 24);
+            }
+        }
+        return t;
+    }();
+    return tables;
+}
+
 class Aes
 {
 public:
@@ -89,16 +119,25 @@ public:
 
     void encryptBlock(Block &s) const
     {
-        const quint8 *sbox = sboxes().forward;
+        const RoundTables &t = roundTables();
         addRoundKey(s, 0);
-        for (int round = 1; round <= m_rounds; ++round) {
-            for (quint8 &byte : s)
-                byte = sbox[byte];
-            shiftRows(s);
-            if (round != m_rounds)
-                mixColumns(s);
+        for (int round = 1; round < m_rounds; ++round) {
+            quint32 columns[4];
+            for (int c = 0; c < 4; ++c) {
+                columns[c] = t.rounds[0][s[4 * c]] ^ t.rounds[1][s[1 + 4 * ((c + 1) & 3)]]
+                             ^ t.rounds[2][s[2 + 4 * ((c + 2) & 3)]] ^ t.rounds[3][s[3 + 4 * ((c + 3) & 3)]];
+            }
+            for (int c = 0; c < 4; ++c) {
+                for (int r = 0; r < 4; ++r)
+                    s[r + 4 * c] = quint8(columns[c] >> (8 * r));
+            }
             addRoundKey(s, round);
         }
+        const quint8 *sbox = sboxes().forward; // the last round has no MixColumns
+        for (quint8 &byte : s)
+            byte = sbox[byte];
+        shiftRows(s);
+        addRoundKey(s, m_rounds);
     }
 
     void decryptBlock(Block &s) const
