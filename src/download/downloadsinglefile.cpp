@@ -12,7 +12,6 @@
 #include <QJsonObject>
 #include <QLockFile>
 #include <QNetworkAccessManager>
-#include <QSaveFile>
 
 #ifdef Q_OS_LINUX
 #include <cerrno>
@@ -135,11 +134,22 @@ bool DownloadSingleFile::recordPlan(const QString &contentFolder, qint64 size, c
 {
     if (!QDir().mkpath(contentFolder))
         return false;
-    QSaveFile file(contentFolder + QLatin1Char('/') + QLatin1String(PlanName));
+    const QString path = contentFolder + QLatin1Char('/') + QLatin1String(PlanName);
     const QJsonObject record{{QStringLiteral("chunkSize"), size},
                              {QStringLiteral("sha256"), QString::fromLatin1(sha256.toBase64())}};
-    return file.open(QIODevice::WriteOnly) && file.write(QJsonDocument(record).toJson(QJsonDocument::Compact)) > 0
-           && file.commit();
+    const QByteArray text = QJsonDocument(record).toJson(QJsonDocument::Compact);
+    // Written aside and renamed, but not synced: a record lost with the
+    // machine's power costs only the chunks beside it (a folder without a
+    // readable record is emptied), while a sync for every file of a batch of
+    // small ones costs more than downloading them.
+    QFile aside(path + QLatin1String(".new"));
+    if (!aside.open(QIODevice::WriteOnly | QIODevice::Truncate) || aside.write(text) != text.size()) {
+        aside.remove();
+        return false;
+    }
+    aside.close();
+    QFile::remove(path);
+    return aside.rename(path);
 }
 
 bool DownloadSingleFile::start()
