@@ -79,9 +79,13 @@ ZTErrorCode Downloader::startFiles()
         }
         // Released with deleteLater: a file may be dropped while it emits.
         QSharedPointer<DownloadSingleFile> file(new DownloadSingleFile(task), &QObject::deleteLater);
-        connect(file.data(), &DownloadSingleFile::finished, this, &Downloader::onFinished);
-        connect(file.data(), &DownloadSingleFile::downloadProgress, this, &Downloader::onDownloadProgress);
-        connect(file.data(), &DownloadSingleFile::errorOccurred, this, &Downloader::onErrorOccurred);
+        // The file is named in each connection: sender() would look for it
+        // among every file's connections, on every report of every file.
+        DownloadSingleFile *raw = file.data();
+        connect(raw, &DownloadSingleFile::finished, this, [this, raw] { fileFinished(raw); });
+        connect(raw, &DownloadSingleFile::downloadProgress, this,
+                [this, raw](qlonglong bytesReceived, qlonglong bytesTotal) { fileProgress(raw, bytesReceived, bytesTotal); });
+        connect(raw, &DownloadSingleFile::errorOccurred, this, [this, raw] { fileFailed(raw); });
         m_runningFiles.append(file);
         m_counted.insert(file.data(), 0);
         if (!file->start()) {
@@ -139,7 +143,11 @@ void Downloader::group()
 
 void Downloader::onDownloadProgress(qlonglong bytesReceived, qlonglong bytesTotal)
 {
-    auto *file = qobject_cast<DownloadSingleFile *>(sender());
+    fileProgress(qobject_cast<DownloadSingleFile *>(sender()), bytesReceived, bytesTotal);
+}
+
+void Downloader::fileProgress(DownloadSingleFile *file, qlonglong bytesReceived, qlonglong bytesTotal)
+{
     // The batch's sum follows a running file's figure by its change alone, so
     // a report costs the same however many files run.
     const auto counted = m_counted.find(file);
@@ -164,11 +172,15 @@ void Downloader::forget(DownloadSingleFile *file)
 
 void Downloader::onFinished()
 {
+    fileFinished(qobject_cast<DownloadSingleFile *>(sender()));
+}
+
+void Downloader::fileFinished(DownloadSingleFile *file)
+{
     if (m_state == Stopped || m_state == Aborted) {
         qCCritical(ztLog) << "status stopped ";
         return;
     }
-    auto *file = qobject_cast<DownloadSingleFile *>(sender());
     if (!file || m_ended)
         return;
     qCInfo(ztLog) << "finish task" << file->task->etag << file->task->fileName;
@@ -187,9 +199,13 @@ void Downloader::onFinished()
 
 void Downloader::onErrorOccurred()
 {
-    auto *file = qobject_cast<DownloadSingleFile *>(sender());
-    if (!file || !fileOf(file->task.data()))
-        return; // a file ends once
+    fileFailed(qobject_cast<DownloadSingleFile *>(sender()));
+}
+
+void Downloader::fileFailed(DownloadSingleFile *file)
+{
+    if (!m_counted.contains(file))
+        return; // a file ends once: it runs no more
     DownloadTask *task = file->task.data();
     qCCritical(ztLog) << "file error" << task->fileName << task->status;
     if (m_failure == Zephyrtide::Error::NoError)
@@ -222,7 +238,7 @@ void Downloader::finishIfDone()
         return;
     }
     qCDebug(ztLog) << "finished downloader";
-    onDownloadProgress(m_totalSize, m_totalSize);
+    fileProgress(nullptr, m_totalSize, m_totalSize);
     end(Zephyrtide::Error::NoError, m_finishedTasks);
 }
 

@@ -78,6 +78,9 @@ private:
     void end(ZTErrorCode code, const QList<DownloadTask *> &tasks);
     ZTErrorCode abandon(DownloadSingleFile *failed, ZTErrorCode code);
     void forget(DownloadSingleFile *file);
+    void fileProgress(DownloadSingleFile *file, qlonglong bytesReceived, qlonglong bytesTotal);
+    void fileFinished(DownloadSingleFile *file);
+    void fileFailed(DownloadSingleFile *file);
 
     QList<QSharedPointer<DownloadTask>> m_tasks;
     QMap<QString, QSharedPointer<DownloadTask>> m_tasksByEtag;
