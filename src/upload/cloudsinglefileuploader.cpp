@@ -328,8 +328,10 @@ void CloudSingleFileUploader::reportProgress()
     } else {
         m_item->bytesSent = value;
     }
-    // The part's bytes reach the cache with its next write.
-    UploadGlobal::instance()->noteProgress(m_item);
+    // The part's bytes reach the cache with its next write; an aborted file
+    // has left the cache and does not come back.
+    if (m_item->state != Upload::Aborted)
+        UploadGlobal::instance()->noteProgress(m_item);
     qCDebug(ztLog) << "CloudSingleFileUploader::onUploadProgress 2: " << value << m_item->bytesSent << total;
     Q_EMIT progress(value, total);
 }
