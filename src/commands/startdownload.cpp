@@ -102,11 +102,13 @@ void StartDownload::zt_apply_start(Zephyrtide::Reply *reply, QVariantMap params)
         probes.add(QSharedPointer<DownloadTask>::create(), file.value(QStringLiteral("path")).toString(),
                    file.value(QStringLiteral("url")).toString(), file.value(QStringLiteral("filename")).toString());
     }
-    // The host's time-out ends the probes in flight at once.
+    // The host's time-out ends the probes in flight at once, and so does a
+    // reply the host drops: nobody waits for the batch any more.
     connect(reply, &Zephyrtide::Reply::finished, &probes, [&probes](const QVariantMap &result) {
         if (isHostTimeout(result))
             probes.abort();
     });
+    connect(reply, &QObject::destroyed, &probes, &ProbeBatch::abort);
     connect(&probes, &ProbeBatch::probed, reply, &Zephyrtide::Reply::keepAlive);
     probes.run();
 
