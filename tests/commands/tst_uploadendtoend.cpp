@@ -35,8 +35,8 @@ private Q_SLOTS:
 
 private:
     static constexpr qint64 ChunkSize = 64 * 1024;
-    // The resume cases move 24 MiB: parts of 1 MiB keep their count (and the
-    // cache writes after every part) modest, also in sanitizer builds.
+    // The resume cases move 24 MiB: parts of 1 MiB keep their count modest,
+    // also in sanitizer builds.
     static constexpr qint64 LargeChunkSize = 1024 * 1024;
 
     QString makeFile(const QString &name, qint64 size);
