@@ -76,8 +76,11 @@ NetworkReply *NetworkManager::enqueue(const QSharedPointer<PendingRequest> &reco
     record->reply = reply;
     reply->setRecord(record);
 
-    connect(reply, &NetworkReply::finished, this, &NetworkManager::onReplyFinished);
-    connect(reply, &NetworkReply::errorOccurred, this, &NetworkManager::onReplyFinished);
+    // The reply travels in the connection: QObject::sender() walks every
+    // connection into this manager, one per queued transfer, so with thousands
+    // of parts queued each finish would cost a scan of them all.
+    connect(reply, &NetworkReply::finished, this, [this, reply] { onReplyFinished(reply); });
+    connect(reply, &NetworkReply::errorOccurred, this, [this, reply] { onReplyFinished(reply); });
     connect(reply, &QObject::destroyed, this, qOverload<QObject *>(&NetworkManager::onDestroyed));
 
     // "At most netLimit" on purpose: with 3, a fourth transfer still starts.
@@ -206,7 +209,11 @@ void NetworkManager::prepareAhead()
 
 void NetworkManager::onReplyFinished()
 {
-    auto *reply = qobject_cast<NetworkReply *>(sender());
+    onReplyFinished(qobject_cast<NetworkReply *>(sender()));
+}
+
+void NetworkManager::onReplyFinished(NetworkReply *reply)
+{
     if (!reply)
         return;
     const QUrl url = reply->reply() ? reply->reply()->request().url() : QUrl();

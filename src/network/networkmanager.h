@@ -53,6 +53,7 @@ public Q_SLOTS:
     void onReplyFinished();
 
 private:
+    void onReplyFinished(NetworkReply *reply);
     NetworkReply *enqueue(const QSharedPointer<PendingRequest> &record);
     void start(const QSharedPointer<PendingRequest> &record);
     void scheduleStartNext();
