@@ -214,9 +214,6 @@ void tst_DownloadEndToEnd::refusals_data()
     QTest::newRow("unknown file: the chunks fail, 20630")
         << QVariantMap{{"files", QVariantList{QVariantMap{{"filename", "nope.bin"}, {"path", QDir::tempPath() + "/nope.bin"}}}}}
         << 20630;
-    QTest::newRow("folder cannot be made: 20699")
-        << QVariantMap{{"files", QVariantList{QVariantMap{{"filename", "x.bin"}, {"path", "/proc/none/x.bin"}}}}}
-        << 20699;
 }
 
 void tst_DownloadEndToEnd::refusals()
