@@ -7,7 +7,7 @@ import time
 
 import pytest
 
-from conftest import IDENTIFIER, TIMEOUT, md5_header, path_of, repr_digest
+from conftest import IDENTIFIER, SERVICE, TIMEOUT, md5_header, path_of, repr_digest
 
 
 def part_head(service, chunk, length):
@@ -91,3 +91,17 @@ def test_tls(make_service, scratch):
     assert service.upload("t.bin", content, 8)[0] == "success"
     code, headers, body = service.request("POST", "/download", b'{"fileName": "t.bin"}', {"Range": "bytes=4-"})
     assert (code, body, headers["Repr-Digest"]) == (206, content[4:], repr_digest(content))
+
+
+def test_a_busy_port_says_so_in_one_line(scratch):
+    with socket.socket() as busy:
+        busy.bind(("127.0.0.1", 0))
+        busy.listen()
+        port = busy.getsockname()[1]
+        result = subprocess.run(["/usr/bin/python3", "-B", SERVICE, "--root", scratch, "--host", "127.0.0.1",
+                                 "--port", str(port)], capture_output=True, timeout=TIMEOUT)
+    assert result.returncode == 5  # what `ztcli serve` promises for a service that cannot start
+    errors = result.stderr.decode()
+    assert "Traceback" not in errors
+    assert errors.splitlines()[-1] == "zt-fileservice: cannot listen on 127.0.0.1:%d: Address already in use" % port
+    assert result.stdout == b""

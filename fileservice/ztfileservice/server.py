@@ -36,6 +36,9 @@ MEMORY_BODY = 1 << 20      # a part body up to this size is checked in memory, a
 MAX_PARTS = 100000         # refuses sizes whose part list would be absurd
 SHUTDOWN_GRACE = 5.0       # seconds running requests get on SIGTERM
 LISTEN_BACKLOG = 1024      # connections the kernel holds until they are accepted
+# Exit status when the address cannot be had: the setup failure status that
+# `ztcli serve`, which runs this service in its own place, documents.
+EXIT_CANNOT_LISTEN = 5
 
 
 # The host's error code for each refusal word, sent beside the word as an
@@ -587,8 +590,17 @@ async def serve(args):
     def connection():
         return ServiceConnection(runner.server, loop=loop, idle_timeout=args.idle_timeout,
                                  access_log=None, read_bufsize=READ_BUFFER)
-    listener = await loop.create_server(connection, args.host, args.port, ssl=tls, backlog=LISTEN_BACKLOG,
-                                        ssl_handshake_timeout=args.idle_timeout if tls else None)
+    try:
+        listener = await loop.create_server(connection, args.host, args.port, ssl=tls, backlog=LISTEN_BACKLOG,
+                                            ssl_handshake_timeout=args.idle_timeout if tls else None)
+    except OSError as error:
+        # A busy port is an everyday mistake: one line that says so, not a traceback.
+        reason = os.strerror(error.errno) if error.errno else str(error)
+        print("zt-fileservice: cannot listen on %s:%d: %s" % (args.host, args.port, reason),
+              file=sys.stderr, flush=True)
+        store.digests.shutdown()
+        await runner.cleanup()
+        return EXIT_CANNOT_LISTEN
     port = listener.sockets[0].getsockname()[1]
     host = "[%s]" % args.host if ":" in args.host else args.host
     log.info("serving %s on %s:%d", store.root, args.host, port)
@@ -611,5 +623,4 @@ def main(argv=None):
     args = parse_arguments(sys.argv[1:] if argv is None else argv)
     logging.basicConfig(level=logging.INFO, stream=sys.stderr,
                         format="%(asctime)s %(levelname)s %(message)s")
-    asyncio.run(serve(args))
-    return 0
+    return asyncio.run(serve(args)) or 0
