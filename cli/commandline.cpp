@@ -9,7 +9,7 @@ const QStringList &CommandLine::commands()
     static const QStringList names{QStringLiteral("serve"),  QStringLiteral("list"),
                                    QStringLiteral("delete"), QStringLiteral("upload"),
                                    QStringLiteral("download"), QStringLiteral("exists"),
-                                   QStringLiteral("demo"),   Help};
+                                   QStringLiteral("partial"), QStringLiteral("demo"), Help};
     return names;
 }
 
@@ -35,6 +35,7 @@ const QList<CommandLine::Option> &CommandLine::options()
         {QStringLiteral("root"), QChar(), true, QStringLiteral("serve")},
         {QStringLiteral("port"), QChar(), true, QStringLiteral("serve"), 0, 65535},
         {QStringLiteral("json"), QChar(), false, QStringLiteral("list")},
+        {QStringLiteral("clear"), QChar(), false, QStringLiteral("partial")},
         {QStringLiteral("to"), QChar(), true, QStringLiteral("download")},
         {QStringLiteral("output"), QLatin1Char('o'), true, QStringLiteral("download")},
         {QStringLiteral("size-mb"), QChar(), true, QStringLiteral("demo"), 1, 65536},
@@ -201,6 +202,11 @@ void CommandLine::checkOperands()
     if (m_command == QLatin1String("delete") || m_command == QLatin1String("download")) {
         if (count == 0)
             fail(QStringLiteral("%1 needs at least one file name").arg(m_command));
+        return;
+    }
+    if (m_command == QLatin1String("partial")) {
+        if (count > 1 || (count == 1 && !isSet(QStringLiteral("clear"))))
+            fail(QStringLiteral("partial takes a file name only with --clear, and at most one"));
         return;
     }
     if (m_command == QLatin1String("upload")) {

@@ -8,6 +8,7 @@
 #include "helptext.h"
 #include "interrupthandler.h"
 #include "pluginhost.h"
+#include "partialfolders.h"
 #include "progressdisplay.h"
 #include "serviceclient.h"
 
@@ -119,6 +120,8 @@ int CommandRunner::run()
         return runServe();
     if (command == QLatin1String("demo"))
         return runDemo();
+    if (command == QLatin1String("partial"))
+        return runPartial();
     if (command == QLatin1String("upload") && !uploadFilesReadable())
         return ExitUsage;
     m_server = serverAddress();
@@ -571,6 +574,49 @@ qint64 CommandRunner::bytesOnDisk(const QStringList &names)
         sum += outcome.result.toMap().value(QStringLiteral("bytesReceived")).toLongLong();
     }
     return sum;
+}
+
+// Needs neither the service nor the plugin: what is under --temp is on disk.
+int CommandRunner::runPartial()
+{
+    const QString temp = QDir(m_line.value(QStringLiteral("temp"), defaultTempFolder())).absolutePath();
+    const QList<PartialFolders::Partial> partials = PartialFolders::list(temp);
+    const bool clear = m_line.isSet(QStringLiteral("clear"));
+    const QString only = m_line.operands().value(0);
+    int matched = 0;
+    qint64 total = 0;
+    for (const PartialFolders::Partial &partial : partials) {
+        const QString name = partial.name.isEmpty() ? QStringLiteral("(unnamed) ") + QFileInfo(partial.folder).fileName()
+                                                    : partial.name;
+        if (!only.isEmpty() && partial.name != only)
+            continue;
+        ++matched;
+        total += partial.bytes;
+        const QString size = partial.fileSize > 0
+                                 ? QStringLiteral("%1 of %2 (%3%)")
+                                       .arg(ProgressDisplay::bytes(partial.bytes), ProgressDisplay::bytes(partial.fileSize))
+                                       .arg(int(100.0 * double(qMin(partial.bytes, partial.fileSize)) / double(partial.fileSize)))
+                                 : ProgressDisplay::bytes(partial.bytes);
+        if (!clear) {
+            out(QStringLiteral("%1  %2  %3%4\n")
+                    .arg(name, size, partial.modified.toString(QStringLiteral("yyyy-MM-dd HH:mm")),
+                         partial.holder ? QStringLiteral("  (being downloaded by process %1)").arg(partial.holder)
+                                        : QString()));
+        } else if (PartialFolders::discard(partial)) {
+            out(QStringLiteral("removed %1 (%2)\n").arg(name, ProgressDisplay::bytes(partial.bytes)));
+        } else {
+            err(QStringLiteral("ztcli: kept %1: %2\n")
+                    .arg(name, partial.holder ? QStringLiteral("being downloaded by process %1").arg(partial.holder)
+                                              : QStringLiteral("cannot remove %1").arg(partial.folder)));
+        }
+    }
+    if (!only.isEmpty() && matched == 0) {
+        err(QStringLiteral("ztcli: no partial download of %1 under %2\n").arg(only, temp));
+        return ExitNotFound;
+    }
+    if (!clear)
+        out(QStringLiteral("%1 partial download(s), %2, under %3\n").arg(matched).arg(ProgressDisplay::bytes(total), temp));
+    return ExitSuccess;
 }
 
 int CommandRunner::runDemo()

@@ -36,6 +36,7 @@ private:
     int runDelete();
     int runUpload();
     int runDownload();
+    int runPartial();
     CommandOutcome withRetries(const QString &what, const std::function<CommandOutcome()> &attempt);
     static bool worthRetrying(const CommandOutcome &outcome);
     static QString jobName(const QStringList &files);

@@ -17,6 +17,8 @@ Commands:
                                  download stored files; an interrupted download resumes
   exists NAME                    tell whether NAME is stored and how much of it is
                                  already downloaded here
+  partial [--clear [NAME]]       list the partial downloads under --temp, or
+                                 remove them (all, or those of NAME)
   demo [--size-mb N]             upload, list, download and verify sample files
                                  against a private file service
   help [COMMAND]                 show this help, or the help of COMMAND
@@ -126,6 +128,18 @@ R"(Usage: ztcli [--server URL] [--temp DIR] exists NAME
 Tells whether NAME is stored on the service, its size, and how many of its
 bytes an interrupted download has already put under --temp. Exit status 0 when
 it is stored, 1 when it is not.
+)");
+    if (name == QLatin1String("partial"))
+        return QStringLiteral(
+R"(Usage: ztcli [--temp DIR] partial [--clear [NAME]]
+
+Lists what interrupted downloads left under --temp: the file each is of, how
+much of it is there, and when it last grew. A download that another ztcli is
+running now is marked and never removed. Needs no service.
+
+Options:
+  --clear   remove them instead (all, or only those of NAME); the next
+            download of that file starts from nothing
 )");
     if (name == QLatin1String("demo"))
         return QStringLiteral(

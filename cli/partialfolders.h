@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QDateTime>
+#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -11,6 +13,22 @@
 class PartialFolders
 {
 public:
+    // One content folder: what its plan record says it is of (name empty and
+    // size -1 when it does not say), the bytes in it, and whether a live
+    // process holds its lock.
+    struct Partial
+    {
+        QString folder;
+        QString name;
+        qint64 fileSize = -1;
+        qint64 bytes = 0;
+        QDateTime modified;
+        qint64 holder = 0; // the live process downloading into it, or 0
+    };
+    static QList<Partial> list(const QString &temporaryFolder);
+    // Removes a folder nobody holds, and its lock file; false when it stays.
+    static bool discard(const Partial &partial);
+
     // The content folders under temporaryFolder locked by this process now.
     static QStringList heldByThisProcess(const QString &temporaryFolder);
     // Removes each folder with everything in it; returns those that are gone.

@@ -130,13 +130,16 @@ QList<QFileInfo> DownloadSingleFile::chunkFiles(const QString &contentFolder)
     return files;
 }
 
-bool DownloadSingleFile::recordPlan(const QString &contentFolder, qint64 size, const QByteArray &sha256)
+bool DownloadSingleFile::recordPlan(const QString &contentFolder, qint64 size, const QByteArray &sha256,
+                                    const QString &name, qint64 fileSize)
 {
     if (!QDir().mkpath(contentFolder))
         return false;
     const QString path = contentFolder + QLatin1Char('/') + QLatin1String(PlanName);
     const QJsonObject record{{QStringLiteral("chunkSize"), size},
-                             {QStringLiteral("sha256"), QString::fromLatin1(sha256.toBase64())}};
+                             {QStringLiteral("sha256"), QString::fromLatin1(sha256.toBase64())},
+                             {QStringLiteral("fileName"), name},
+                             {QStringLiteral("fileSize"), fileSize}};
     const QByteArray text = QJsonDocument(record).toJson(QJsonDocument::Compact);
     // Written aside and renamed, but not synced: a record lost with the
     // machine's power costs only the chunks beside it (a folder without a
@@ -231,7 +234,8 @@ bool DownloadSingleFile::adoptContentFolder()
     m_expectedSha256 = task->sha256.isEmpty() ? recordedSha256 : task->sha256;
     if (unusable.isEmpty() && recorded.chunkSize == size && recorded.sha256 == m_expectedSha256)
         return true;
-    if (recordPlan(tempDir, chunkSize, m_expectedSha256))
+    const QString name = task->requestedName.isEmpty() ? task->fileName : task->requestedName;
+    if (recordPlan(tempDir, chunkSize, m_expectedSha256, name, task->fileSize))
         return true;
     qCCritical(ztLog) << "file open error" << tempDir + QLatin1Char('/') + QLatin1String(PlanName);
     task->status = Zephyrtide::Error::FileError;

@@ -63,7 +63,9 @@ public:
     // The chunk files in a content folder (numbered; the plan record is none).
     static QList<QFileInfo> chunkFiles(const QString &contentFolder);
     // Writes the folder's plan record; false when it cannot.
-    static bool recordPlan(const QString &contentFolder, qint64 chunkSize, const QByteArray &sha256);
+    // name and fileSize tell a person (ztcli partial) what the folder is of.
+    static bool recordPlan(const QString &contentFolder, qint64 chunkSize, const QByteArray &sha256,
+                           const QString &name = QString(), qint64 fileSize = -1);
     bool copyToSameFileTargets(const QString &source);
 
     QSharedPointer<DownloadTask> task;

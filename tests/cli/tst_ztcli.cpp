@@ -5,6 +5,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLockFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
@@ -24,6 +25,7 @@ private Q_SLOTS:
     void listShowsStoredFiles();
     void deleteRemovesFiles_data();
     void deleteRemovesFiles();
+    void partialListsAndClears();
 
 private:
     bool serviceRuns();
@@ -160,7 +162,7 @@ void tst_Ztcli::helpMatchesReadme_data()
 {
     QTest::addColumn<QString>("command"); // empty: the general help
     QTest::newRow("general") << QString();
-    for (const char *command : {"serve", "list", "delete", "upload", "download", "exists", "demo"})
+    for (const char *command : {"serve", "list", "delete", "upload", "download", "exists", "partial", "demo"})
         QTest::newRow(command) << QString::fromLatin1(command);
 }
 
@@ -246,4 +248,42 @@ void tst_Ztcli::deleteRemovesFiles()
 }
 
 QTEST_GUILESS_MAIN(tst_Ztcli)
+// What interrupted downloads left, as the plugin lays it out: a folder per
+// content with its plan record and chunk files, and a lock file beside it
+// while a download runs. One folder here is locked by this (live) process.
+void tst_Ztcli::partialListsAndClears()
+{
+    QTemporaryDir temp;
+    const QDir root(temp.path());
+    const auto makeFolder = [&root](const QString &tag, const QByteArray &plan, int bytes) {
+        QVERIFY(root.mkpath(tag));
+        QFile record(root.filePath(tag + "/.plan"));
+        QVERIFY(record.open(QIODevice::WriteOnly) && record.write(plan) == plan.size());
+        QFile chunk(root.filePath(tag + "/1"));
+        QVERIFY(chunk.open(QIODevice::WriteOnly) && chunk.write(QByteArray(bytes, 'x')) == bytes);
+    };
+    makeFolder("aa", R"({"chunkSize": 50, "sha256": "", "fileName": "a.bin", "fileSize": 200})", 50);
+    makeFolder("bb", R"({"chunkSize": 50, "sha256": "", "fileName": "b.bin", "fileSize": 100})", 30);
+    makeFolder("cc", R"({"chunkSize": 50, "sha256": ""})", 10); // written before names were recorded
+    QLockFile running(root.filePath("bb.lock"));
+    QVERIFY(running.tryLock());
+
+    CliRun cli(m_home.path());
+    QCOMPARE(cli.run({"--temp", temp.path(), "partial"}), 0);
+    QVERIFY2(cli.out().contains(QLatin1String("a.bin  50 B of 200 B (25%)")), qPrintable(cli.output()));
+    QVERIFY2(cli.out().contains(QLatin1String("b.bin  30 B of 100 B (30%)")), qPrintable(cli.output()));
+    QVERIFY2(cli.out().contains(QStringLiteral("being downloaded by process %1").arg(QCoreApplication::applicationPid())),
+             qPrintable(cli.output()));
+    QVERIFY2(cli.out().contains(QLatin1String("(unnamed) cc  10 B")), qPrintable(cli.output()));
+    QVERIFY2(cli.out().contains(QLatin1String("3 partial download(s), 90 B")), qPrintable(cli.output()));
+
+    QCOMPARE(cli.run({"--temp", temp.path(), "partial", "--clear", "nope.bin"}), 1);
+    QCOMPARE(cli.run({"--temp", temp.path(), "partial", "--clear", "a.bin"}), 0);
+    QCOMPARE(root.entryList(QDir::Dirs | QDir::NoDotAndDotDot), QStringList({"bb", "cc"}));
+    // A download that runs now is never taken from under it.
+    QCOMPARE(cli.run({"--temp", temp.path(), "partial", "--clear"}), 0);
+    QVERIFY2(cli.err().contains(QLatin1String("kept b.bin: being downloaded")), qPrintable(cli.output()));
+    QCOMPARE(root.entryList(QDir::Dirs | QDir::NoDotAndDotDot), QStringList({"bb"}));
+}
+
 #include "tst_ztcli.moc"

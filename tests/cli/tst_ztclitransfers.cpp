@@ -240,6 +240,9 @@ void tst_ZtcliTransfers::interruptedDownloadResumes()
     CliRun exists(m_home.path());
     QCOMPARE(exists.run({"--server", server.baseUrl(), "--temp", temp.path(), "exists", "big.bin"}), 0);
     QVERIFY2(exists.out().contains(QStringLiteral("%1 bytes").arg(kept)), qPrintable(exists.output()));
+    QCOMPARE(exists.run({"--temp", temp.path(), "partial"}), 0); // names the file, from the plugin's plan
+    QVERIFY2(exists.out().startsWith(QLatin1String("big.bin  ")) && exists.out().contains(QLatin1String(" of 6.0 MiB (")),
+             qPrintable(exists.output()));
 
     holdAfterTwo = false;
     const qint64 sentBefore = server.bodyBytesSent();
