@@ -1,6 +1,7 @@
 """Downloads: both request forms, ranges, names, entity tags, digests, and clients written elsewhere."""
 import json
 import os
+import socket
 import subprocess
 import time
 from urllib.parse import quote
@@ -201,3 +202,16 @@ def test_real_clients(big, scratch, client):
     subprocess.run(args, check=True, timeout=TIMEOUT * 3, stdin=subprocess.DEVNULL)
     with open(out, "rb") as f:
         assert sha256(f.read()) == digest
+
+
+def test_a_client_that_goes_away_is_one_line(service):
+    service.put_file("away.bin", os.urandom(32 << 20))   # far more than the sockets hold
+    with socket.create_connection((service.host, service.port), timeout=TIMEOUT) as client:
+        client.sendall(b"GET /download?fileName=away.bin HTTP/1.1\r\nHost: h\r\n\r\n")
+        client.recv(65536)
+    deadline = time.monotonic() + TIMEOUT
+    while "went away" not in service.log() and time.monotonic() < deadline:
+        time.sleep(0.05)
+    log = service.log()
+    assert log.count("went away during GET /download?fileName=away.bin") == 1
+    assert "Traceback" not in log

@@ -1,11 +1,14 @@
 """The answer to a download: one stored file, whole or one range of it."""
 import asyncio
+import logging
 import os
 
 from aiohttp import hdrs, web
 from aiohttp.helpers import parse_http_date
 
 from .digests import etag_of
+
+log = logging.getLogger("zt-fileservice")
 
 
 class StoredFileResponse(web.StreamResponse):
@@ -67,7 +70,12 @@ class StoredFileResponse(web.StreamResponse):
         self.content_length = count
         writer = await super().prepare(request)
         if count and request.method != hdrs.METH_HEAD and request.transport is not None:
-            await asyncio.get_running_loop().sendfile(request.transport, self._file, start, count)
+            try:
+                await asyncio.get_running_loop().sendfile(request.transport, self._file, start, count)
+            except (ConnectionError, asyncio.CancelledError):
+                # A client that stops reading (Ctrl-C, a closed tab) is no fault of the service's.
+                log.info("client %s went away during %s %s", request.remote, request.method, request.path_qs)
+                raise
         await super().write_eof()
         return writer
 
