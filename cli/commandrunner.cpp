@@ -168,8 +168,7 @@ QString CommandRunner::serverAddress()
     const bool web = url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https");
     // QUrl takes "host:" for the default port; a user who typed the colon
     // meant a port and left it out.
-    const bool portLeftOut = url.authority(QUrl::FullyEncoded).endsWith(QLatin1Char(':'))
-                             || address.section(QLatin1Char('/'), 2, 2).endsWith(QLatin1Char(':'));
+    const bool portLeftOut = address.section(QLatin1Char('/'), 2, 2).endsWith(QLatin1Char(':'));
     if (!url.isValid() || !web || url.host().isEmpty() || portLeftOut || url.hasQuery() || url.hasFragment()) {
         err(QStringLiteral("ztcli: \"%1\" is not a file service address such as http://127.0.0.1:8080\n")
                 .arg(address));
