@@ -1,23 +1,20 @@
 #pragma once
 
 #include <QByteArray>
-#include <QMutex>
 #include <QObject>
-#include <QQueue>
 #include <QString>
-#include <QWaitCondition>
 
-#include <atomic>
 #include <memory>
 
-class QThread;
 class Sha256;
 
-// The SHA-256 of a file taken from its chunk files, in file order, on a thread
-// of its own while the download still runs: the owner hands over each chunk's
+// The SHA-256 of a file taken from its chunk files, in file order, on a pooled
+// thread while the download still runs: the owner hands over each chunk's
 // share as soon as that chunk and every one before it are complete, so that
 // when the last chunk arrives little is left to hash, and that little is
-// hashed while the merge copies.
+// hashed while the merge copies. The threads are shared by every hasher of
+// the process and kept a while when idle, so that a batch of many small files
+// does not start and end a thread for each.
 //
 // Call order: add() for each share in file order, then close(); finished()
 // follows, once, on the owner's thread. cancel() or destruction ends the work
@@ -45,16 +42,13 @@ private:
         QString path;
         qint64 size;
     };
+    struct Work; // what the pooled thread and the owner share
     void startOnce();
     void run();
-    bool takeNext(Share &share);
     bool hashShare(Sha256 &sha, const Share &share);
 
-    QMutex m_mutex;
-    QWaitCondition m_wake;
-    QQueue<Share> m_shares; // guarded by m_mutex
-    bool m_closed = false;  // guarded by m_mutex
-    std::atomic<bool> m_cancelled{false};
+    // Shared with the pooled thread, which may still be leaving its last
+    // lock when this object goes.
+    std::shared_ptr<Work> m_work;
     bool m_started = false; // owner's thread only
-    std::unique_ptr<QThread> m_thread;
 };
