@@ -1,5 +1,6 @@
 #include "downloadglobal.h"
 
+#include "accessmanagerpool.h"
 #include "network/networkmanager.h"
 #include "plugin/logging.h"
 
@@ -18,11 +19,14 @@ DownloadGlobal::DownloadGlobal()
     : m_temporaryStoragePath(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation)
                              + QLatin1String("/Zephyrtide"))
     , m_networkManager(new NetworkManager)
+    , m_accessManagers(std::make_unique<AccessManagerPool>())
 {
     // The default folder is not made here: a host that configures its own
     // path must not find one in the user's documents. A batch makes whichever
     // folder it uses when it starts.
 }
+
+DownloadGlobal::~DownloadGlobal() = default;
 
 DownloadGlobal *DownloadGlobal::instance()
 {

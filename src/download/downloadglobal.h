@@ -3,10 +3,14 @@
 #include <QSharedPointer>
 #include <QString>
 
+#include <memory>
+
+class AccessManagerPool;
 class NetworkManager;
 
 // The download engine's settings, one per process: where task folders live,
-// how large a chunk is, and the engine's request queue. Created on first use,
+// how large a chunk is, the engine's request queue and the access managers
+// its files borrow. Created on first use,
 // never destroyed. The command object sets the path and the chunk size from
 // the host's configuration.
 class DownloadGlobal
@@ -28,11 +32,14 @@ public:
     void setChunkSizeInBytes(qint64 bytes);
 
     QSharedPointer<NetworkManager> networkManager() const { return m_networkManager; }
+    AccessManagerPool *accessManagers() const { return m_accessManagers.get(); }
 
 private:
     DownloadGlobal();
+    ~DownloadGlobal();
 
     QString m_temporaryStoragePath;
     qint64 m_chunkSize = 52428800;
     QSharedPointer<NetworkManager> m_networkManager;
+    std::unique_ptr<AccessManagerPool> m_accessManagers;
 };

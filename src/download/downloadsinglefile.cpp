@@ -1,5 +1,6 @@
 #include "downloadsinglefile.h"
 
+#include "accessmanagerpool.h"
 #include "chunkhasher.h"
 #include "downloadchunk.h"
 #include "downloadglobal.h"
@@ -165,7 +166,6 @@ bool DownloadSingleFile::start()
         Q_EMIT errorOccurred();
         return false;
     }
-    networkManager = QSharedPointer<QNetworkAccessManager>::create();
     if (task->fileSize == 0)
         return createEmptyFile();
     tempDir = task->tempDir;
@@ -273,6 +273,8 @@ bool DownloadSingleFile::createEmptyFile()
 void DownloadSingleFile::plan()
 {
     chunkCount = int(task->fileSize / chunkSize) + (task->fileSize % chunkSize > 0 ? 1 : 0);
+    // Room for every chunk that runs at once: none of them waits inside Qt.
+    networkManager = DownloadGlobal::instance()->accessManagers()->lend(qMin(chunkCount, maxRunningChunks + 1));
     const QString requested = task->requestedName.isEmpty() ? task->fileName : task->requestedName;
     for (int i = 1; i <= chunkCount; ++i) {
         // Released with deleteLater: a chunk may be dropped while it emits.

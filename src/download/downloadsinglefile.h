@@ -76,6 +76,8 @@ public:
     int maxRunningChunks = 3;
     QString temporaryStoragePath;
     QString tempDir;
+    // Lent for this run by the engine's pool, with room for the chunks that
+    // run at once; the chunks hold copies of the lease.
     QSharedPointer<QNetworkAccessManager> networkManager;
     int finishedCount = 0;
     qint64 received = 0;
