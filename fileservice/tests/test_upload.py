@@ -71,13 +71,20 @@ def test_part_refusals(service, query, headers, body, status):
     assert [part_number(c) for c in again] == [1, 2] and "bytesSent" not in again[1]
 
 
-def test_a_refused_body_leaves_the_part_as_it_was(service):
-    content = os.urandom(16)
-    first, second = service.info("m.bin", 16)["uploadInfo"]["chunks"]
-    assert service.send_part(first, content[:8]) == 200
+# Parts of 8 bytes are checked in memory; parts of 3 MiB are written as they
+# come, in place where nothing of the part is held yet, through a scratch file
+# where something is.
+@pytest.mark.parametrize("chunk", [8, 3 << 20], ids=["in memory", "in place"])
+def test_a_refused_body_leaves_the_part_as_it_was(make_service, chunk):
+    service = make_service("--chunk-size", str(chunk))
+    content = os.urandom(2 * chunk)
+    first, second = service.info("m.bin", 2 * chunk)["uploadInfo"]["chunks"]
+    assert service.send_part(first, content[:chunk]) == 200
     # The same part again, other bytes with a digest that does not match them.
-    assert service.send_part(first, os.urandom(8), md5_header(content[:8])) == 400
-    assert service.send_part(second, content[8:]) == 200
+    assert service.send_part(first, os.urandom(chunk), md5_header(content[:chunk])) == 400
+    # A part not held yet: bytes that fail their digest, then the right ones.
+    assert service.send_part(second, os.urandom(chunk), md5_header(content[chunk:])) == 400
+    assert service.send_part(second, content[chunk:]) == 200
     assert service.complete("m.bin")[0] == "success"
     assert service.stored("m.bin") == content
 
@@ -120,6 +127,20 @@ def test_part_resumes_from_its_tail(service):
     assert service.send_part(wanted[1], content[16:]) == 200
     assert service.complete("t.bin")[0] == "success"
     assert service.stored("t.bin") == content
+
+
+def test_a_large_part_cut_short_resumes_in_place(make_service):
+    chunk = 3 << 20
+    service = make_service("--chunk-size", str(chunk))
+    content = os.urandom(chunk)
+    (only,) = service.info("l.bin", chunk)["uploadInfo"]["chunks"]
+    cut_body(service, only, content[:chunk // 2], chunk)
+    (resumed,) = service.info("l.bin", chunk)["uploadInfo"]["chunks"]
+    held = resumed["bytesSent"]
+    assert 0 < held <= chunk // 2
+    assert service.send_part(resumed, content[held:]) == 200
+    assert service.complete("l.bin")[0] == "success"
+    assert service.stored("l.bin") == content
 
 
 def test_part_sent_chunked(service):

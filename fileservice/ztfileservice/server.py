@@ -25,7 +25,7 @@ from aiohttp.http_exceptions import HttpProcessingError
 from .connection import ServiceConnection, quiet_exhaustion, raise_descriptor_limit
 from .download import StoredFileResponse
 from .names import is_identifier, is_plain_name
-from .store import Store
+from .store import IN_PLACE, Store
 
 log = logging.getLogger("zt-fileservice")
 
@@ -407,19 +407,32 @@ class FileService:
 
         # Without a length (chunked) the body is read up to one byte past the limit.
         limit = length if length is not None else chunk_size + 1
+        # One body of a part at a time: a body written in place must not meet
+        # another one's bytes.
+        async with session.part_lock(number):
+            return await self.take_body(request, session, number, length, limit)
+
+    async def take_body(self, request, session, number, length, limit):
+        part_size = session.part_size(number)
+        # A large body of known length whose place holds nothing yet is written
+        # straight into the data file as it comes: no scratch copy. Bytes that
+        # fail the digest then land where nothing is counted as received.
+        place = None
+        if length is not None and length > MEMORY_BODY and session.unheld_from(number, part_size - length):
+            place = session.place_of(number, part_size - length)
         try:
-            received, digest, incoming, cut = await self.receive(request, session, limit)
+            received, digest, incoming, cut = await self.receive(request, session, limit, place)
         except OSError as error:
             raise self.storage_error(session, error)
         try:
             if not cut:
                 if length is None:
-                    if received > chunk_size:
-                        raise too_large(chunk_size, received)
+                    if received > session.data["chunkSize"]:
+                        raise too_large(session.data["chunkSize"], received)
                     if received > part_size:
                         raise web.HTTPBadRequest(text="body longer than the part")
                     length = received
-                if digest != expected:
+                if digest != request.headers["fileMD5"]:
                     raise web.HTTPBadRequest(text="fileMD5 does not match the body")
             # A cut body of unknown length has no known place in the part. One
             # with a length is kept as far as it came; /upload/info tells the
@@ -440,7 +453,7 @@ class FileService:
         except OSError as error:
             raise self.storage_error(session, error)
         finally:
-            if isinstance(incoming, str) and os.path.exists(incoming):
+            if isinstance(incoming, str) and incoming is not IN_PLACE and os.path.exists(incoming):
                 os.unlink(incoming)
         if cut:
             # What is left of the body may still come, or never: the connection is done.
@@ -458,16 +471,19 @@ class FileService:
             return web.HTTPNotFound(text="no such upload")   # dropped meanwhile
         return web.HTTPInternalServerError(text="could not store the part")
 
-    async def receive(self, request, session, limit):
-        """Reads up to limit bytes of the body: in memory while it is small, a
-        small part then costs no scratch file; streamed to one past that.
+    async def receive(self, request, session, limit, place=None):
+        """Reads up to limit bytes of the body: at `place` in the data file when
+        one is given; else in memory while it is small, a small part then costs
+        no scratch file, and streamed to one past that.
 
-        Returns (bytes, base64 MD5, the body as bytes or the scratch file's
-        path, whether the body was cut short).
+        Returns (bytes, base64 MD5, the body as bytes, the scratch file's path
+        or IN_PLACE, whether the body was cut short).
         """
         md5 = hashlib.md5(usedforsecurity=False)
         received, cut = 0, False
         held, out, path = bytearray(), None, None
+        if place is not None:
+            out, path, held = session.open_in_place(place), IN_PLACE, None
         try:
             try:
                 async with asyncio.timeout(None) as quiet:
@@ -491,7 +507,8 @@ class FileService:
         except BaseException:
             if out is not None:
                 out.close()
-                os.unlink(path)
+                if path is not IN_PLACE:
+                    os.unlink(path)
             raise
         if out is not None:
             out.close()

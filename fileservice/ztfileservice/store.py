@@ -46,6 +46,7 @@ from .digests import Digests, as_repr_digest, content_key, etag_of, hash_descrip
 
 COPY_BLOCK = 1 << 20
 INCOMING_PREFIX = "incoming-"
+IN_PLACE = "(in place)"   # a part body written straight into the data file
 PARTS_LOG = "parts.log"
 
 log = logging.getLogger("zt-fileservice")
@@ -147,6 +148,20 @@ def merge_ranges(ranges):
     return merged
 
 
+class InPlaceWriter:
+    """Writes a body's pieces one after the other from a place in a file."""
+
+    def __init__(self, fd, place):
+        self.fd, self.place = fd, place
+
+    def write(self, data):
+        _pwrite_all(self.fd, data, self.place)
+        self.place += len(data)
+
+    def close(self):
+        os.close(self.fd)
+
+
 class Session:
     """One upload: a file of fileSize bytes cut into parts of chunkSize bytes."""
 
@@ -155,6 +170,14 @@ class Session:
         self.data = data
         # Held while parts are put in place or the session is completed.
         self.lock = asyncio.Lock()
+        self._part_locks = {}
+
+    def part_lock(self, number):
+        """Held while one body of the part is received and stored."""
+        lock = self._part_locks.get(number)
+        if lock is None:
+            lock = self._part_locks[number] = asyncio.Lock()
+        return lock
 
     @property
     def upload_id(self):
@@ -193,6 +216,17 @@ class Session:
         """Bytes of the part held without a gap from its first byte on."""
         ranges = self.data["parts"].get(str(number), [])
         return ranges[0][1] if ranges and ranges[0][0] == 0 else 0
+
+    def unheld_from(self, number, offset):
+        """Whether no byte of the part from offset on is counted as received."""
+        return all(end <= offset for _, end in self.data["parts"].get(str(number), []))
+
+    def place_of(self, number, offset):
+        return (number - 1) * self.data["chunkSize"] + offset
+
+    def open_in_place(self, place):
+        fd = os.open(self.data_path(), os.O_WRONLY | os.O_CREAT | os.O_NOFOLLOW | os.O_CLOEXEC, 0o644)
+        return InPlaceWriter(fd, place)
 
     def held_bytes(self):
         return sum(end - start for ranges in self.data["parts"].values() for start, end in ranges)
@@ -254,16 +288,22 @@ class Session:
         return os.fdopen(fd, "wb"), path
 
     def take_part(self, number, offset, incoming, count):
-        """Puts count bytes of the body, in memory (bytes) or in the scratch
-        file incoming (a path), at offset of part number in the data file,
-        synced, then counts them as received.
+        """Puts count bytes of the body, in memory (bytes), in the scratch
+        file incoming (a path) or already in place (IN_PLACE), at offset of
+        part number in the data file, synced, then counts them as received.
 
         A body in memory is written in place; the scratch file of a one-part
         upload is the whole file and is renamed into place; any other is copied
         in the kernel. Blocking: runs off the event loop, with the session's
         lock held by the caller.
         """
-        if not isinstance(incoming, str):
+        if incoming is IN_PLACE:
+            target = os.open(self.data_path(), os.O_WRONLY | os.O_NOFOLLOW | os.O_CLOEXEC)
+            try:
+                os.fdatasync(target)
+            finally:
+                os.close(target)
+        elif not isinstance(incoming, str):
             target = os.open(self.data_path(), os.O_WRONLY | os.O_CREAT | os.O_NOFOLLOW, 0o644)
             try:
                 _pwrite_all(target, incoming[:count], (number - 1) * self.data["chunkSize"] + offset)
