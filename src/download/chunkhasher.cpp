@@ -63,10 +63,13 @@ void ChunkHasher::run()
     Sha256 sha;
     bool whole = true;
     Share share;
+    int shares = 0;
     while (takeNext(share)) {
         // After a share that could not be read, the rest only waits for close().
         if (whole)
             whole = hashShare(sha, share);
+        if (whole)
+            report(++shares);
     }
     if (m_cancelled)
         return;
@@ -77,6 +80,18 @@ void ChunkHasher::run()
         [this, digest] {
             if (!m_cancelled)
                 Q_EMIT finished(digest);
+        },
+        Qt::QueuedConnection);
+}
+
+// On the hasher's thread; delivered on the owner's, and dropped with this object.
+void ChunkHasher::report(int shares)
+{
+    QMetaObject::invokeMethod(
+        this,
+        [this, shares] {
+            if (!m_cancelled)
+                Q_EMIT hashed(shares);
         },
         Qt::QueuedConnection);
 }

@@ -19,8 +19,8 @@ class Sha256;
 // when the last chunk arrives little is left to hash, and that little is
 // hashed while the merge copies.
 //
-// Call order: add() for each share in file order, then close(); finished()
-// follows, once, on the owner's thread. cancel() or destruction ends the work
+// Call order: add() for each share in file order, then close(); hashed()
+// follows each share and finished() the last, once, on the owner's thread. cancel() or destruction ends the work
 // at the next block read and waits for that (a millisecond or so): from then
 // on no chunk file is open here and nothing more is emitted.
 class ChunkHasher : public QObject
@@ -36,6 +36,8 @@ public:
     void cancel();
 
 Q_SIGNALS:
+    // This many shares, counted from the first, are hashed: their files may go.
+    void hashed(int shares);
     // The digest of everything added; empty when a share could not be read whole.
     void finished(const QByteArray &sha256);
 
@@ -49,6 +51,7 @@ private:
     void run();
     bool takeNext(Share &share);
     bool hashShare(Sha256 &sha, const Share &share);
+    void report(int shares);
 
     QMutex m_mutex;
     QWaitCondition m_wake;
