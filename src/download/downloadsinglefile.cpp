@@ -53,13 +53,16 @@ Plan readPlan(const QString &contentFolder)
     return Plan{chunkSize, decoded.decoded};
 }
 
-// Which merged file a content folder's merge writes, and for which plan: a
-// merged part is only of use to a run of the same chunk size and file.
+// Which merged file a content folder's merge writes, for which plan (a merged
+// part is only of use to a run of the same chunk size and file), and how much
+// of it is known to be good: rewritten before any chunk file goes, and when
+// the merge ends short of the file.
 struct MergeRecord
 {
     QString path; // empty when there is no usable record
     qint64 chunkSize = 0;
     QByteArray sha256;
+    qint64 mergedBytes = 0;
 };
 
 MergeRecord readMergeRecord(const QString &contentFolder)
@@ -72,8 +75,9 @@ MergeRecord readMergeRecord(const QString &contentFolder)
     merge.path = record.value(QLatin1String("path")).toString();
     merge.chunkSize = record.value(QLatin1String("chunkSize")).toVariant().toLongLong();
     merge.sha256 = QByteArray::fromBase64(record.value(QLatin1String("sha256")).toString().toLatin1());
+    merge.mergedBytes = record.value(QLatin1String("mergedBytes")).toVariant().toLongLong();
     // It names nothing but a merged file: whatever it says is removed with the folder.
-    if (!merge.path.endsWith(QLatin1String(MergeSuffix)) || merge.chunkSize <= 0) {
+    if (!merge.path.endsWith(QLatin1String(MergeSuffix)) || merge.chunkSize <= 0 || merge.mergedBytes < 0) {
         qCWarning(ztLog) << "merge record unreadable" << file.fileName();
         return MergeRecord();
     }
@@ -166,7 +170,7 @@ DownloadSingleFile::~DownloadSingleFile()
     // Gone during its merge, as if stopped: the merged part and the chunks not
     // yet in it stay for the next run.
     if (m_merging && isRunning()) {
-        dropUnrecordedMerge();
+        settleMerge();
         task->releaseReservations();
     }
 }
@@ -194,12 +198,16 @@ QList<QFileInfo> DownloadSingleFile::chunkFiles(const QString &contentFolder)
 DownloadSingleFile::Held DownloadSingleFile::held(const QString &contentFolder)
 {
     Held held;
-    for (const QFileInfo &chunk : chunkFiles(contentFolder))
-        held.chunkBytes += chunk.size();
+    held.chunkSize = readPlan(contentFolder).chunkSize;
     const MergeRecord merge = readMergeRecord(contentFolder);
     if (!merge.path.isEmpty())
-        held.mergedBytes = QFileInfo(merge.path).size();
-    held.chunkSize = readPlan(contentFolder).chunkSize;
+        held.mergedBytes = qMin(QFileInfo(merge.path).size(), merge.mergedBytes);
+    // A chunk file whose bytes are all in the merged part is about to go: not counted twice.
+    const qint64 mergedChunks = merge.chunkSize > 0 ? held.mergedBytes / merge.chunkSize : 0;
+    for (const QFileInfo &chunk : chunkFiles(contentFolder)) {
+        if (chunk.fileName().toLongLong() > mergedChunks)
+            held.chunkBytes += chunk.size();
+    }
     return held;
 }
 
@@ -568,33 +576,40 @@ bool DownloadSingleFile::appendSlice(int number)
 }
 
 // The chunk files the merged file holds whole go once hashed, but the last
-// one, which goes with the folder: a file of one chunk needs no record.
+// one, which goes with the folder: a file of one chunk needs no record. The
+// record says first how far the merge came, so that no chunk file goes before
+// the record holds its bytes.
 bool DownloadSingleFile::removeMergedChunks()
 {
     const int whole = m_mergedBytes == task->fileSize ? chunkCount : int(m_mergedBytes / chunkSize);
-    while (m_removedThrough < qMin(whole, chunkCount - 1) && chunkHashed(m_removedThrough + 1)) {
-        if (!m_mergeRecorded && !(m_mergeRecorded = recordMerge())) {
-            qCCritical(ztLog) << "merge chunk fail" << tempDir + QLatin1Char('/') + QLatin1String(MergeRecordName);
-            return false;
-        }
+    int through = m_removedThrough;
+    while (through < qMin(whole, chunkCount - 1) && chunkHashed(through + 1))
+        ++through;
+    if (through == m_removedThrough)
+        return true;
+    if (!recordMerge()) {
+        qCCritical(ztLog) << "merge chunk fail" << tempDir + QLatin1Char('/') + QLatin1String(MergeRecordName);
+        return false;
+    }
+    m_mergeRecorded = true;
+    for (; m_removedThrough < through; ++m_removedThrough) {
         const QString path = chunkPathOf(m_removedThrough + 1);
         if (!QFile::remove(path) && QFileInfo::exists(path)) {
             qCCritical(ztLog) << "remove fail" << path;
             return false;
         }
-        ++m_removedThrough;
     }
     return true;
 }
 
-// Written before the first chunk file goes, aside and renamed but not synced:
-// a record lost with the machine's power costs only the chunks merged so far,
-// fetched again, since a merged part without a record is not used.
+// Aside and renamed, but not synced: a record lost with the machine's power
+// costs only the chunks merged since the one before, fetched again.
 bool DownloadSingleFile::recordMerge()
 {
     const QJsonObject record{{QStringLiteral("path"), mergePath()},
                              {QStringLiteral("chunkSize"), chunkSize},
-                             {QStringLiteral("sha256"), QString::fromLatin1(m_expectedSha256.toBase64())}};
+                             {QStringLiteral("sha256"), QString::fromLatin1(m_expectedSha256.toBase64())},
+                             {QStringLiteral("mergedBytes"), m_mergedBytes}};
     const QByteArray text = QJsonDocument(record).toJson(QJsonDocument::Compact);
     const QString path = tempDir + QLatin1Char('/') + QLatin1String(MergeRecordName);
     QFile aside(path + QLatin1String(".new"));
@@ -677,7 +692,7 @@ void DownloadSingleFile::failMerge()
     m_ended = true;
     if (m_hasher)
         m_hasher->cancel();
-    dropUnrecordedMerge();
+    settleMerge();
     m_merging = false;
     m_placing = false;
     task->status = Zephyrtide::Error::MergeError;
@@ -686,12 +701,17 @@ void DownloadSingleFile::failMerge()
     Q_EMIT errorOccurred();
 }
 
-// A merged part that no record names is of no use to a later run, which has
-// every chunk file still: it goes rather than lie beside the destination.
-void DownloadSingleFile::dropUnrecordedMerge()
+// What a merge that ends short of the file leaves: the record says how far it
+// came. A merged part that no record names is of no use to a later run, which
+// has every chunk file still: it goes rather than lie beside the destination.
+void DownloadSingleFile::settleMerge()
 {
-    if (m_merging && !m_mergeRecorded)
+    if (!m_merging)
+        return;
+    if (!m_mergeRecorded)
         QFile::remove(mergePath());
+    else if (!recordMerge())
+        qCWarning(ztLog) << "merge record not updated" << tempDir; // the next run merges a little again
 }
 
 void DownloadSingleFile::onDownloadProgress(qlonglong delta, qlonglong)
@@ -732,7 +752,7 @@ void DownloadSingleFile::resumeMerge()
         return;
     const bool samePlan =
         record.chunkSize == chunkSize && (record.sha256.isEmpty() || record.sha256 == m_expectedSha256);
-    if (!samePlan || !adoptMergedFile(record.path)) {
+    if (!samePlan || !adoptMergedFile(record.path, record.mergedBytes)) {
         qCWarning(ztLog) << "merged part discarded" << record.path;
         discardMergedFile();
         return;
@@ -748,28 +768,33 @@ void DownloadSingleFile::resumeMerge()
     qCInfo(ztLog) << "merge resumed" << mergePath() << m_mergedBytes << "chunks from" << m_firstPlanned;
 }
 
-// Takes the merged part under this run's name for it: the destination may
-// have another free name this time.
-bool DownloadSingleFile::adoptMergedFile(const QString &recorded)
+// Takes the merged part under this run's name for it (the destination may
+// have another free name this time), as far as its record vouches for it.
+// Bytes past that (a merge that ended without a word, or anything else that
+// wrote there) are cut off; a part shorter than its record lost bytes whose
+// chunk files are gone, so those are fetched again.
+bool DownloadSingleFile::adoptMergedFile(const QString &recorded, qint64 recordedBytes)
 {
-    if (!QFileInfo::exists(recorded))
+    if (recordedBytes > task->fileSize) {
+        qCCritical(ztLog) << "merge size error" << recorded << recordedBytes << task->fileSize;
         return false;
+    }
+    QFile merged(recorded);
+    if (!merged.exists())
+        return false;
+    if (merged.size() > recordedBytes) {
+        qCWarning(ztLog) << "merged part cut to its record" << recorded << merged.size() << recordedBytes;
+        if (!merged.resize(recordedBytes))
+            return false;
+    }
     if (recorded != mergePath()) {
         QFile::remove(mergePath());
-        if (!QFile::rename(recorded, mergePath()))
+        if (!merged.rename(mergePath()))
             return false; // on another volume, say: what it holds is fetched again
-        m_mergeRecorded = recordMerge();
-    } else {
-        m_mergeRecorded = true;
     }
-    m_mergedBytes = QFileInfo(mergePath()).size();
-    if (m_mergedBytes <= task->fileSize)
-        return true;
-    qCCritical(ztLog) << "merge size error" << mergePath() << m_mergedBytes << task->fileSize;
-    QFile::remove(mergePath());
-    m_mergedBytes = 0;
-    m_mergeRecorded = false;
-    return false;
+    m_mergedBytes = merged.size();
+    m_mergeRecorded = recorded == mergePath() || recordMerge();
+    return true;
 }
 
 // The merged part goes with the folder's record of it.
@@ -886,7 +911,7 @@ void DownloadSingleFile::halt()
     // Done reading chunk files before another run may take the folder.
     if (m_hasher)
         m_hasher->cancel();
-    dropUnrecordedMerge();
+    settleMerge();
     task->releaseReservations(); // this run produces no file
     releaseContentFolder();
 }

@@ -141,13 +141,13 @@ private:
     qint64 chunkStart(int number) const;
     int chunksPlanned() const { return chunkCount - m_firstPlanned + 1; }
     void resumeMerge();
-    bool adoptMergedFile(const QString &recorded);
+    bool adoptMergedFile(const QString &recorded, qint64 recordedBytes);
     void discardMergedFile();
     void hashMergedPart();
     void onChunksHashed(int shares);
     bool chunkHashed(int number) const;
     bool recordMerge();
-    void dropUnrecordedMerge();
+    void settleMerge();
     void scheduleMergeStep();
     void mergeStep();
     bool appendSlice(int number);
