@@ -22,8 +22,10 @@
 #include <QProcess>
 #include <QScopeGuard>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QStandardPaths>
+#include <QStorageInfo>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -36,8 +38,8 @@
 // after the file changed), a server without ranges, the same content asked for
 // twice, the host's time-out in the middle of a call, every way a batch ends
 // (once), what a batch that brings no file leaves behind (nothing), how the
-// files of a batch are probed (several at a time, decided in order), and a
-// merge stopped half way.
+// files of a batch are probed (several at a time, decided in order), a merge
+// stopped half way, and the room a resumed download asks for.
 class tst_DownloadLifeCycle : public QObject
 {
     Q_OBJECT
@@ -60,6 +62,8 @@ private Q_SLOTS:
     void probesOfABatch();
     void mergeStoppedThenResumed_data();
     void mergeStoppedThenResumed();
+    void roomForWhatIsLeft_data();
+    void roomForWhatIsLeft();
 
 private:
     static constexpr qint64 MiB = 1024 * 1024;
@@ -678,6 +682,63 @@ void tst_DownloadLifeCycle::mergeStoppedThenResumed()
     QVERIFY(!QFileInfo::exists(merged));
     QVERIFY(!QDir(folder).exists());
     QVERIFY2(peak <= size + 2 * chunk, qPrintable(QStringLiteral("%1 bytes held, %2 in the file").arg(peak).arg(size)));
+}
+
+void tst_DownloadLifeCycle::roomForWhatIsLeft_data()
+{
+    QTest::addColumn<int>("chunkFiles"); // of the file's eight chunks, the first ones on disk
+    QTest::addColumn<int>("merged");     // of those, the ones a stopped merge holds instead
+    QTest::addColumn<int>("code");
+    QTest::newRow("nothing on disk: refused, saying what it needs") << 0 << 0 << 20721;
+    QTest::newRow("seven chunks on disk: started") << 7 << 0 << 0;
+    QTest::newRow("five chunks merged, two on disk: started") << 7 << 5 << 0;
+}
+
+// A file a tenth larger than the free space fits when most of it is on disk
+// already: the check asks for what is left and two chunks for the merge. The
+// chunk files and the merged part are sparse, so they take no room themselves.
+void tst_DownloadLifeCycle::roomForWhatIsLeft()
+{
+    QFETCH(int, chunkFiles);
+    QFETCH(int, merged);
+    QFETCH(int, code);
+    const qint64 free = QStorageInfo(m_temporary->path()).bytesFree();
+    QVERIFY(QStorageInfo(m_target->path()).rootPath() == QStorageInfo(m_temporary->path()).rootPath());
+    const qint64 chunk = (free + free / 10) / 8 + 1;
+    m_size = 8 * chunk;
+    m_server->setHandler([&](const ScriptedRequest &r) {
+        ScriptedResponse response;
+        response.status = 206;
+        response.body = "ab";
+        response.header("Content-Range", "bytes 0-1/" + QByteArray::number(m_size)).header("ETag", "\"s.bin\"");
+        response.hold = r.header("Range") != "bytes=0-1"; // no chunk comes
+        return response;
+    });
+    const QString folder = chunkFolder("s.bin");
+    const QString destination = m_target->filePath("s.bin");
+    QVERIFY(DownloadSingleFile::recordPlan(folder, chunk, QByteArray()));
+    for (int i = merged + 1; i <= chunkFiles; ++i) {
+        QFile file(folder + "/" + QString::number(i));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.resize(chunk + 1));
+    }
+    if (merged > 0) {
+        QFile part(destination + ".ztmerge");
+        QVERIFY(part.open(QIODevice::WriteOnly) && part.resize(merged * chunk));
+        QFile record(folder + "/.merge");
+        const QJsonObject fields{{"path", part.fileName()}, {"chunkSize", chunk}, {"sha256", ""}, {"mergedBytes", merged * chunk}};
+        QVERIFY(record.open(QIODevice::WriteOnly) && record.write(QJsonDocument(fields).toJson()) > 0);
+    }
+    if (code != 0) {
+        const QString needs = QString::number(m_size + 2 * chunk);
+        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("^size error .* needs " + needs + " bytes on .* where \\d+ are free$"));
+    }
+    Downloader downloader;
+    auto task = QSharedPointer<DownloadTask>::create();
+    QCOMPARE(task->isValid(destination, m_server->baseUrl() + "/download", "s.bin"), 0);
+    QVERIFY(downloader.addTask(task));
+    const int started = downloader.start();
+    Q_EMIT downloader.stopAll(); // before the merge of sparse chunks could begin
+    QCOMPARE(started, code);
 }
 
 // "--hold-lock <path>": a second process that holds a content folder's lock
