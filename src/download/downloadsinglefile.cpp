@@ -13,6 +13,8 @@
 #include <QLockFile>
 #include <QNetworkAccessManager>
 
+#include <cstdio>
+
 #ifdef Q_OS_LINUX
 #include <cerrno>
 #include <unistd.h>
@@ -618,6 +620,9 @@ bool DownloadSingleFile::recordMerge()
         return false;
     }
     aside.close();
+    // Replaced in one step where the system can: never a moment without a record.
+    if (std::rename(QFile::encodeName(aside.fileName()).constData(), QFile::encodeName(path).constData()) == 0)
+        return true;
     QFile::remove(path);
     return aside.rename(path);
 }
