@@ -110,11 +110,12 @@ the service still lacks. A second Ctrl-C aborts and forgets the session.
 R"(Usage: ztcli [--server URL] [--temp DIR] [--chunk-size-mb N] download NAME... [--to DIR] [-o FILE]
 
 Downloads the named files in parallel ranged chunks into the destination
-folder. Chunks wait under --temp until the file is complete and merged. If a
-file of that name already exists there, it is kept and the download gets a
-free name such as NAME(1).ext. Ctrl-C stops the download and keeps the chunks;
-running the same command again fetches only the missing bytes. A second
-Ctrl-C aborts and discards them.
+folder. Chunks wait under --temp until the file is complete; the merge then
+joins them into NAME.ztmerge beside the destination, removing each chunk as it
+goes in, and renames it. If a file of that name already exists there, it is
+kept and the download gets a free name such as NAME(1).ext. Ctrl-C stops the
+download, or its merge, and keeps what is there; running the same command
+again fetches only the missing bytes. A second Ctrl-C aborts and discards them.
 
 Options:
   --to DIR          destination folder, created if missing (default: the current folder)

@@ -9,7 +9,9 @@
 // plugin downloads a content into a folder of its own under the temporary
 // folder and holds a lock file beside it ("<folder>.lock", with the writer's
 // process id) for as long as it writes there; the plugin runs inside ztcli, so
-// a lock with ztcli's own process id marks a download of this run.
+// a lock with ztcli's own process id marks a download of this run. A merge
+// that stopped part way left its merged part beside the destination; the
+// folder's ".merge" record names it, and it counts and goes with the folder.
 class PartialFolders
 {
 public:

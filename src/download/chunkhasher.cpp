@@ -110,10 +110,13 @@ void ChunkHasher::run()
     Sha256 sha;
     bool whole = true;
     Share share;
+    int shares = 0;
     while (m_work->takeNext(share)) {
         // After a share that could not be read, the rest only waits for close().
         if (whole)
             whole = hashShare(sha, share);
+        if (whole)
+            report(++shares);
     }
     if (m_work->cancelled)
         return;
@@ -124,6 +127,18 @@ void ChunkHasher::run()
         [this, digest] {
             if (!m_work->cancelled)
                 Q_EMIT finished(digest);
+        },
+        Qt::QueuedConnection);
+}
+
+// On the pooled thread; delivered on the owner's, and dropped with this object.
+void ChunkHasher::report(int shares)
+{
+    QMetaObject::invokeMethod(
+        this,
+        [this, shares] {
+            if (!m_work->cancelled)
+                Q_EMIT hashed(shares);
         },
         Qt::QueuedConnection);
 }

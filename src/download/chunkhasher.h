@@ -16,10 +16,11 @@ class Sha256;
 // the process and kept a while when idle, so that a batch of many small files
 // does not start and end a thread for each.
 //
-// Call order: add() for each share in file order, then close(); finished()
-// follows, once, on the owner's thread. cancel() or destruction ends the work
-// at the next block read and waits for that (a millisecond or so): from then
-// on no chunk file is open here and nothing more is emitted.
+// Call order: add() for each share in file order, then close(); hashed()
+// follows each share and finished() the last, once, on the owner's thread.
+// cancel() or destruction ends the work at the next block read and waits for
+// that (a millisecond or so): from then on no chunk file is open here and
+// nothing more is emitted.
 class ChunkHasher : public QObject
 {
     Q_OBJECT
@@ -33,6 +34,8 @@ public:
     void cancel();
 
 Q_SIGNALS:
+    // This many shares, counted from the first, are hashed: their files may go.
+    void hashed(int shares);
     // The digest of everything added; empty when a share could not be read whole.
     void finished(const QByteArray &sha256);
 
@@ -46,6 +49,7 @@ private:
     void startOnce();
     void run();
     bool hashShare(Sha256 &sha, const Share &share);
+    void report(int shares);
 
     // Shared with the pooled thread, which may still be leaving its last
     // lock when this object goes.

@@ -6,6 +6,7 @@
 #include "plugin/logging.h"
 
 #include <QDir>
+#include <QSet>
 #include <QStorageInfo>
 
 Downloader::Downloader(QObject *parent)
@@ -106,18 +107,50 @@ ZTErrorCode Downloader::startFiles()
 
 bool Downloader::hasSpace() const
 {
-    // Only the first task's volume is asked, and the whole total is needed on
-    // each of the two volumes, even when they are one.
     const QString destination = m_tasks.first()->m_path;
     const QString temporary = DownloadGlobal::instance()->temporaryStoragePath();
     const qint64 freeA = QStorageInfo(destination).bytesFree();
     const qint64 freeB = QStorageInfo(temporary).bytesFree();
     qCDebug(ztLog) << "path freesize" << freeA << "tem freesize" << freeB << "task total size" << m_totalSize;
-    if (m_totalSize <= freeA && m_totalSize <= freeB)
-        return true;
-    qCCritical(ztLog) << "size error" << freeA << destination << "or tem store size error " << freeB
-                      << temporary << "total" << m_totalSize;
-    return false;
+    const QMap<QString, qint64> needs = spaceNeeded(temporary);
+    for (auto need = needs.cbegin(); need != needs.cend(); ++need) {
+        const qint64 free = QStorageInfo(need.key()).bytesFree();
+        if (need.value() <= free)
+            continue;
+        qCCritical(ztLog) << "size error" << freeA << destination << "or tem store size error " << freeB << temporary
+                          << "total" << m_totalSize << "needs" << need.value() << "bytes on" << need.key() << "where"
+                          << free << "are free";
+        return false;
+    }
+    return true;
+}
+
+// What the batch still needs on each volume, by the volume's root: the chunks
+// still to come on the temporary one, the merged file on its destination's,
+// each less what is there already (chunk files, a stopped merge's part), and
+// a copy for each further destination of a content. Where a content's chunks
+// and its merged file share a volume, each chunk goes once it is merged, so
+// the merge needs at most two chunks beyond the file's size there.
+QMap<QString, qint64> Downloader::spaceNeeded(const QString &temporary) const
+{
+    const QString temporaryVolume = QStorageInfo(temporary).rootPath();
+    QMap<QString, qint64> needs;
+    QSet<QString> contents;
+    for (const QSharedPointer<DownloadTask> &task : m_tasks) {
+        const QString volume = QStorageInfo(task->m_path).rootPath();
+        if (contents.contains(task->etag)) { // a copy of a content counted already
+            needs[volume] += task->fileSize;
+            continue;
+        }
+        contents.insert(task->etag);
+        const DownloadSingleFile::Held held = DownloadSingleFile::held(task->tempDir);
+        const qint64 onDisk = qMin(held.chunkBytes + held.mergedBytes, task->fileSize);
+        const qint64 chunk = qMin(held.chunkSize > 0 ? held.chunkSize : DownloadGlobal::instance()->chunkSize(),
+                                  task->fileSize);
+        needs[temporaryVolume] += task->fileSize - onDisk;
+        needs[volume] += volume == temporaryVolume ? 2 * chunk : qMax<qint64>(0, task->fileSize - held.mergedBytes);
+    }
+    return needs;
 }
 
 void Downloader::releaseReservations()

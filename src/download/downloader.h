@@ -67,6 +67,7 @@ public Q_SLOTS:
 private:
     ZTErrorCode startFiles();
     bool hasSpace() const;
+    QMap<QString, qint64> spaceNeeded(const QString &temporary) const;
     void group();
     bool refuseRepeat();
     void onStopAll();

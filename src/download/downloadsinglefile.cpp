@@ -14,6 +14,8 @@
 #include <QLockFile>
 #include <QNetworkAccessManager>
 
+#include <cstdio>
+
 #ifdef Q_OS_LINUX
 #include <cerrno>
 #include <unistd.h>
@@ -23,6 +25,9 @@ namespace {
 constexpr qint64 CopySize = 1024 * 1024;
 constexpr char MergeSuffix[] = ".ztmerge"; // the file being joined, beside its final name
 constexpr char PlanName[] = ".plan";       // the content folder's plan record
+constexpr char MergeRecordName[] = ".merge"; // names the content folder's merged file
+// Merged per turn of the event loop: a stop is heard between two slices.
+constexpr qint64 MergeSlice = 8 * 1024 * 1024;
 constexpr int DigestSize = 32;
 
 // What a content folder's plan record says; a chunk size of 0 when there is no
@@ -51,19 +56,50 @@ Plan readPlan(const QString &contentFolder)
     return Plan{chunkSize, decoded.decoded};
 }
 
-// Copies up to count bytes from the start of source to the end of destination
+// Which merged file a content folder's merge writes, for which plan (a merged
+// part is only of use to a run of the same chunk size and file), and how much
+// of it is known to be good: rewritten before any chunk file goes, and when
+// the merge ends short of the file.
+struct MergeRecord
+{
+    QString path; // empty when there is no usable record
+    qint64 chunkSize = 0;
+    QByteArray sha256;
+    qint64 mergedBytes = 0;
+};
+
+MergeRecord readMergeRecord(const QString &contentFolder)
+{
+    QFile file(contentFolder + QLatin1Char('/') + QLatin1String(MergeRecordName));
+    if (!file.open(QIODevice::ReadOnly))
+        return MergeRecord();
+    const QJsonObject record = QJsonDocument::fromJson(file.read(16384)).object();
+    MergeRecord merge;
+    merge.path = record.value(QLatin1String("path")).toString();
+    merge.chunkSize = record.value(QLatin1String("chunkSize")).toVariant().toLongLong();
+    merge.sha256 = QByteArray::fromBase64(record.value(QLatin1String("sha256")).toString().toLatin1());
+    merge.mergedBytes = record.value(QLatin1String("mergedBytes")).toVariant().toLongLong();
+    // It names nothing but a merged file: whatever it says is removed with the folder.
+    if (!merge.path.endsWith(QLatin1String(MergeSuffix)) || merge.chunkSize <= 0 || merge.mergedBytes < 0) {
+        qCWarning(ztLog) << "merge record unreadable" << file.fileName();
+        return MergeRecord();
+    }
+    return merge;
+}
+
+// Copies up to count bytes of source, from offset on, to the end of destination
 // inside the kernel, so the merge never moves the bytes through user space.
 // Returns the bytes copied (fewer when source is short), or -1 when nothing was
 // copied because this file system or kernel can't; a failure after the first
 // byte is left in failure (an errno value).
-qint64 copyInKernel(QFile &source, QFile &destination, qint64 count, int &failure)
+qint64 copyInKernel(QFile &source, qint64 offset, QFile &destination, qint64 count, int &failure)
 {
     failure = 0;
 #ifdef Q_OS_LINUX
     const qint64 at = destination.pos();
     if (!destination.flush())
         return -1;
-    loff_t from = 0;
+    loff_t from = offset;
     qint64 done = 0;
     while (done < count) {
         const ssize_t n = ::copy_file_range(source.handle(), &from, destination.handle(), nullptr,
@@ -84,9 +120,39 @@ qint64 copyInKernel(QFile &source, QFile &destination, qint64 count, int &failur
     destination.seek(at + done);
     return done;
 #else
-    Q_UNUSED(source) Q_UNUSED(destination) Q_UNUSED(count)
+    Q_UNUSED(source) Q_UNUSED(offset) Q_UNUSED(destination) Q_UNUSED(count)
     return -1;
 #endif
+}
+
+// As copyInKernel, through a buffer where the kernel can't; a failure is left
+// in error.
+qint64 copyRange(QFile &source, qint64 offset, QFile &destination, qint64 count, QString &error)
+{
+    int failure = 0;
+    const qint64 copied = copyInKernel(source, offset, destination, count, failure);
+    if (copied >= 0) {
+        if (failure != 0)
+            error = qt_error_string(failure);
+        return copied;
+    }
+    if (!source.seek(offset))
+        return 0;
+    QByteArray buffer(CopySize, Qt::Uninitialized);
+    qint64 done = 0;
+    while (done < count) {
+        const qint64 n = source.read(buffer.data(), qMin<qint64>(buffer.size(), count - done));
+        if (n <= 0)
+            break; // short
+        if (destination.write(buffer.constData(), n) != n) {
+            error = destination.errorString();
+            break;
+        }
+        done += n;
+    }
+    if (error.isEmpty() && !destination.flush())
+        error = destination.errorString();
+    return done;
 }
 } // namespace
 
@@ -104,9 +170,10 @@ DownloadSingleFile::DownloadSingleFile(const QSharedPointer<DownloadTask> &downl
 
 DownloadSingleFile::~DownloadSingleFile()
 {
-    // Gone while its merged file waited for the digest: the file goes too.
-    if (m_merging) {
-        QFile::remove(mergePath());
+    // Gone during its merge, as if stopped: the merged part and the chunks not
+    // yet in it stay for the next run.
+    if (m_merging && isRunning()) {
+        settleMerge();
         task->releaseReservations();
     }
 }
@@ -129,6 +196,22 @@ QList<QFileInfo> DownloadSingleFile::chunkFiles(const QString &contentFolder)
             files.append(entry);
     }
     return files;
+}
+
+DownloadSingleFile::Held DownloadSingleFile::held(const QString &contentFolder)
+{
+    Held held;
+    held.chunkSize = readPlan(contentFolder).chunkSize;
+    const MergeRecord merge = readMergeRecord(contentFolder);
+    if (!merge.path.isEmpty())
+        held.mergedBytes = qMin(QFileInfo(merge.path).size(), merge.mergedBytes);
+    // A chunk file whose bytes are all in the merged part is about to go: not counted twice.
+    const qint64 mergedChunks = merge.chunkSize > 0 ? held.mergedBytes / merge.chunkSize : 0;
+    for (const QFileInfo &chunk : chunkFiles(contentFolder)) {
+        if (chunk.fileName().toLongLong() > mergedChunks)
+            held.chunkBytes += chunk.size();
+    }
+    return held;
 }
 
 bool DownloadSingleFile::recordPlan(const QString &contentFolder, qint64 size, const QByteArray &sha256,
@@ -175,7 +258,10 @@ bool DownloadSingleFile::start()
     }
     if (!task->rangeSupported)
         restartWithoutRanges();
+    resumeMerge();
     plan();
+    if (chunksPlanned() == 0)
+        scheduleNextStep(); // all merged before: the merge ends on the next turn
     return true;
 }
 
@@ -274,9 +360,10 @@ void DownloadSingleFile::plan()
 {
     chunkCount = int(task->fileSize / chunkSize) + (task->fileSize % chunkSize > 0 ? 1 : 0);
     // Room for every chunk that runs at once: none of them waits inside Qt.
-    networkManager = DownloadGlobal::instance()->accessManagers()->lend(qMin(chunkCount, maxRunningChunks + 1));
+    networkManager = DownloadGlobal::instance()->accessManagers()->lend(
+        qMin(chunkCount - m_firstPlanned + 1, maxRunningChunks + 1));
     const QString requested = task->requestedName.isEmpty() ? task->fileName : task->requestedName;
-    for (int i = 1; i <= chunkCount; ++i) {
+    for (int i = m_firstPlanned; i <= chunkCount; ++i) {
         // Released with deleteLater: a chunk may be dropped while it emits.
         QSharedPointer<DownloadChunk> chunk(new DownloadChunk(networkManager, this), &QObject::deleteLater);
         chunk->chunkPath = tempDir + QLatin1Char('/') + QString::number(i);
@@ -299,6 +386,8 @@ void DownloadSingleFile::plan()
     if (!m_expectedSha256.isEmpty()) {
         m_hasher.reset(new ChunkHasher);
         connect(m_hasher.get(), &ChunkHasher::finished, this, &DownloadSingleFile::onHashed);
+        connect(m_hasher.get(), &ChunkHasher::hashed, this, &DownloadSingleFile::onChunksHashed);
+        hashMergedPart();
     }
     startPendingChunks();
 }
@@ -333,8 +422,8 @@ void DownloadSingleFile::onHashed(const QByteArray &sha256)
 {
     m_hashed = true;
     m_foundSha256 = sha256;
-    if (m_joined)
-        verifyThenPlace();
+    if (m_merging)
+        scheduleMergeStep();
 }
 
 // Four run at first (started while at most the limit are running), then one
@@ -384,33 +473,191 @@ void DownloadSingleFile::nextStep()
         startPendingChunks();
         qCDebug(ztLog) << "chunk inesrt chunk" << pendingChunks.size();
     }
-    if (isRunning() && pendingChunks.isEmpty() && finishedCount == chunkCount)
+    if (isRunning() && pendingChunks.isEmpty() && finishedCount == chunksPlanned())
         complete();
 }
 
 void DownloadSingleFile::complete()
 {
-    m_ended = true;
-    // A stop that comes during the merge (from a progress handler), or while
-    // the merged file waits for its digest, lets it end: the folder stays this
-    // run's until it is removed.
     m_merging = true;
-    if (m_expectedSha256.isEmpty()) {
-        if (merge())
-            finishMerge();
-        else
-            failMerge();
+    if (!merge())
+        failMerge();
+}
+
+// The merged file is begun (or taken up again), and the merge goes on a slice
+// per turn of the event loop.
+bool DownloadSingleFile::merge()
+{
+    qCDebug(ztLog) << "merge chunk" << task->m_path;
+    QDir().mkpath(task->m_path);
+    if (m_mergedBytes == 0) {
+        QFile merged(mergePath());
+        if (!merged.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+            qCCritical(ztLog) << "merge chunk fail" << task->filePath;
+            return false;
+        }
+    }
+    scheduleMergeStep();
+    return true;
+}
+
+void DownloadSingleFile::scheduleMergeStep()
+{
+    if (m_mergeStepQueued)
+        return;
+    m_mergeStepQueued = true;
+    QMetaObject::invokeMethod(this, &DownloadSingleFile::mergeStep, Qt::QueuedConnection);
+}
+
+// One slice a turn. A chunk is begun only once the one before it is hashed and
+// gone, so that the merge holds at most one chunk more than the file's size.
+void DownloadSingleFile::mergeStep()
+{
+    m_mergeStepQueued = false;
+    if (!isRunning())
+        return;
+    if (m_hashed && m_foundSha256.isEmpty()) {
+        verifyThenPlace(); // a chunk could not be hashed: refused now rather than after the merge
         return;
     }
-    if (!joinChunks()) {
+    if (!removeMergedChunks()) {
         failMerge();
         return;
     }
-    m_joined = true;
-    if (m_hashed)
+    if (m_mergedBytes == task->fileSize) {
+        if (!m_hasher || m_hashed)
+            endMerge();
+        return; // the digest brings the step back
+    }
+    const int number = int(m_mergedBytes / chunkSize) + 1;
+    if (m_removedThrough < number - 1)
+        return; // so does the hasher's next report
+    if (!appendSlice(number)) {
+        failMerge();
+        return;
+    }
+    if (m_mergedBytes == chunkStart(number) + shareOf(number))
+        reportMerge(); // a host may stop the run from here
+    scheduleMergeStep();
+}
+
+// The next slice of chunk `number`, from where the merged file ends.
+bool DownloadSingleFile::appendSlice(int number)
+{
+    const QString path = chunkPathOf(number);
+    const qint64 offset = m_mergedBytes - chunkStart(number);
+    QFile chunk(path);
+    if (!chunk.open(QIODevice::ReadOnly)) {
+        qCCritical(ztLog) << "merge chunk fail" << path;
+        return false;
+    }
+    if (offset == 0) {
+        qCDebug(ztLog) << "chunk" << path;
+        qCDebug(ztLog) << "chunk size" << chunk.size();
+    }
+    // Not opened for appending: the kernel's copy refuses such a file.
+    QFile merged(mergePath());
+    if (!merged.open(QIODevice::ReadWrite)) {
+        qCCritical(ztLog) << "merge chunk fail" << task->filePath << merged.errorString();
+        return false;
+    }
+    if (merged.size() != m_mergedBytes || !merged.seek(m_mergedBytes)) {
+        qCCritical(ztLog) << "merge size error" << task->filePath << merged.size() << m_mergedBytes;
+        return false;
+    }
+    const qint64 count = qMin(MergeSlice, shareOf(number) - offset);
+    QString error;
+    const qint64 copied = copyRange(chunk, offset, merged, count, error);
+    m_mergedBytes += copied;
+    if (!error.isEmpty()) {
+        qCCritical(ztLog) << "merge chunk fail" << task->filePath << error;
+        return false;
+    }
+    if (copied < count) { // the next run fetches what the chunk file lacks
+        qCCritical(ztLog) << "merge chunk fail" << path << "short of its share" << chunk.size() << shareOf(number);
+        return false;
+    }
+    return true;
+}
+
+// The chunk files the merged file holds whole go once hashed, but the last
+// one, which goes with the folder: a file of one chunk needs no record. The
+// record says first how far the merge came, so that no chunk file goes before
+// the record holds its bytes.
+bool DownloadSingleFile::removeMergedChunks()
+{
+    const int whole = m_mergedBytes == task->fileSize ? chunkCount : int(m_mergedBytes / chunkSize);
+    int through = m_removedThrough;
+    while (through < qMin(whole, chunkCount - 1) && chunkHashed(through + 1))
+        ++through;
+    if (through == m_removedThrough)
+        return true;
+    if (!recordMerge()) {
+        qCCritical(ztLog) << "merge chunk fail" << tempDir + QLatin1Char('/') + QLatin1String(MergeRecordName);
+        return false;
+    }
+    m_mergeRecorded = true;
+    for (; m_removedThrough < through; ++m_removedThrough) {
+        const QString path = chunkPathOf(m_removedThrough + 1);
+        if (!QFile::remove(path) && QFileInfo::exists(path)) {
+            qCCritical(ztLog) << "remove fail" << path;
+            return false;
+        }
+    }
+    return true;
+}
+
+// Aside and renamed, but not synced: a record lost with the machine's power
+// costs only the chunks merged since the one before, fetched again.
+bool DownloadSingleFile::recordMerge()
+{
+    const QJsonObject record{{QStringLiteral("path"), mergePath()},
+                             {QStringLiteral("chunkSize"), chunkSize},
+                             {QStringLiteral("sha256"), QString::fromLatin1(m_expectedSha256.toBase64())},
+                             {QStringLiteral("mergedBytes"), m_mergedBytes}};
+    const QByteArray text = QJsonDocument(record).toJson(QJsonDocument::Compact);
+    const QString path = tempDir + QLatin1Char('/') + QLatin1String(MergeRecordName);
+    QFile aside(path + QLatin1String(".new"));
+    if (!aside.open(QIODevice::WriteOnly | QIODevice::Truncate) || aside.write(text) != text.size()) {
+        aside.remove();
+        return false;
+    }
+    aside.close();
+    // Replaced in one step where the system can: never a moment without a record.
+    if (std::rename(QFile::encodeName(aside.fileName()).constData(), QFile::encodeName(path).constData()) == 0)
+        return true;
+    QFile::remove(path);
+    return aside.rename(path);
+}
+
+// The merge fills the rest of the figure that the download phase left, so
+// that a long merge is seen to move.
+void DownloadSingleFile::reportMerge()
+{
+    const qint64 size = task->fileSize;
+    const qint64 cap = (size / 100) * 95;
+    const qint64 figure = cap + qint64(double(size - cap) * double(m_mergedBytes) / double(size));
+    received = qMax(received, qMin(figure, size));
+    const int merged = m_mergedBytes == size ? chunkCount : int(m_mergedBytes / chunkSize);
+    Q_EMIT downloadProgress(qMin(size, (merged / 5) * (size / 100) + received), size);
+}
+
+void DownloadSingleFile::endMerge()
+{
+    const qint64 size = QFileInfo(mergePath()).size();
+    if (size != task->fileSize) {
+        qCCritical(ztLog) << "merge size error" << task->filePath << size << task->fileSize;
+        failMerge();
+        return;
+    }
+    if (m_hasher) {
         verifyThenPlace();
+        return;
+    }
+    if (placeMerged())
+        finishMerge();
     else
-        qCDebug(ztLog) << "merged file waits for its digest" << task->filePath;
+        failMerge();
 }
 
 // The merged file takes the destination's name only with the file's digest.
@@ -423,12 +670,12 @@ void DownloadSingleFile::verifyThenPlace()
             failMerge();
         return;
     }
-    m_merging = false;
+    m_ended = true;
     qCCritical(ztLog) << "merged file differs from the server's" << task->filePath << "expected sha-256"
                       << m_expectedSha256.toBase64() << "found"
                       << (m_foundSha256.isEmpty() ? QByteArray("none, a chunk file is short") : m_foundSha256.toBase64());
-    QFile::remove(mergePath());
-    removeContentFolder(); // the next run starts afresh
+    removeContentFolder(); // with the merged file: the next run starts afresh
+    m_merging = false;
     task->status = Zephyrtide::Error::GeneralFailure;
     task->releaseReservations();
     releaseContentFolder();
@@ -438,6 +685,7 @@ void DownloadSingleFile::verifyThenPlace()
 void DownloadSingleFile::finishMerge()
 {
     m_merging = false;
+    m_placing = false;
     task->keepReservations();
     clear();
     releaseContentFolder();
@@ -445,14 +693,33 @@ void DownloadSingleFile::finishMerge()
     Q_EMIT finished();
 }
 
-// Chunk files stay, so that a later run merges again without downloading.
+// The merged part and the chunks not yet in it stay, so that a later run goes
+// on from them without downloading.
 void DownloadSingleFile::failMerge()
 {
+    m_ended = true;
+    if (m_hasher)
+        m_hasher->cancel();
+    settleMerge();
     m_merging = false;
+    m_placing = false;
     task->status = Zephyrtide::Error::MergeError;
     task->releaseReservations(); // only the names that still hold nothing
     releaseContentFolder();
     Q_EMIT errorOccurred();
+}
+
+// What a merge that ends short of the file leaves: the record says how far it
+// came. A merged part that no record names is of no use to a later run, which
+// has every chunk file still: it goes rather than lie beside the destination.
+void DownloadSingleFile::settleMerge()
+{
+    if (!m_merging)
+        return;
+    if (!m_mergeRecorded)
+        QFile::remove(mergePath());
+    else if (!recordMerge())
+        qCWarning(ztLog) << "merge record not updated" << tempDir; // the next run merges a little again
 }
 
 void DownloadSingleFile::onDownloadProgress(qlonglong delta, qlonglong)
@@ -466,66 +733,130 @@ void DownloadSingleFile::onDownloadProgress(qlonglong delta, qlonglong)
     Q_EMIT downloadProgress((received / 100) * 95, task->fileSize);
 }
 
-bool DownloadSingleFile::merge()
-{
-    return joinChunks() && placeMerged();
-}
-
 QString DownloadSingleFile::mergePath() const
 {
     return task->filePath + QLatin1String(MergeSuffix);
 }
 
-// Joined aside and renamed into place: a merge that fails (a full disk) or
-// a merged file that is refused leaves nothing under the file's name.
-bool DownloadSingleFile::joinChunks()
+QString DownloadSingleFile::chunkPathOf(int number) const
 {
-    qCDebug(ztLog) << "merge chunk" << task->m_path;
-    QDir().mkpath(task->m_path);
-    QFile destination(mergePath());
-    if (!destination.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        qCCritical(ztLog) << "merge chunk fail" << task->filePath;
-        return false;
-    }
-    const bool joined = appendChunks(destination);
-    destination.close();
-    const qint64 written = destination.size();
-    if (joined && written != task->fileSize)
-        qCCritical(ztLog) << "merge size error" << task->filePath << written << task->fileSize;
-    if (joined && written == task->fileSize)
-        return true;
-    destination.remove();
-    return false;
+    return tempDir + QLatin1Char('/') + QString::number(number);
 }
 
-bool DownloadSingleFile::placeMerged()
+qint64 DownloadSingleFile::chunkStart(int number) const
 {
-    if (!moveIntoPlace()) {
-        QFile::remove(mergePath());
+    return qint64(number - 1) * chunkSize;
+}
+
+// A run stopped during its merge left a merged part and the chunks not yet in
+// it. How far it came is read from the merged file's size alone, whatever
+// ended that run: the chunks it holds whole are not planned again (their files
+// go, should any be left), and the one it holds in part is finished from its
+// file, fetched again if that has gone.
+void DownloadSingleFile::resumeMerge()
+{
+    const MergeRecord record = readMergeRecord(tempDir);
+    if (record.path.isEmpty())
+        return;
+    const bool samePlan =
+        record.chunkSize == chunkSize && (record.sha256.isEmpty() || record.sha256 == m_expectedSha256);
+    if (!samePlan || !adoptMergedFile(record.path, record.mergedBytes)) {
+        qCWarning(ztLog) << "merged part discarded" << record.path;
+        discardMergedFile();
+        return;
+    }
+    const int count = int(task->fileSize / chunkSize) + (task->fileSize % chunkSize > 0 ? 1 : 0);
+    m_firstPlanned = m_mergedBytes == task->fileSize ? count + 1 : int(m_mergedBytes / chunkSize) + 1;
+    for (; m_removedThrough < m_firstPlanned - 1; ++m_removedThrough) {
+        const QString path = chunkPathOf(m_removedThrough + 1);
+        if (!QFile::remove(path) && QFileInfo::exists(path))
+            qCCritical(ztLog) << "remove fail" << path;
+    }
+    received = qMin(chunkStart(m_firstPlanned), (task->fileSize / 100) * 95);
+    qCInfo(ztLog) << "merge resumed" << mergePath() << m_mergedBytes << "chunks from" << m_firstPlanned;
+}
+
+// Takes the merged part under this run's name for it (the destination may
+// have another free name this time), as far as its record vouches for it.
+// Bytes past that (a merge that ended without a word, or anything else that
+// wrote there) are cut off; a part shorter than its record lost bytes whose
+// chunk files are gone, so those are fetched again.
+bool DownloadSingleFile::adoptMergedFile(const QString &recorded, qint64 recordedBytes)
+{
+    if (recordedBytes > task->fileSize) {
+        qCCritical(ztLog) << "merge size error" << recorded << recordedBytes << task->fileSize;
         return false;
     }
+    QFile merged(recorded);
+    if (!merged.exists())
+        return false;
+    if (merged.size() > recordedBytes) {
+        qCWarning(ztLog) << "merged part cut to its record" << recorded << merged.size() << recordedBytes;
+        if (!merged.resize(recordedBytes))
+            return false;
+    }
+    if (recorded != mergePath()) {
+        QFile::remove(mergePath());
+        if (!merged.rename(mergePath()))
+            return false; // on another volume, say: what it holds is fetched again
+    }
+    m_mergedBytes = merged.size();
+    m_mergeRecorded = recorded == mergePath() || recordMerge();
+    return true;
+}
+
+// The merged part goes with the folder's record of it.
+void DownloadSingleFile::discardMergedFile()
+{
+    const MergeRecord record = readMergeRecord(tempDir);
+    if (!record.path.isEmpty())
+        QFile::remove(record.path);
+    if (m_merging)
+        QFile::remove(mergePath());
+    QFile::remove(tempDir + QLatin1Char('/') + QLatin1String(MergeRecordName));
+    m_mergedBytes = 0;
+    m_mergeRecorded = false;
+}
+
+// The hasher takes the merged part first, from the merged file, then the
+// chunks after it as they finish.
+void DownloadSingleFile::hashMergedPart()
+{
+    m_nextToHash = m_firstPlanned;
+    if (m_firstPlanned > 1) {
+        m_hasher->add(mergePath(), qMin(chunkStart(m_firstPlanned), task->fileSize));
+        m_hashBase = 1;
+    }
+    if (m_nextToHash > chunkCount)
+        m_hasher->close();
+}
+
+void DownloadSingleFile::onChunksHashed(int shares)
+{
+    m_hashedShares = shares;
+    if (m_merging)
+        scheduleMergeStep();
+}
+
+bool DownloadSingleFile::chunkHashed(int number) const
+{
+    return !m_hasher || m_hashed || m_hashedShares >= m_hashBase + number - m_firstPlanned + 1;
+}
+
+// Once in place, the file is this run's whatever comes: a stop from here on
+// no longer ends the run.
+bool DownloadSingleFile::placeMerged()
+{
+    m_placing = true;
+    m_ended = true;
+    if (!moveIntoPlace())
+        return false; // the merged file stays, whole, for the next run
     if (!copyToSameFileTargets(task->filePath)) {
         qCCritical(ztLog) << "merge copy fail" << task->filePath;
         return false;
     }
     Q_EMIT downloadProgress(task->fileSize, task->fileSize);
     qCDebug(ztLog) << "merge chunk finished" << QFileInfo(task->filePath).size();
-    return true;
-}
-
-bool DownloadSingleFile::appendChunks(QFile &destination)
-{
-    const qint64 step = task->fileSize / 100;
-    int merged = 0;
-    for (auto it = startedChunks.cbegin(); it != startedChunks.cend(); ++it) {
-        const QString path = it.value()->chunkPath;
-        qCDebug(ztLog) << "chunk" << path;
-        ++merged;
-        Q_EMIT downloadProgress((merged / 5) * step + received, task->fileSize);
-        // Exactly the chunk's share: the overlap byte and anything past it stay out.
-        if (!appendChunk(destination, path, shareOf(it.key())))
-            return false;
-    }
     return true;
 }
 
@@ -539,35 +870,6 @@ bool DownloadSingleFile::moveIntoPlace()
         return true;
     qCCritical(ztLog) << "merge chunk fail" << task->filePath << merged.errorString();
     return false;
-}
-
-bool DownloadSingleFile::appendChunk(QFile &destination, const QString &chunkPath, qint64 share)
-{
-    QFile chunk(chunkPath);
-    if (!chunk.open(QIODevice::ReadOnly)) {
-        qCCritical(ztLog) << "merge chunk fail" << chunkPath;
-        return false;
-    }
-    qCDebug(ztLog) << "chunk size" << chunk.size();
-    int failure = 0;
-    if (copyInKernel(chunk, destination, share, failure) >= 0) {
-        if (failure != 0)
-            qCCritical(ztLog) << "merge chunk fail" << task->filePath << qt_error_string(failure);
-        return failure == 0; // short: the size check after the merge refuses the result
-    }
-    QByteArray buffer(CopySize, Qt::Uninitialized);
-    for (qint64 left = share; left > 0;) {
-        const qint64 count = chunk.read(buffer.data(), qMin<qint64>(buffer.size(), left));
-        if (count <= 0)
-            break; // short: the size check after the merge refuses the result
-        if (destination.write(buffer.constData(), count) != count) {
-            qCCritical(ztLog) << "merge chunk fail" << task->filePath << destination.errorString();
-            return false;
-        }
-        left -= count;
-    }
-    chunk.close();
-    return true;
 }
 
 bool DownloadSingleFile::copyToSameFileTargets(const QString &source)
@@ -600,18 +902,24 @@ void DownloadSingleFile::clear()
 
 void DownloadSingleFile::removeContentFolder()
 {
-    if (!tempDir.isEmpty() && !QDir(tempDir).removeRecursively())
+    if (tempDir.isEmpty())
+        return;
+    discardMergedFile();
+    if (!QDir(tempDir).removeRecursively())
         qCCritical(ztLog) << "remove fail" << tempDir;
 }
 
+// A merge under way ends too, between two slices; only the final rename into
+// place goes on.
 void DownloadSingleFile::halt()
 {
     m_ended = true;
-    if (m_merging)
+    if (m_placing)
         return;
     // Done reading chunk files before another run may take the folder.
     if (m_hasher)
         m_hasher->cancel();
+    settleMerge();
     task->releaseReservations(); // this run produces no file
     releaseContentFolder();
 }
@@ -621,10 +929,10 @@ void DownloadSingleFile::onAborted()
     qCInfo(ztLog) << "abort success" << task->etag;
     task->status = Zephyrtide::Error::Aborted;
     // The lock goes with the run, but nothing runs between this and the
-    // removal: an aborted download starts from nothing next time. A merge
-    // under way ends first, and removes the folder itself.
+    // removal: an aborted download starts from nothing next time, merged part
+    // included. A file being put in place is no longer the abort's.
     Q_EMIT abort();
-    if (!m_merging)
+    if (!m_placing)
         removeContentFolder();
 }
 

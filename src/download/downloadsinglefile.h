@@ -33,11 +33,20 @@ class QNetworkAccessManager;
 // without a record, or begun on another version of the file (another SHA-256),
 // is emptied first.
 //
-// When the file's SHA-256 is known, the finished chunks are hashed in file
-// order on another thread while the download runs, and the merged file takes
-// the destination's name only when the digests agree. One that differs fails
-// the file with 20630; nothing stands under the destination's name and the
-// content folder goes, so that the next run starts afresh.
+// The merge appends the chunks to "<file>.ztmerge" beside the destination, a
+// slice of a few MiB per turn of the event loop, and removes each chunk file
+// once it is in, so a download never holds much more than the file's size.
+// The content folder's ".merge" record names that file; its size tells how far
+// the merge came, so a stop (or a crash) during the merge costs nothing: the
+// next run plans only the chunks not yet in, and goes on from there.
+//
+// When the file's SHA-256 is known, the chunks are hashed in file order on
+// another thread while the download runs (after a stopped merge, the merged
+// part first); a chunk file goes only once it is hashed, and the merged file
+// takes the destination's name only when the digests agree. One that differs
+// fails the file with 20630; nothing stands under the destination's name and
+// the content folder goes with the merged file, so that the next run starts
+// afresh.
 //
 // One writer per content folder: start() takes the folder's lock file (beside
 // it) and fails with 20718 when another run, in this process or another, holds
@@ -46,7 +55,8 @@ class QNetworkAccessManager;
 //
 // A run ends once. Emitting stop() or abort() on the object ends it as its own
 // slots do: every running chunk drops its request, no pending chunk starts and
-// nothing is merged. The next chunk starts on a later turn of the event loop,
+// the merge takes no further step; only the final rename into place is not
+// stopped. The next chunk starts on a later turn of the event loop,
 // never inside a chunk's signal.
 class DownloadSingleFile : public QObject
 {
@@ -56,7 +66,18 @@ public:
     ~DownloadSingleFile() override;
 
     bool start();
+    // Begins the merge, which goes on by itself; false when it cannot begin.
     bool merge();
+    // What a content folder holds of its file: the bytes of its chunk files
+    // (with their overlap bytes), those of its partly merged file, and the
+    // chunk size it records (0 when none).
+    struct Held
+    {
+        qint64 chunkBytes = 0;
+        qint64 mergedBytes = 0;
+        qint64 chunkSize = 0;
+    };
+    static Held held(const QString &contentFolder);
     // The lock file that marks a content folder as taken, beside the folder, so
     // that it outlives the folder's removal at the end of a download.
     static QString lockPath(const QString &contentFolder);
@@ -118,21 +139,42 @@ private:
     void removeContentFolder();
     bool createEmptyFile();
     QString mergePath() const;
-    bool joinChunks();
-    bool appendChunks(QFile &destination);
-    bool appendChunk(QFile &destination, const QString &chunkPath, qint64 share);
+    QString chunkPathOf(int number) const;
+    qint64 chunkStart(int number) const;
+    int chunksPlanned() const { return chunkCount - m_firstPlanned + 1; }
+    void resumeMerge();
+    bool adoptMergedFile(const QString &recorded, qint64 recordedBytes);
+    void discardMergedFile();
+    void hashMergedPart();
+    void onChunksHashed(int shares);
+    bool chunkHashed(int number) const;
+    bool recordMerge();
+    void settleMerge();
+    void scheduleMergeStep();
+    void mergeStep();
+    bool appendSlice(int number);
+    bool removeMergedChunks();
+    void reportMerge();
+    void endMerge();
     bool moveIntoPlace();
     bool placeMerged();
 
     std::unique_ptr<QLockFile> m_lock; // the content folder's, while the run holds it
     bool m_ended = false;              // finished, failed, stopped or aborted
-    bool m_merging = false;            // from the merge's start to the file's placing (or refusal)
+    bool m_merging = false;            // from the merge's start to the run's end
+    bool m_placing = false;            // renaming the merged file into place: not stopped any more
     bool m_stepQueued = false;
+    bool m_mergeStepQueued = false;
+    int m_firstPlanned = 1;            // the chunks before it were merged by an earlier run
+    qint64 m_mergedBytes = 0;          // in the merged file
+    int m_removedThrough = 0;          // the chunk files up to this one are merged and gone
+    bool m_mergeRecorded = false;      // the folder's ".merge" record names this run's merged file
     QByteArray m_expectedSha256;       // the file's, when known: the merged file must have it
     std::unique_ptr<ChunkHasher> m_hasher;
     int m_nextToHash = 1;              // the first chunk not yet handed to the hasher
     QList<int> m_finishedChunks;       // numbers of the chunks that finished, not yet hashed
-    bool m_joined = false;             // the merged file is written, beside the destination
+    int m_hashBase = 0;                // shares handed over before chunk m_firstPlanned's: the merged part
+    int m_hashedShares = 0;
     bool m_hashed = false;
     QByteArray m_foundSha256;
 };

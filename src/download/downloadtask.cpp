@@ -109,10 +109,9 @@ bool DownloadTask::init(const QString &address)
         qCCritical(ztLog) << "init fail";
         return false;
     }
-    qint64 sum = 0;
-    // The chunk files only: neither "." and ".." nor the folder's plan record.
-    for (const QFileInfo &entry : DownloadSingleFile::chunkFiles(tempDir))
-        sum += entry.size();
+    // The chunk files and the part a stopped merge has joined already.
+    const DownloadSingleFile::Held held = DownloadSingleFile::held(tempDir);
+    const qint64 sum = held.chunkBytes + held.mergedBytes;
     downloadedSize = sum;
     qCDebug(ztLog) << "init " << sum;
     return downloadedSize > 0;

@@ -27,6 +27,7 @@ private Q_SLOTS:
     void existsTellsStoredFromMissing_data();
     void existsTellsStoredFromMissing();
     void interruptedDownloadResumes();
+    void interruptedMergeResumes();
     void secondInterruptDiscardsThePartialDownload();
     void stalledDownloadTimesOut_data();
     void stalledDownloadTimesOut();
@@ -258,6 +259,65 @@ void tst_ZtcliTransfers::interruptedDownloadResumes()
     QVERIFY2(resent <= content.size() - kept + 512,
              qPrintable(QStringLiteral("resent %1 of %2 bytes").arg(resent).arg(content.size())));
     QCOMPARE(bytesUnder(temp.path()), qint64(0)); // the merged chunks are gone
+}
+
+// Ctrl-C while the chunks are being merged stops the merge (exit 130) and
+// keeps what it merged, which "partial" counts; the next run fetches no chunk
+// again and goes on from there, and "partial --clear" drops a merged part with
+// its folder. The interrupt comes from inside ztcli, as the merge copies its
+// fourth chunk (a preloaded copy_file_range sends it), so the test never races
+// the merge.
+void tst_ZtcliTransfers::interruptedMergeResumes()
+{
+    const qint64 chunk = 1024 * 1024;
+    const QByteArray content = randomBytes(24 * chunk + 5);
+    const QByteArray digest = QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64();
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.setHandler([&](const ScriptedRequest &request) {
+        if (request.path() == QLatin1String("/download/pathList")) {
+            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": "m.bin", "fileSize": )"
+                                          + QByteArray::number(content.size()) + R"(, "etag": "m1", "modified": 0}]})");
+        }
+        return ScriptedResponse::file(content, request, "\"m1\"", "m.bin").header("Repr-Digest", "sha-256=:" + digest + ":");
+    });
+    QTemporaryDir temp;
+    QTemporaryDir target;
+    const QString result = QDir(target.path()).filePath(QStringLiteral("m.bin"));
+    const QStringList args{"--server", server.baseUrl(), "--temp", temp.path(), "--chunk-size-mb", "1",
+                           "download", "m.bin", "--to", target.path()};
+
+    const auto interrupted = [&] {
+        CliRun run(m_home.path());
+        run.setEnv("LD_PRELOAD", ZT_INTERRUPT_SHIM);
+        run.setEnv("ZT_INTERRUPT_AT_COPY", "4");
+        run.setEnv("ASAN_OPTIONS", qEnvironmentVariable("ASAN_OPTIONS") + ":verify_asan_link_order=0");
+        const int status = run.run(args);
+        return status == 130 && run.err().contains(QLatin1String("Stopped (20716)")) ? QString() : run.output();
+    };
+    QCOMPARE(interrupted(), QString());
+    QVERIFY(!QFile::exists(result));
+    const qint64 merged = QFileInfo(result + ".ztmerge").size();
+    QVERIFY2(merged >= 3 * chunk && merged < content.size(), qPrintable(QString::number(merged)));
+    CliRun partial(m_home.path());
+    QCOMPARE(partial.run({"--temp", temp.path(), "partial"}), 0);
+    QVERIFY2(partial.out().startsWith(QLatin1String("m.bin  24.0 MiB of 24.0 MiB (100%)")), qPrintable(partial.output()));
+
+    const qint64 sentBefore = server.bodyBytesSent();
+    CliRun second(m_home.path());
+    QCOMPARE(second.run(args), 0);
+    QVERIFY(readFile(result) == content);
+    QVERIFY(!QFile::exists(result + ".ztmerge"));
+    // The probe's two bytes and the listing: not one chunk again.
+    QVERIFY2(server.bodyBytesSent() - sentBefore <= 512, qPrintable(QString::number(server.bodyBytesSent() - sentBefore)));
+    QCOMPARE(bytesUnder(temp.path()), qint64(0));
+
+    QCOMPARE(interrupted(), QString()); // into m(1).bin this time
+    const QString again = QDir(target.path()).filePath(QStringLiteral("m(1).bin.ztmerge"));
+    QVERIFY(QFile::exists(again));
+    QCOMPARE(partial.run({"--temp", temp.path(), "partial", "--clear"}), 0);
+    QVERIFY(!QFile::exists(again));
+    QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden), QStringList());
 }
 
 // A service that stops sending mid-download: --timeout stops the transfer

@@ -22,8 +22,10 @@
 #include <QProcess>
 #include <QScopeGuard>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QStandardPaths>
+#include <QStorageInfo>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -35,8 +37,9 @@
 // each file's SHA-256: stopped and started again at once (in other chunks, or
 // after the file changed), a server without ranges, the same content asked for
 // twice, the host's time-out in the middle of a call, every way a batch ends
-// (once), what a batch that brings no file leaves behind (nothing), and how
-// the files of a batch are probed (several at a time, decided in order).
+// (once), what a batch that brings no file leaves behind (nothing), how the
+// files of a batch are probed (several at a time, decided in order), a merge
+// stopped half way, and the room a resumed download asks for.
 class tst_DownloadLifeCycle : public QObject
 {
     Q_OBJECT
@@ -57,6 +60,10 @@ private Q_SLOTS:
     void batchLeavesNoLitter();
     void probesOfABatch_data();
     void probesOfABatch();
+    void mergeStoppedThenResumed_data();
+    void mergeStoppedThenResumed();
+    void roomForWhatIsLeft_data();
+    void roomForWhatIsLeft();
 
 private:
     static constexpr qint64 MiB = 1024 * 1024;
@@ -578,6 +585,160 @@ void tst_DownloadLifeCycle::probesOfABatch()
         QCOMPARE(paths.count(path), 1);
         QCOMPARE(sha256OfFile(path), digestOf("f" + QByteArray::number(i) + ".bin"));
     }
+}
+
+void tst_DownloadLifeCycle::mergeStoppedThenResumed_data()
+{
+    QTest::addColumn<bool>("digest");     // the server states the file's SHA-256
+    QTest::addColumn<QString>("between"); // what befalls the first run's leftovers before the next
+    QTest::newRow("stopped half way") << true << "";
+    QTest::newRow("stopped half way, no digest") << false << "";
+    QTest::newRow("aborted half way: nothing stays") << true << "abort";
+    QTest::newRow("a chunk not merged yet vanished: fetched again") << true << "vanish";
+    QTest::newRow("junk appended to the merged part: cut off") << false << "junk";
+    QTest::newRow("merged part cut short: the chunks it lost fetched again") << false << "cut";
+}
+
+// A stop from a progress report of the merge, once half the file is in it,
+// leaves the merged part and the chunks not yet in it; the next run goes on
+// from there, fetching only what is no longer on disk, and ends with the
+// server's bytes. At every report of the merge, the content folder and the
+// merged file hold at most the file's size and two chunks.
+void tst_DownloadLifeCycle::mergeStoppedThenResumed()
+{
+    QFETCH(bool, digest);
+    QFETCH(QString, between);
+    const qint64 chunk = 64 * 1024;
+    const qint64 size = 64 * chunk + 77; // 65 chunks
+    const int chunks = 65;
+    DownloadGlobal::instance()->setChunkSizeInBytes(chunk);
+    serve(size);
+    m_shape = [digest](const ScriptedRequest &, ScriptedResponse &response) {
+        for (int i = response.headers.size() - 1; !digest && i >= 0; --i) {
+            if (response.headers.at(i).first == "Repr-Digest")
+                response.headers.removeAt(i);
+        }
+    };
+    const QString destination = m_target->filePath("m.bin");
+    const QString merged = destination + ".ztmerge";
+    const QString folder = chunkFolder("m.bin");
+    const auto held = [&] {
+        qint64 sum = QFileInfo(merged).size();
+        for (const QFileInfo &file : QDir(folder).entryInfoList(QDir::Files | QDir::Hidden))
+            sum += file.size();
+        return sum;
+    };
+    qint64 peak = 0;
+    const auto run = [&](const QString &ending) {
+        Downloader downloader;
+        auto task = QSharedPointer<DownloadTask>::create();
+        if (task->isValid(destination, m_server->baseUrl() + "/download", "m.bin") != 0 || !downloader.addTask(task))
+            return -1;
+        connect(&downloader, &Downloader::downloadProgress, this, [&, ended = false]() mutable {
+            if (!QFileInfo::exists(merged))
+                return; // not merging yet
+            peak = qMax(peak, held());
+            if (ended || ending.isEmpty() || QFileInfo(merged).size() < size / 2)
+                return;
+            ended = true;
+            ending == "abort" ? Q_EMIT downloader.abort(task.data()) : Q_EMIT downloader.stopAll();
+        });
+        int code = -1;
+        connect(&downloader, &Downloader::finished, this, [&](ZTErrorCode status) { code = status; });
+        if (downloader.start() != 0 || !QTest::qWaitFor([&] { return code >= 0; }, 30000))
+            return -1;
+        return code;
+    };
+
+    QCOMPARE(run(between == "abort" ? "abort" : "stop"), between == "abort" ? 20717 : 20716);
+    QVERIFY(!QFileInfo::exists(destination));
+    QCOMPARE(QFileInfo::exists(merged), between != "abort");
+    const qint64 mergedBytes = QFileInfo(merged).size();
+    const int mergedChunks = int(mergedBytes / chunk);
+    QVERIFY2(between == "abort" || (mergedBytes >= size / 2 && mergedBytes == mergedChunks * chunk),
+             qPrintable(QString::number(mergedBytes)));
+    int refetched = 0;
+    QFile part(merged);
+    if (between == "abort") {
+        QVERIFY(!QDir(folder).exists());
+        refetched = chunks;
+    } else if (between == "vanish") {
+        QVERIFY(QFile::remove(folder + "/" + QString::number(mergedChunks + 2)));
+        refetched = 1;
+    } else if (between == "junk") {
+        QVERIFY(part.open(QIODevice::Append) && part.write(QByteArray(1000, '#')) == 1000);
+        part.close();
+    } else if (between == "cut") {
+        QVERIFY(part.resize(10 * chunk + 5)); // in chunk 11, whose file went
+        for (int i = 11; i <= mergedChunks; ++i)
+            refetched += QFileInfo::exists(folder + "/" + QString::number(i)) ? 0 : 1;
+        QVERIFY(refetched > 10);
+    }
+    QVERIFY(m_server->waitUntilQuiet());
+    const int before = m_server->requestCount();
+    QCOMPARE(run(QString()), 0);
+    QCOMPARE(m_server->requestCount() - before - 1, refetched); // the probe, then the chunks fetched again
+    QCOMPARE(sha256OfFile(destination), digestOf("m.bin"));
+    QVERIFY(!QFileInfo::exists(merged));
+    QVERIFY(!QDir(folder).exists());
+    QVERIFY2(peak <= size + 2 * chunk, qPrintable(QStringLiteral("%1 bytes held, %2 in the file").arg(peak).arg(size)));
+}
+
+void tst_DownloadLifeCycle::roomForWhatIsLeft_data()
+{
+    QTest::addColumn<int>("chunkFiles"); // of the file's eight chunks, the first ones on disk
+    QTest::addColumn<int>("merged");     // of those, the ones a stopped merge holds instead
+    QTest::addColumn<int>("code");
+    QTest::newRow("nothing on disk: refused, saying what it needs") << 0 << 0 << 20721;
+    QTest::newRow("seven chunks on disk: started") << 7 << 0 << 0;
+    QTest::newRow("five chunks merged, two on disk: started") << 7 << 5 << 0;
+}
+
+// A file a tenth larger than the free space fits when most of it is on disk
+// already: the check asks for what is left and two chunks for the merge. The
+// chunk files and the merged part are sparse, so they take no room themselves.
+void tst_DownloadLifeCycle::roomForWhatIsLeft()
+{
+    QFETCH(int, chunkFiles);
+    QFETCH(int, merged);
+    QFETCH(int, code);
+    const qint64 free = QStorageInfo(m_temporary->path()).bytesFree();
+    QVERIFY(QStorageInfo(m_target->path()).rootPath() == QStorageInfo(m_temporary->path()).rootPath());
+    const qint64 chunk = (free + free / 10) / 8 + 1;
+    m_size = 8 * chunk;
+    m_server->setHandler([&](const ScriptedRequest &r) {
+        ScriptedResponse response;
+        response.status = 206;
+        response.body = "ab";
+        response.header("Content-Range", "bytes 0-1/" + QByteArray::number(m_size)).header("ETag", "\"s.bin\"");
+        response.hold = r.header("Range") != "bytes=0-1"; // no chunk comes
+        return response;
+    });
+    const QString folder = chunkFolder("s.bin");
+    const QString destination = m_target->filePath("s.bin");
+    QVERIFY(DownloadSingleFile::recordPlan(folder, chunk, QByteArray()));
+    for (int i = merged + 1; i <= chunkFiles; ++i) {
+        QFile file(folder + "/" + QString::number(i));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.resize(chunk + 1));
+    }
+    if (merged > 0) {
+        QFile part(destination + ".ztmerge");
+        QVERIFY(part.open(QIODevice::WriteOnly) && part.resize(merged * chunk));
+        QFile record(folder + "/.merge");
+        const QJsonObject fields{{"path", part.fileName()}, {"chunkSize", chunk}, {"sha256", ""}, {"mergedBytes", merged * chunk}};
+        QVERIFY(record.open(QIODevice::WriteOnly) && record.write(QJsonDocument(fields).toJson()) > 0);
+    }
+    if (code != 0) {
+        const QString needs = QString::number(m_size + 2 * chunk);
+        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("^size error .* needs " + needs + " bytes on .* where \\d+ are free$"));
+    }
+    Downloader downloader;
+    auto task = QSharedPointer<DownloadTask>::create();
+    QCOMPARE(task->isValid(destination, m_server->baseUrl() + "/download", "s.bin"), 0);
+    QVERIFY(downloader.addTask(task));
+    const int started = downloader.start();
+    Q_EMIT downloader.stopAll(); // before the merge of sparse chunks could begin
+    QCOMPARE(started, code);
 }
 
 // "--hold-lock <path>": a second process that holds a content folder's lock
