@@ -4,11 +4,12 @@
 #include "plugin/logging.h"
 #include "plugin/threadcall.h"
 
+#include <QPointer>
+#include <QVector>
+
 #include <algorithm>
 
 namespace {
-
-constexpr int KeepAliveIntervalMs = 4000;
 
 Zephyrtide::Manager::HttpRequestType verbName(int type)
 {
@@ -23,6 +24,8 @@ NetworkManager::NetworkManager(QObject *parent)
 {
     qCDebug(ztLog) << "NetworkManager thread id " << QThread::currentThread();
     m_preparer.setMaxThreadCount(1);
+    m_keepAlive.setInterval(KeepAliveIntervalMs);
+    connect(&m_keepAlive, &QTimer::timeout, this, &NetworkManager::keepWaitingAlive);
 }
 
 NetworkManager::~NetworkManager()
@@ -89,11 +92,11 @@ NetworkReply *NetworkManager::enqueue(const QSharedPointer<PendingRequest> &reco
         m_requesting.append(record);
         start(record);
     } else {
-        QTimer &timer = reply->keepAliveTimer();
-        timer.setInterval(KeepAliveIntervalMs);
-        connect(&timer, &QTimer::timeout, reply, &NetworkReply::keepAlive);
-        timer.start();
-        m_waiting.append(record);
+        record->arrival = ++m_arrivals;
+        m_waiting.insert(record->arrival, record);
+        m_waitingArrival.insert(reply, record->arrival);
+        if (!m_keepAlive.isActive())
+            m_keepAlive.start();
         qCDebug(ztLog) << "waitinnnnggggggggggg" << request.url() << m_waiting.size();
         prepareAhead();
     }
@@ -110,7 +113,6 @@ void NetworkManager::start(const QSharedPointer<PendingRequest> &record)
     }
     // Fails like a transfer would, once the caller is back in the event loop
     // and has connected; the slot is freed on that path.
-    reply->keepAliveTimer().stop();
     QMetaObject::invokeMethod(reply, [reply] {
         Q_EMIT reply->errorOccurred(QNetworkReply::UnknownContentError);
     }, Qt::QueuedConnection);
@@ -181,7 +183,10 @@ bool NetworkManager::startNext()
     if (m_waiting.isEmpty() || m_requesting.size() > m_netLimit)
         return false;
     qCDebug(ztLog) << "before requesting url " << m_waiting.size();
-    QSharedPointer<PendingRequest> record = m_waiting.takeFirst();
+    QSharedPointer<PendingRequest> record = m_waiting.take(m_waiting.firstKey());
+    m_waitingArrival.remove(record->reply);
+    if (m_waiting.isEmpty())
+        m_keepAlive.stop();
     qCDebug(ztLog) << "insert requesting url " << record->request.url() << m_waiting.size();
     qCDebug(ztLog) << "thread id " << QThread::currentThread() << m_access;
 
@@ -196,14 +201,28 @@ bool NetworkManager::startNext()
 // read the whole file ahead of the network.
 void NetworkManager::prepareAhead()
 {
-    const int ahead = qMin(m_waiting.size(), m_netLimit + 1);
-    for (int i = 0; i < ahead; ++i) {
-        PendingRequest &record = *m_waiting.at(i);
+    int ahead = m_netLimit + 1;
+    for (auto it = m_waiting.cbegin(); it != m_waiting.cend() && ahead > 0; ++it, --ahead) {
+        PendingRequest &record = **it;
         if (!record.bodySource || record.prepareScheduled)
             continue;
         record.prepareScheduled = true;
         const QSharedPointer<RequestBody> body = record.bodySource; // alive until prepared
         m_preparer.start([body] { body->prepare(); });
+    }
+}
+
+// A receiver may delete its reply, or start and stop others, in its
+// keepAlive() handler: the replies to tell are picked before any is told.
+void NetworkManager::keepWaitingAlive()
+{
+    QVector<QPointer<NetworkReply>> waiting;
+    waiting.reserve(m_waiting.size());
+    for (const QSharedPointer<PendingRequest> &record : qAsConst(m_waiting))
+        waiting.append(record->reply);
+    for (const QPointer<NetworkReply> &reply : qAsConst(waiting)) {
+        if (reply && m_waitingArrival.contains(reply.data()))
+            Q_EMIT reply->keepAlive();
     }
 }
 
@@ -232,8 +251,13 @@ void NetworkManager::onDestroyed(QObject *obj)
     qCDebug(ztLog) << "delet reply before" << m_requesting.size() << m_waiting.size();
     bool found = false;
     removeRecordsOf(m_requesting, obj, &found);
-    if (!found)
-        removeRecordsOf(m_waiting, obj);
+    const auto waiting = found ? m_waitingArrival.end() : m_waitingArrival.find(obj);
+    if (waiting != m_waitingArrival.end()) {
+        m_waiting.remove(*waiting);
+        m_waitingArrival.erase(waiting);
+        if (m_waiting.isEmpty())
+            m_keepAlive.stop();
+    }
     qCDebug(ztLog) << "delet reply " << m_requesting.size() << m_waiting.size();
     scheduleStartNext();
 }

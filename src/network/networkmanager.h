@@ -4,12 +4,15 @@
 
 #include <zephyrtide/manager.h>
 
+#include <QHash>
 #include <QList>
+#include <QMap>
 #include <QNetworkAccessManager>
 #include <QObject>
 #include <QSharedPointer>
 #include <QThread>
 #include <QThreadPool>
+#include <QTimer>
 
 class NetworkReply;
 
@@ -19,7 +22,8 @@ class NetworkReply;
 // loop and no signal is lost. Transfers start in arrival order; each finish,
 // error or deleted reply lets the next waiting one start, on the next turn of
 // the event loop. Up to netLimit + 1
-// transfers run at once (4 by default).
+// transfers run at once (4 by default). Every waiting reply emits keepAlive()
+// every 4 s (KeepAliveIntervalMs) while it waits.
 //
 // Not a singleton: each engine that needs HTTP makes its own, with its own limit.
 class NetworkManager : public QObject
@@ -42,6 +46,7 @@ public:
     int netLimit() const { return m_netLimit; }
     int runningCount() const { return m_requesting.size(); }
     int waitingCount() const { return m_waiting.size(); }
+    static constexpr int KeepAliveIntervalMs = 4000;
 
     // Sends record on the access manager's thread and returns its QNetworkReply;
     // null when its body cannot be read.
@@ -58,6 +63,7 @@ private:
     void start(const QSharedPointer<PendingRequest> &record);
     void scheduleStartNext();
     bool startNext(); // starts the first waiting transfer if a slot is free
+    void keepWaitingAlive();
     void prepareAhead();
     static QNetworkReply *issueWithDevice(QNetworkAccessManager *access, const PendingRequest &record);
     static QNetworkRequest withBodyOnFreshConnection(QNetworkRequest request);
@@ -65,7 +71,15 @@ private:
                                 bool *found = nullptr);
 
     QList<QSharedPointer<PendingRequest>> m_requesting;
-    QList<QSharedPointer<PendingRequest>> m_waiting;
+    // By arrival; with the index below a reply deleted while it waits leaves
+    // at once, however long the queue.
+    QMap<quint64, QSharedPointer<PendingRequest>> m_waiting;
+    QHash<const QObject *, quint64> m_waitingArrival; // reply -> its key in m_waiting
+    quint64 m_arrivals = 0;
+    // One for the whole queue, running while anything waits: a timer per
+    // waiting reply would make every start and stop cost a walk of the
+    // event loop's timer list, as long as the queue.
+    QTimer m_keepAlive;
     QSharedPointer<QNetworkAccessManager> m_access;
     // Kept unstarted: the access manager stays on the thread that made this
     // manager; issue() already copes with callers on other threads.

@@ -24,8 +24,6 @@ NetworkReply::~NetworkReply()
 
 void NetworkReply::attach(QNetworkReply *reply)
 {
-    if (m_timer.isActive())
-        m_timer.stop();
     if (!reply || reply == m_reply)
         return;
     m_reply = reply;

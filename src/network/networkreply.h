@@ -4,17 +4,17 @@
 #include <QObject>
 #include <QPointer>
 #include <QSharedPointer>
-#include <QTimer>
 
 class NetworkManager;
 struct PendingRequest;
 
 // The caller's handle for one transfer of a NetworkManager. It exists before the
-// transfer starts (while it waits in the queue, sending keepAlive()), then
-// wraps the QNetworkReply and forwards its progress and data. It ends with
-// exactly one finished() (HTTP 200 or 206) or errorOccurred() (anything else)
-// per attached QNetworkReply. Emitting abort() cancels the transfer; after it
-// no signal of the old QNetworkReply reaches the caller.
+// transfer starts (while it waits in the queue, the manager has it send
+// keepAlive()), then wraps the QNetworkReply and forwards its progress and
+// data. It ends with exactly one finished() (HTTP 200 or 206) or
+// errorOccurred() (anything else) per attached QNetworkReply. Emitting
+// abort() cancels the transfer; after it no signal of the old QNetworkReply
+// reaches the caller.
 //
 // The caller owns the handle and reads the body through reply() after
 // readyRead() or finished(). Deleting the handle deletes the QNetworkReply and
@@ -36,7 +36,6 @@ public:
     void setManager(NetworkManager *manager) { m_manager = manager; }
     void setRecord(const QSharedPointer<PendingRequest> &record) { m_record = record; }
     QSharedPointer<PendingRequest> record() const { return m_record; }
-    QTimer &keepAliveTimer() { return m_timer; }
 
 Q_SIGNALS:
     void finished();
@@ -53,7 +52,6 @@ private:
     bool isCutShort() const;
 
     QPointer<QNetworkReply> m_reply; // owned: deleted with this handle
-    QTimer m_timer;
     QSharedPointer<PendingRequest> m_record;
     int m_retryCount = 0;
     qint64 m_bytesReceived = 0; // of the attached reply, as its last progress said

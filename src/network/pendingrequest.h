@@ -19,5 +19,6 @@ struct PendingRequest
     QByteArray body;
     QSharedPointer<RequestBody> bodySource; // when set, read at issue time instead of body
     bool prepareScheduled = false;          // bodySource->prepare() handed to a worker
+    quint64 arrival = 0;                    // place in the queue: lower came first
     NetworkReply *reply = nullptr; // identity only; the caller owns the reply
 };
