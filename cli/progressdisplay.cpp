@@ -11,6 +11,7 @@ constexpr qint64 LineIntervalMs = 1000;
 constexpr qint64 RateWindowMs = 3000;
 constexpr qint64 MinimumRateSpanMs = 500;
 constexpr int MinimumBarWidth = 10;
+constexpr int MinimumLabelWidth = 12;
 }
 
 ProgressDisplay::ProgressDisplay(Mode mode, QIODevice *out, QIODevice *notes, QObject *parent)
@@ -157,14 +158,17 @@ int ProgressDisplay::terminalWidth() const
 void ProgressDisplay::draw(bool final)
 {
     if (m_mode == Bar) {
-        // The bar takes what the label and the figures leave of the line.
-        const QString figures = status(m_done, m_total, currentRate(), 0);
-        const int room = terminalWidth() - 1 - m_label.size() - 2 - figures.size() - 3;
         // A line as wide as the terminal wraps, and "\r" then goes back to
         // the start of the wrapped part only: every redraw would leave a row.
-        const QString line = (m_label + QStringLiteral("  ")
-                              + status(m_done, m_total, currentRate(), room >= MinimumBarWidth ? room : 0))
-                                 .left(qMax(1, terminalWidth() - 1));
+        const int width = qMax(1, terminalWidth() - 1);
+        const QString figures = status(m_done, m_total, currentRate(), 0);
+        // The figures are what a bar is for: a label too long for the line
+        // gives way to them, and the bar takes what both leave.
+        const QString label = fitted(m_label, width - 2 - figures.size());
+        const QString lead = label.isEmpty() ? QString() : label + QStringLiteral("  ");
+        const int room = width - lead.size() - figures.size() - 3;
+        const QString line = (lead + status(m_done, m_total, currentRate(), room >= MinimumBarWidth ? room : 0))
+                                 .left(width);
         write(QStringLiteral("\r\033[K") + line + (final ? QStringLiteral("\n") : QString()));
         m_barShown = !final;
         return;
@@ -172,6 +176,18 @@ void ProgressDisplay::draw(bool final)
     if (!final)
         write(m_label + QStringLiteral("  ") + status(m_done, m_total, currentRate(), 0)
               + QLatin1Char('\n'));
+}
+
+// label as it is when it fits in columns; else its start and end around
+// "...", or nothing when too little of it would be left to tell it by.
+QString ProgressDisplay::fitted(const QString &label, int columns)
+{
+    if (label.size() <= columns)
+        return label;
+    if (columns < MinimumLabelWidth)
+        return QString();
+    const int kept = columns - 3;
+    return label.left(kept - kept / 2) + QStringLiteral("...") + label.right(kept / 2);
 }
 
 void ProgressDisplay::finish(bool succeeded)

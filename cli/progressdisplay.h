@@ -59,6 +59,7 @@ public:
     static QString status(qint64 done, qint64 total, double bytesPerSecond, int barWidth);
 
 private:
+    static QString fitted(const QString &label, int columns);
     qint64 now() const;
     double currentRate() const;
     void draw(bool final);
