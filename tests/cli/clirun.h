@@ -22,6 +22,8 @@ public:
     // "ulimit -f"), with SIGXFSZ ignored: a write past the limit fails with
     // EFBIG, as on a full disk, instead of killing the process. -1: no limit.
     void setFileSizeLimit(qint64 blocks) { m_fileSizeLimit = blocks; }
+    // Sends stderr to this file (a terminal's device, say) instead of err().
+    void setStderrFile(const QString &path) { m_process.setStandardErrorFile(path, QIODevice::Append); }
 
     void start(const QStringList &arguments);
     // True when it ended by itself within timeoutMs; otherwise it is killed.

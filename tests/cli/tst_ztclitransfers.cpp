@@ -13,6 +13,11 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <fcntl.h>
+#include <pty.h>
+#include <termios.h>
+#include <unistd.h>
+
 // Transfers through ztcli and the plugin: round trips against the reference
 // file service, the existence query, Ctrl-C and resume, and the demo.
 class tst_ZtcliTransfers : public QObject
@@ -36,6 +41,9 @@ private Q_SLOTS:
     void fullDiskThenResume_data();
     void fullDiskThenResume();
     void demoRunsEndToEnd();
+    void barFitsANarrowTerminal_data();
+    void barFitsANarrowTerminal();
+    void progressLinesArriveWhileItRuns();
 
 private:
     static QByteArray randomBytes(qint64 size);
@@ -528,6 +536,139 @@ void tst_ZtcliTransfers::demoRunsEndToEnd()
     QTcpSocket probe;
     probe.connectToHost(QStringLiteral("127.0.0.1"), quint16(service.port()));
     QVERIFY(!probe.waitForConnected(2000));
+}
+
+
+namespace {
+// A pseudo-terminal of a given width whose output the test reads raw (no
+// newline translation), with the device path a process can write to.
+struct Terminal
+{
+    explicit Terminal(int columns)
+    {
+        struct winsize size {};
+        size.ws_col = ushort(columns);
+        size.ws_row = 24;
+        char name[128] = {};
+        if (::openpty(&master, &slave, name, nullptr, &size) != 0)
+            return;
+        path = QString::fromLocal8Bit(name);
+        struct termios raw {};
+        ::tcgetattr(slave, &raw);
+        ::cfmakeraw(&raw);
+        ::tcsetattr(slave, TCSANOW, &raw);
+        ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK);
+    }
+    ~Terminal()
+    {
+        for (int fd : {master, slave}) {
+            if (fd >= 0)
+                ::close(fd);
+        }
+    }
+    void read()
+    {
+        char buffer[4096];
+        ssize_t n = 0;
+        while ((n = ::read(master, buffer, sizeof buffer)) > 0)
+            shown.append(buffer, int(n));
+    }
+
+    int master = -1;
+    int slave = -1; // kept open, so that reading never sees the end early
+    QString path;
+    QByteArray shown;
+};
+} // namespace
+
+void tst_ZtcliTransfers::barFitsANarrowTerminal_data()
+{
+    QTest::addColumn<int>("columns");
+    QTest::newRow("40 columns") << 40;
+    QTest::newRow("20 columns, narrower than the name") << 20;
+}
+
+// On a terminal the bar is one row redrawn in place: every redraw starts with
+// a carriage return and stays within the width, so that none wraps into a row
+// of its own, and still shows how far it is, however long the file's name.
+// The summary after it is a line like any other.
+void tst_ZtcliTransfers::barFitsANarrowTerminal()
+{
+    QFETCH(int, columns);
+    const QString name = QStringLiteral("a-file-name-longer-than-the-terminal-%1.bin").arg(columns);
+    QFile stored(QDir(m_store.path()).filePath(name));
+    QVERIFY(stored.open(QIODevice::WriteOnly));
+    stored.write(randomBytes(64 * 1024 * 1024));
+    stored.close();
+
+    Terminal terminal(columns);
+    QVERIFY(!terminal.path.isEmpty());
+    QTemporaryDir target;
+    CliRun cli(m_home.path());
+    cli.setStderrFile(terminal.path);
+    cli.start({"--server", m_url, "--chunk-size-mb", "1", "download", name, "--to", target.path()});
+    QVERIFY(QTest::qWaitFor([&] { terminal.read(); return !cli.isRunning(); }, 60000));
+    QVERIFY(cli.finish());
+    terminal.read();
+    QCOMPARE(cli.exitCode(), 0);
+
+    // The bar's row, then the summary's: no row left behind by a redraw.
+    const QStringList rows = QString::fromUtf8(terminal.shown).remove(QStringLiteral("\033[K")).split('\n');
+    QVERIFY2(rows.size() == 3 && rows.at(1).contains(QLatin1String("done:")) && rows.at(2).isEmpty(),
+             qPrintable(rows.join(QLatin1String("<NL>"))));
+    const QStringList redraws = rows.at(0).split(QLatin1Char('\r'), Qt::SkipEmptyParts);
+    QVERIFY2(!redraws.isEmpty() && rows.at(0).startsWith(QLatin1Char('\r')), qPrintable(rows.at(0)));
+    for (const QString &redraw : redraws) {
+        QVERIFY2(redraw.size() <= columns && redraw.contains(QLatin1Char('%')),
+                 qPrintable(QStringLiteral("%1 columns: \"%2\"").arg(columns).arg(redraw)));
+    }
+}
+
+// Elsewhere progress is whole lines, each written as it is made, about one a
+// second. The service drips the first chunk over about three seconds and
+// holds the second until the lines have been read, so ztcli is certain to
+// run while they arrive.
+void tst_ZtcliTransfers::progressLinesArriveWhileItRuns()
+{
+    const int chunk = 1024 * 1024;
+    const QByteArray content = randomBytes(chunk + 4096);
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.setHandler([&](const ScriptedRequest &request) {
+        if (request.path() == QLatin1String("/download/pathList")) {
+            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": "d.bin", "fileSize": )"
+                                          + QByteArray::number(content.size()) + R"(, "etag": "d", "modified": 0}]})");
+        }
+        ScriptedResponse response = ScriptedResponse::file(content, request, "\"d\"", "d.bin");
+        const QByteArray range = request.header("Range");
+        if (range.startsWith("bytes=0-") && range != "bytes=0-1") {
+            response.dripBytes = 16 * 1024;
+            response.dripIntervalMs = 50;
+        }
+        response.hold = range.startsWith("bytes=" + QByteArray::number(chunk) + "-");
+        return response;
+    });
+    QTemporaryDir temp;
+    QTemporaryDir target;
+    CliRun cli(m_home.path());
+    const QRegularExpression progressLine(QStringLiteral("^download d\\.bin .*%.*\n"), QRegularExpression::MultilineOption);
+    const auto linesSoFar = [&] { return int(cli.err().count(progressLine)); };
+    QElapsedTimer clock;
+    clock.start();
+    cli.start({"--server", server.baseUrl(), "--temp", temp.path(), "--chunk-size-mb", "1", "download", "d.bin",
+               "--to", target.path()});
+    QTRY_VERIFY2_WITH_TIMEOUT(linesSoFar() >= 3, qPrintable(cli.err()), 30000);
+    QVERIFY(cli.isRunning());
+    const int lines = linesSoFar();
+    const double seconds = clock.elapsed() / 1000.0;
+    QVERIFY2(lines <= 2 * seconds + 1, qPrintable(QStringLiteral("%1 lines in %2 s").arg(lines).arg(seconds)));
+
+    QTRY_COMPARE_WITH_TIMEOUT(server.heldCount(), 1, 20000);
+    server.release();
+    QVERIFY(cli.finish());
+    QCOMPARE(cli.exitCode(), 0);
+    QVERIFY(readFile(QDir(target.path()).filePath(QStringLiteral("d.bin"))) == content);
+    QVERIFY2(cli.err().endsWith(QLatin1Char('\n')) && !cli.err().contains(QLatin1Char('\r')), qPrintable(cli.err()));
 }
 
 QTEST_GUILESS_MAIN(tst_ZtcliTransfers)

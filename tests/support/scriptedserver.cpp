@@ -241,9 +241,24 @@ void ScriptedServer::sendBody(QTcpSocket *socket, const ScriptedResponse &respon
 {
     const bool drop = response.dropAfterBytes >= 0 && response.dropAfterBytes < response.body.size();
     const QByteArray body = drop ? response.body.left(response.dropAfterBytes) : response.body;
-    socket->write(body);
-    m_bodyBytesSent += body.size();
-    if (drop || response.closeAfterAnswer) {
+    drip(socket, response, body, 0);
+}
+
+void ScriptedServer::drip(QTcpSocket *socket, const ScriptedResponse &response, const QByteArray &body,
+                          int offset)
+{
+    const int piece = response.dripBytes > 0 ? response.dripBytes : body.size() - offset;
+    socket->write(body.mid(offset, piece));
+    m_bodyBytesSent += qMin(piece, body.size() - offset);
+    if (offset + piece < body.size()) {
+        QPointer<QTcpSocket> guard(socket);
+        QTimer::singleShot(response.dripIntervalMs, this, [this, guard, response, body, offset, piece] {
+            if (guard && m_buffers.contains(guard))
+                drip(guard, response, body, offset + piece);
+        });
+        return;
+    }
+    if (body.size() < response.body.size() || response.closeAfterAnswer) {
         socket->flush();
         socket->disconnectFromHost();
     }

@@ -37,6 +37,9 @@ struct ScriptedResponse
     bool hold = false;          // answer only when release() is called
     qint64 holdAfterBytes = -1; // send this many body bytes, the rest when release() is called
     bool closeAfterAnswer = false; // set when the request says "Connection: close"
+    // Paces the body: dripBytes at a time, one piece every dripIntervalMs.
+    int dripBytes = 0;
+    int dripIntervalMs = 0;
 
     ScriptedResponse &header(const QByteArray &name, const QByteArray &value)
     {
@@ -107,6 +110,7 @@ private:
     void dispatch(QTcpSocket *socket, const ScriptedRequest &request);
     void answer(QTcpSocket *socket, const ScriptedResponse &response);
     void sendBody(QTcpSocket *socket, const ScriptedResponse &response);
+    void drip(QTcpSocket *socket, const ScriptedResponse &response, const QByteArray &body, int offset);
 
     Handler m_handler;
     QList<ScriptedResponse> m_queue;
