@@ -490,7 +490,7 @@ bool DownloadSingleFile::merge()
 {
     qCDebug(ztLog) << "merge chunk" << task->m_path;
     QDir().mkpath(task->m_path);
-    if (m_mergedBytes == 0) {
+    if (m_mergedBytes == 0 && chunkCount > 1) { // a file of one chunk begins in mergeStep()
         QFile merged(mergePath());
         if (!merged.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
             qCCritical(ztLog) << "merge chunk fail" << task->filePath;
@@ -529,6 +529,15 @@ void DownloadSingleFile::mergeStep()
             endMerge();
         return; // the digest brings the step back
     }
+    if (m_mergedBytes == 0 && chunkCount == 1 && !m_renameTried) {
+        if (m_hasher && !m_hashed)
+            return; // the digest brings the step back: the hasher reads the chunk by its name
+        if (renameOnlyChunk())
+            endMerge(); // at once: nothing runs between the rename and the placing
+        else
+            scheduleMergeStep();
+        return;
+    }
     const int number = int(m_mergedBytes / chunkSize) + 1;
     if (m_removedThrough < number - 1)
         return; // so does the hasher's next report
@@ -539,6 +548,26 @@ void DownloadSingleFile::mergeStep()
     if (m_mergedBytes == chunkStart(number) + shareOf(number))
         reportMerge(); // a host may stop the run from here
     scheduleMergeStep();
+}
+
+// A file of one chunk: its chunk file becomes the merged file by a rename,
+// where both lie on one volume, rather than by a copy, which saves a file and
+// the bytes' second write. Otherwise an empty merged file is begun and the
+// chunk is copied in slices as for any file.
+bool DownloadSingleFile::renameOnlyChunk()
+{
+    m_renameTried = true;
+    const QString path = chunkPathOf(1);
+    if (QFileInfo(path).size() == task->fileSize
+        && std::rename(QFile::encodeName(path).constData(), QFile::encodeName(mergePath()).constData()) == 0) {
+        m_chunkRenamed = true;
+        m_mergedBytes = task->fileSize;
+        return true;
+    }
+    QFile merged(mergePath());
+    if (!merged.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        qCCritical(ztLog) << "merge chunk fail" << task->filePath; // the copy's step fails and says so
+    return false;
 }
 
 // The next slice of chunk `number`, from where the merged file ends.
@@ -716,7 +745,9 @@ void DownloadSingleFile::settleMerge()
 {
     if (!m_merging)
         return;
-    if (!m_mergeRecorded)
+    if (m_chunkRenamed) // back to where it came from: the only copy of the bytes
+        std::rename(QFile::encodeName(mergePath()).constData(), QFile::encodeName(chunkPathOf(1)).constData());
+    else if (!m_mergeRecorded)
         QFile::remove(mergePath());
     else if (!recordMerge())
         qCWarning(ztLog) << "merge record not updated" << tempDir; // the next run merges a little again

@@ -156,6 +156,7 @@ private:
     bool removeMergedChunks();
     void reportMerge();
     void endMerge();
+    bool renameOnlyChunk();
     bool moveIntoPlace();
     bool placeMerged();
 
@@ -169,6 +170,8 @@ private:
     qint64 m_mergedBytes = 0;          // in the merged file
     int m_removedThrough = 0;          // the chunk files up to this one are merged and gone
     bool m_mergeRecorded = false;      // the folder's ".merge" record names this run's merged file
+    bool m_chunkRenamed = false;       // a file's only chunk file became its merged file
+    bool m_renameTried = false;
     QByteArray m_expectedSha256;       // the file's, when known: the merged file must have it
     std::unique_ptr<ChunkHasher> m_hasher;
     int m_nextToHash = 1;              // the first chunk not yet handed to the hasher

@@ -64,6 +64,8 @@ private Q_SLOTS:
     void mergeStoppedThenResumed();
     void roomForWhatIsLeft_data();
     void roomForWhatIsLeft();
+    void onlyChunkKeptWhenPlacingFails_data();
+    void onlyChunkKeptWhenPlacingFails();
 
 private:
     static constexpr qint64 MiB = 1024 * 1024;
@@ -682,6 +684,61 @@ void tst_DownloadLifeCycle::mergeStoppedThenResumed()
     QVERIFY(!QFileInfo::exists(merged));
     QVERIFY(!QDir(folder).exists());
     QVERIFY2(peak <= size + 2 * chunk, qPrintable(QStringLiteral("%1 bytes held, %2 in the file").arg(peak).arg(size)));
+}
+
+void tst_DownloadLifeCycle::onlyChunkKeptWhenPlacingFails_data()
+{
+    QTest::addColumn<bool>("digest"); // the server states the file's SHA-256
+    QTest::newRow("with a digest") << true;
+    QTest::newRow("without") << false;
+}
+
+// A file of one chunk is placed by renaming its chunk file, not by a copy. When
+// the destination's name cannot be taken (a folder stands there by then), the
+// batch fails with 20735 and the chunk file is back in its folder, whole: the
+// next run places it without fetching it again.
+void tst_DownloadLifeCycle::onlyChunkKeptWhenPlacingFails()
+{
+    QFETCH(bool, digest);
+    const qint64 size = 100 * 1024; // one chunk of the 1 MiB ones
+    serve(size);
+    const QString destination = m_target->filePath("one.bin");
+    bool blocked = false;
+    m_shape = [&](const ScriptedRequest &request, ScriptedResponse &response) {
+        for (int i = response.headers.size() - 1; !digest && i >= 0; --i) {
+            if (response.headers.at(i).first == "Repr-Digest")
+                response.headers.removeAt(i);
+        }
+        if (request.header("Range") == "bytes=0-1" || blocked)
+            return;
+        blocked = true; // the chunk's request: the name is taken meanwhile
+        QFile::remove(destination);
+        QDir().mkpath(destination + "/inside");
+    };
+    const auto run = [&] {
+        Downloader downloader;
+        auto task = QSharedPointer<DownloadTask>::create();
+        if (task->isValid(destination, m_server->baseUrl() + "/download", "one.bin") != 0 || !downloader.addTask(task))
+            return -1;
+        int code = -1;
+        connect(&downloader, &Downloader::finished, this, [&](ZTErrorCode status) { code = status; });
+        if (downloader.start() != 0 || !QTest::qWaitFor([&] { return code >= 0; }, 30000))
+            return -1;
+        return code;
+    };
+
+    QCOMPARE(run(), 20735);
+    const QString chunk = chunkFolder("one.bin") + "/1";
+    QCOMPARE(QFileInfo(chunk).size(), size);
+    QVERIFY(!QFileInfo::exists(destination + ".ztmerge"));
+
+    QVERIFY(QDir(destination).removeRecursively());
+    QVERIFY(m_server->waitUntilQuiet());
+    const int before = m_server->requestCount();
+    QCOMPARE(run(), 0);
+    QCOMPARE(m_server->requestCount() - before, 1); // the probe alone
+    QCOMPARE(sha256OfFile(destination), digestOf("one.bin"));
+    QVERIFY(!QDir(chunkFolder("one.bin")).exists());
 }
 
 void tst_DownloadLifeCycle::roomForWhatIsLeft_data()
