@@ -25,6 +25,7 @@ namespace {
 constexpr qint64 CopySize = 1024 * 1024;
 constexpr char MergeSuffix[] = ".ztmerge"; // the file being joined, beside its final name
 constexpr char PlanName[] = ".plan";       // the content folder's plan record
+constexpr qint64 SmallFileBytes = 1024 * 1024; // a file of one chunk this small records its plan late
 constexpr char MergeRecordName[] = ".merge"; // names the content folder's merged file
 // Merged per turn of the event loop: a stop is heard between two slices.
 constexpr qint64 MergeSlice = 8 * 1024 * 1024;
@@ -176,6 +177,8 @@ DownloadSingleFile::~DownloadSingleFile()
         settleMerge();
         task->releaseReservations();
     }
+    if (isRunning())
+        recordDeferredPlan();
 }
 
 QString DownloadSingleFile::lockPath(const QString &contentFolder)
@@ -320,14 +323,37 @@ bool DownloadSingleFile::adoptContentFolder()
     m_expectedSha256 = task->sha256.isEmpty() ? recordedSha256 : task->sha256;
     if (unusable.isEmpty() && recorded.chunkSize == size && recorded.sha256 == m_expectedSha256)
         return true;
-    const QString name = task->requestedName.isEmpty() ? task->fileName : task->requestedName;
-    if (recordPlan(tempDir, chunkSize, m_expectedSha256, name, task->fileSize))
+    // A small file of one chunk records its plan only when its run ends short
+    // of the file: a batch of many such files then writes and removes one file
+    // fewer for each, and a crash costs at most that chunk, fetched again.
+    if (task->fileSize <= SmallFileBytes && task->fileSize <= chunkSize && recorded.chunkSize <= 0
+        && chunkFiles(tempDir).isEmpty()) {
+        m_planDeferred = true;
+        return true;
+    }
+    if (recordCurrentPlan())
         return true;
     qCCritical(ztLog) << "file open error" << tempDir + QLatin1Char('/') + QLatin1String(PlanName);
     task->status = Zephyrtide::Error::FileError;
     m_ended = true;
     releaseContentFolder();
     return false;
+}
+
+bool DownloadSingleFile::recordCurrentPlan()
+{
+    const QString name = task->requestedName.isEmpty() ? task->fileName : task->requestedName;
+    return recordPlan(tempDir, chunkSize, m_expectedSha256, name, task->fileSize);
+}
+
+// The deferred plan of a small file whose run ends with its chunk on disk.
+void DownloadSingleFile::recordDeferredPlan()
+{
+    if (!m_planDeferred || !QFileInfo::exists(chunkPathOf(1)))
+        return;
+    m_planDeferred = false;
+    if (!recordCurrentPlan())
+        qCWarning(ztLog) << "plan record not written" << tempDir; // the next run fetches the chunk again
 }
 
 // A server without ranges answers a resumed chunk with the whole file, so its
@@ -730,6 +756,7 @@ void DownloadSingleFile::failMerge()
     if (m_hasher)
         m_hasher->cancel();
     settleMerge();
+    recordDeferredPlan();
     m_merging = false;
     m_placing = false;
     task->status = Zephyrtide::Error::MergeError;
@@ -951,6 +978,7 @@ void DownloadSingleFile::halt()
     if (m_hasher)
         m_hasher->cancel();
     settleMerge();
+    recordDeferredPlan();
     task->releaseReservations(); // this run produces no file
     releaseContentFolder();
 }

@@ -28,7 +28,9 @@ class QNetworkAccessManager;
 //
 // The content folder records its plan (".plan": the chunk size, and the
 // file's SHA-256 when the server states one), written before the first chunk
-// file. A run resumes a folder in the chunk size it was begun with, whatever
+// file; a small file of one chunk writes it only when its run ends short of
+// the file (a stop, a failure), since its chunk is cheap to fetch again after
+// a crash. A run resumes a folder in the chunk size it was begun with, whatever
 // the size is now, so that chunk files of two plans never meet; a folder
 // without a record, or begun on another version of the file (another SHA-256),
 // is emptied first.
@@ -157,6 +159,8 @@ private:
     void reportMerge();
     void endMerge();
     bool renameOnlyChunk();
+    bool recordCurrentPlan();
+    void recordDeferredPlan();
     bool moveIntoPlace();
     bool placeMerged();
 
@@ -172,6 +176,7 @@ private:
     bool m_mergeRecorded = false;      // the folder's ".merge" record names this run's merged file
     bool m_chunkRenamed = false;       // a file's only chunk file became its merged file
     bool m_renameTried = false;
+    bool m_planDeferred = false;       // a small file's plan, recorded only if its run ends short
     QByteArray m_expectedSha256;       // the file's, when known: the merged file must have it
     std::unique_ptr<ChunkHasher> m_hasher;
     int m_nextToHash = 1;              // the first chunk not yet handed to the hasher

@@ -66,6 +66,7 @@ private Q_SLOTS:
     void roomForWhatIsLeft();
     void onlyChunkKeptWhenPlacingFails_data();
     void onlyChunkKeptWhenPlacingFails();
+    void smallFileStoppedResumes();
 
 private:
     static constexpr qint64 MiB = 1024 * 1024;
@@ -739,6 +740,51 @@ void tst_DownloadLifeCycle::onlyChunkKeptWhenPlacingFails()
     QCOMPARE(m_server->requestCount() - before, 1); // the probe alone
     QCOMPARE(sha256OfFile(destination), digestOf("one.bin"));
     QVERIFY(!QDir(chunkFolder("one.bin")).exists());
+}
+
+// A small file of one chunk writes its plan record only when its run ends
+// short of the file; a stop does, so the next run goes on from the bytes held.
+void tst_DownloadLifeCycle::smallFileStoppedResumes()
+{
+    const qint64 size = 600 * 1024, sent = 100 * 1024;
+    serve(size);
+    bool held = false;
+    m_shape = [&](const ScriptedRequest &request, ScriptedResponse &response) {
+        if (request.header("Range") != "bytes=0-1" && !held) {
+            held = true;
+            response.holdAfterBytes = sent;
+        }
+    };
+    const QString destination = m_target->filePath("small.bin");
+    const QString folder = chunkFolder("small.bin");
+    const auto run = [&](bool stop) {
+        Downloader downloader;
+        auto task = QSharedPointer<DownloadTask>::create();
+        if (task->isValid(destination, m_server->baseUrl() + "/download", "small.bin") != 0 || !downloader.addTask(task))
+            return -1;
+        int code = -1;
+        connect(&downloader, &Downloader::finished, this, [&](ZTErrorCode status) { code = status; });
+        if (downloader.start() != 0)
+            return -1;
+        // Stopped once the bytes sent before the hold are in the chunk file.
+        if (stop && QTest::qWaitFor([&] { return QFileInfo(folder + "/1").size() == sent; }, 10000))
+            Q_EMIT downloader.stopAll();
+        return QTest::qWaitFor([&] { return code >= 0; }, 30000) ? code : -1;
+    };
+
+    QCOMPARE(run(true), 20716);
+    QVERIFY(QFileInfo::exists(folder + "/.plan"));
+    const qint64 kept = QFileInfo(folder + "/1").size();
+    QCOMPARE(kept, sent);
+    m_server->release();
+    QVERIFY(m_server->waitUntilQuiet());
+    const int before = m_server->requestCount();
+    QCOMPARE(run(false), 0);
+    const QList<ScriptedRequest> requests = m_server->requests().mid(before);
+    QCOMPARE(requests.size(), 2); // the probe, then the rest of the chunk
+    QVERIFY2(requests.last().header("Range").startsWith("bytes=" + QByteArray::number(kept) + "-"),
+             requests.last().header("Range").constData());
+    QCOMPARE(sha256OfFile(destination), digestOf("small.bin"));
 }
 
 void tst_DownloadLifeCycle::roomForWhatIsLeft_data()
