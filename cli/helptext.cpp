@@ -53,7 +53,7 @@ Environment:
 Progress goes to stderr: a live bar on a terminal, otherwise one line a second
 and a final line; stdout carries only results.
 Ctrl-C stops a transfer so that the next run resumes it; a second Ctrl-C aborts
-it and discards what arrived.
+it and discards what arrived (at a terminal, up to 2 s after a download stopped).
 
 Exit status:
   0    success
@@ -115,7 +115,8 @@ joins them into NAME.ztmerge beside the destination, removing each chunk as it
 goes in, and renames it. If a file of that name already exists there, it is
 kept and the download gets a free name such as NAME(1).ext. Ctrl-C stops the
 download, or its merge, and keeps what is there; running the same command
-again fetches only the missing bytes. A second Ctrl-C aborts and discards them.
+again fetches only the missing bytes. A second Ctrl-C aborts and discards them,
+also within 2 s after the download stopped when ztcli runs at a terminal.
 
 Options:
   --to DIR          destination folder, created if missing (default: the current folder)

@@ -143,6 +143,7 @@ void HostCommand::escalate()
     if (m_interruptLevel == 1) {
         note(QStringLiteral("Stopping; the next run resumes. Press Ctrl-C again to abort."));
         m_grace->start(m_graceMs);
+        Q_EMIT stopping();
         Q_EMIT m_reply->stop();
         return;
     }

@@ -53,8 +53,9 @@ public:
     Zephyrtide::Reply *reply() const { return m_reply; }
 
 Q_SIGNALS:
-    // Right before the reply's abort() goes out, while the plugin still holds
-    // what it is working on.
+    // Right before the reply's stop() or abort() goes out for a Ctrl-C, while
+    // the plugin still holds what it is working on.
+    void stopping();
     void aborting();
 
 private:

@@ -12,8 +12,11 @@
 #include <QTextStream>
 #include <QUrl>
 
+#include <unistd.h>
+
 namespace {
 const QString UploadCategory = QStringLiteral("Zephyrtide");
+constexpr int SecondInterruptWindowMs = 2000; // after a stopped download
 }
 
 ServiceClient::ServiceClient(PluginHost *host, QObject *parent)
@@ -39,9 +42,12 @@ CommandOutcome ServiceClient::call(QObject *target, const char *slot, const QVar
     // stopped; ztcli promises that an abort discards them. Which folders are
     // this run's is known only while the plugin still writes them.
     QStringList aborted;
+    QStringList stopped;
     if (view.discardsOnAbort && !m_temporaryFolder.isEmpty()) {
         connect(&command, &HostCommand::aborting, this,
                 [this, &aborted] { aborted = PartialFolders::heldByThisProcess(m_temporaryFolder); });
+        connect(&command, &HostCommand::stopping, this,
+                [this, &stopped] { stopped = PartialFolders::heldByThisProcess(m_temporaryFolder); });
     }
     const bool showsProgress = m_display && !view.label.isEmpty();
     if (!view.label.isEmpty())
@@ -52,11 +58,26 @@ CommandOutcome ServiceClient::call(QObject *target, const char *slot, const QVar
         m_display->setAlreadyThere(view.alreadyThere);
         m_display->setKnownTotal(view.total);
     }
-    const CommandOutcome outcome = command.run();
+    CommandOutcome outcome = command.run();
     if (showsProgress)
         m_display->finish(outcome.succeeded());
+    if (aborted.isEmpty() && awaitSecondInterrupt(stopped)) {
+        aborted = stopped;
+        outcome.code = Zephyrtide::Error::Aborted;
+    }
     discard(aborted);
     return outcome;
+}
+
+// A stop ends a download within a fraction of a second, often before a user
+// at the terminal can press Ctrl-C again; so ztcli waits two seconds more once
+// the download has stopped, and a second Ctrl-C meanwhile discards what it
+// left, as an abort does. A run that nobody watches at a terminal exits at once.
+bool ServiceClient::awaitSecondInterrupt(const QStringList &stopped)
+{
+    if (stopped.isEmpty() || !m_interrupts || m_interrupts->count() != 1 || !isatty(STDIN_FILENO))
+        return false;
+    return !m_interrupts->sleep(SecondInterruptWindowMs);
 }
 
 void ServiceClient::discard(const QStringList &folders)

@@ -55,6 +55,7 @@ private:
     CommandOutcome call(QObject *target, const char *slot, const QVariantMap &params,
                         const TransferView &view = TransferView());
     void discard(const QStringList &folders);
+    bool awaitSecondInterrupt(const QStringList &stopped);
 
     PluginHost *m_host; // borrowed
     QPointer<InterruptHandler> m_interrupts;

@@ -24,6 +24,8 @@ public:
     void setFileSizeLimit(qint64 blocks) { m_fileSizeLimit = blocks; }
     // Sends stderr to this file (a terminal's device, say) instead of err().
     void setStderrFile(const QString &path) { m_process.setStandardErrorFile(path, QIODevice::Append); }
+    // Reads stdin from this file (a terminal's device, as for someone at it).
+    void setStdinFile(const QString &path) { m_process.setStandardInputFile(path); }
 
     void start(const QStringList &arguments);
     // True when it ended by itself within timeoutMs; otherwise it is killed.

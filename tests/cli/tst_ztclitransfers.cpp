@@ -18,6 +18,48 @@
 #include <termios.h>
 #include <unistd.h>
 
+namespace {
+// A pseudo-terminal of a given width whose output the test reads raw (no
+// newline translation), with the device path a process can write to.
+struct Terminal
+{
+    explicit Terminal(int columns)
+    {
+        struct winsize size {};
+        size.ws_col = ushort(columns);
+        size.ws_row = 24;
+        char name[128] = {};
+        if (::openpty(&master, &slave, name, nullptr, &size) != 0)
+            return;
+        path = QString::fromLocal8Bit(name);
+        struct termios raw {};
+        ::tcgetattr(slave, &raw);
+        ::cfmakeraw(&raw);
+        ::tcsetattr(slave, TCSANOW, &raw);
+        ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK);
+    }
+    ~Terminal()
+    {
+        for (int fd : {master, slave}) {
+            if (fd >= 0)
+                ::close(fd);
+        }
+    }
+    void read()
+    {
+        char buffer[4096];
+        ssize_t n = 0;
+        while ((n = ::read(master, buffer, sizeof buffer)) > 0)
+            shown.append(buffer, int(n));
+    }
+
+    int master = -1;
+    int slave = -1; // kept open, so that reading never sees the end early
+    QString path;
+    QByteArray shown;
+};
+} // namespace
+
 // Transfers through ztcli and the plugin: round trips against the reference
 // file service, the existence query, Ctrl-C and resume, and the demo.
 class tst_ZtcliTransfers : public QObject
@@ -33,6 +75,7 @@ private Q_SLOTS:
     void existsTellsStoredFromMissing();
     void interruptedDownloadResumes();
     void interruptedMergeResumes();
+    void secondInterruptDiscardsThePartialDownload_data();
     void secondInterruptDiscardsThePartialDownload();
     void stalledDownloadTimesOut_data();
     void stalledDownloadTimesOut();
@@ -375,8 +418,19 @@ void tst_ZtcliTransfers::stalledDownloadTimesOut()
 // Two Ctrl-C while the plugin still probes: the download is aborted as soon as
 // it has started, and ztcli removes the folder of partial data it promised to
 // discard, naming it. Nothing of the content is left under --temp.
+void tst_ZtcliTransfers::secondInterruptDiscardsThePartialDownload_data()
+{
+    QTest::addColumn<bool>("afterStop"); // the second Ctrl-C comes once the stop has ended the transfer
+    QTest::newRow("while the transfer still runs") << false;
+    QTest::newRow("after the stop, at a terminal") << true;
+}
+
+// A second Ctrl-C aborts and removes the partial data of the download: while
+// it still runs, or, for someone at a terminal, within two seconds of the
+// first one, when the stop has long ended the transfer.
 void tst_ZtcliTransfers::secondInterruptDiscardsThePartialDownload()
 {
+    QFETCH(bool, afterStop);
     const QByteArray content = randomBytes(3 * 1024 * 1024 + 5);
     ScriptedServer server;
     QVERIFY(server.start());
@@ -386,19 +440,29 @@ void tst_ZtcliTransfers::secondInterruptDiscardsThePartialDownload()
                                           + QByteArray::number(content.size()) + "}]}");
         }
         ScriptedResponse response = ScriptedResponse::file(content, request, "\"v1\"", "a.bin");
-        response.hold = request.header("Range") == "bytes=0-1";
+        if (request.header("Range") == "bytes=0-1")
+            response.hold = !afterStop;
+        else if (afterStop)
+            response.holdAfterBytes = 1000; // the content folder is this run's by then
         return response;
     });
     QTemporaryDir temp;
     QTemporaryDir target;
+    Terminal terminal(80);
     CliRun cli(m_home.path());
+    if (afterStop)
+        cli.setStdinFile(terminal.path);
     cli.start({"--server", server.baseUrl(), "--temp", temp.path(), "--chunk-size-mb", "1", "download", "a.bin",
                "--to", target.path()});
-    QTRY_COMPARE_WITH_TIMEOUT(server.heldCount(), 1, 20000);
+    QTRY_VERIFY_WITH_TIMEOUT(server.heldCount() >= 1, 20000);
     cli.interrupt();
     QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("Press Ctrl-C again")), 10000);
+    if (afterStop) // the stop has ended the transfer: its last line is out
+        QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("ended at")), 10000);
+    QVERIFY(cli.isRunning());
     cli.interrupt();
-    QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("Aborting")), 10000);
+    if (!afterStop)
+        QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("Aborting")), 10000);
     server.release();
     QVERIFY(cli.finish(20000));
     QCOMPARE(cli.exitCode(), 130);
@@ -539,47 +603,6 @@ void tst_ZtcliTransfers::demoRunsEndToEnd()
 }
 
 
-namespace {
-// A pseudo-terminal of a given width whose output the test reads raw (no
-// newline translation), with the device path a process can write to.
-struct Terminal
-{
-    explicit Terminal(int columns)
-    {
-        struct winsize size {};
-        size.ws_col = ushort(columns);
-        size.ws_row = 24;
-        char name[128] = {};
-        if (::openpty(&master, &slave, name, nullptr, &size) != 0)
-            return;
-        path = QString::fromLocal8Bit(name);
-        struct termios raw {};
-        ::tcgetattr(slave, &raw);
-        ::cfmakeraw(&raw);
-        ::tcsetattr(slave, TCSANOW, &raw);
-        ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK);
-    }
-    ~Terminal()
-    {
-        for (int fd : {master, slave}) {
-            if (fd >= 0)
-                ::close(fd);
-        }
-    }
-    void read()
-    {
-        char buffer[4096];
-        ssize_t n = 0;
-        while ((n = ::read(master, buffer, sizeof buffer)) > 0)
-            shown.append(buffer, int(n));
-    }
-
-    int master = -1;
-    int slave = -1; // kept open, so that reading never sees the end early
-    QString path;
-    QByteArray shown;
-};
-} // namespace
 
 void tst_ZtcliTransfers::barFitsANarrowTerminal_data()
 {
