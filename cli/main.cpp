@@ -3,8 +3,27 @@
 
 #include <QCoreApplication>
 
+#include <sys/resource.h>
+
+namespace {
+// A batch holds a lock, a chunk file and a connection or so for each of its
+// files at once: a thousand files need thousands of descriptors, past the
+// soft limit of 1024 that many systems start a shell with. The hard limit is
+// the one that counts, as for most programs that open many files.
+void raiseOpenFileLimit()
+{
+    struct rlimit limit {};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max)
+        return;
+    const rlim_t wanted = limit.rlim_max == RLIM_INFINITY ? rlim_t(1) << 20 : limit.rlim_max;
+    limit.rlim_cur = wanted;
+    ::setrlimit(RLIMIT_NOFILE, &limit); // where it cannot be had, the limit stays as it was
+}
+} // namespace
+
 int main(int argc, char *argv[])
 {
+    raiseOpenFileLimit();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("ztcli"));
     // Quiet before anything can log: the plugin is chatty at debug level.

@@ -15,6 +15,7 @@
 
 #include <fcntl.h>
 #include <pty.h>
+#include <sys/resource.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -74,6 +75,7 @@ private Q_SLOTS:
     void existsTellsStoredFromMissing_data();
     void existsTellsStoredFromMissing();
     void interruptedDownloadResumes();
+    void manyFilesUnderASmallDescriptorLimit();
     void interruptedMergeResumes();
     void secondInterruptDiscardsThePartialDownload_data();
     void secondInterruptDiscardsThePartialDownload();
@@ -418,6 +420,42 @@ void tst_ZtcliTransfers::stalledDownloadTimesOut()
 // Two Ctrl-C while the plugin still probes: the download is aborted as soon as
 // it has started, and ztcli removes the folder of partial data it promised to
 // discard, naming it. Nothing of the content is left under --temp.
+// A batch of 400 files holds more descriptors at once than the soft limit of
+// 256 that ztcli starts with here; it takes the hard limit, as a shell's 1024
+// would otherwise stop a batch of a thousand.
+void tst_ZtcliTransfers::manyFilesUnderASmallDescriptorLimit()
+{
+    QStringList names;
+    QMap<QString, QByteArray> contents;
+    for (int i = 0; i < 400; ++i) {
+        const QString name = QStringLiteral("limit-%1.bin").arg(i, 3, 10, QLatin1Char('0'));
+        QFile stored(QDir(m_store.path()).filePath(name));
+        const QByteArray content = randomBytes(1000 + i);
+        QVERIFY(stored.open(QIODevice::WriteOnly) && stored.write(content) == content.size());
+        contents.insert(name, content);
+        names << name;
+    }
+    QTemporaryDir temp;
+    QTemporaryDir target;
+    struct rlimit limit {};
+    QVERIFY(::getrlimit(RLIMIT_NOFILE, &limit) == 0);
+    QVERIFY2(limit.rlim_max > 2048, "the hard limit leaves no room to show this");
+    const rlim_t soft = limit.rlim_cur;
+    limit.rlim_cur = 256; // inherited by ztcli
+    QVERIFY(::setrlimit(RLIMIT_NOFILE, &limit) == 0);
+    CliRun cli(m_home.path());
+    cli.start(QStringList{"-q", "--server", m_url, "--temp", temp.path(), "download"} + names
+              + QStringList{"--to", target.path()});
+    limit.rlim_cur = soft;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    QVERIFY(cli.finish(120000));
+    QVERIFY2(cli.exitCode() == 0, qPrintable(cli.output()));
+    for (auto it = contents.cbegin(); it != contents.cend(); ++it) {
+        QVERIFY2(readFile(QDir(target.path()).filePath(it.key())) == it.value(), qPrintable(it.key()));
+        QFile::remove(QDir(m_store.path()).filePath(it.key())); // the store stays as the other tests know it
+    }
+}
+
 void tst_ZtcliTransfers::secondInterruptDiscardsThePartialDownload_data()
 {
     QTest::addColumn<bool>("afterStop"); // the second Ctrl-C comes once the stop has ended the transfer
