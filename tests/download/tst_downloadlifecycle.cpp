@@ -78,6 +78,10 @@ private:
     QString chunkFolder(const QByteArray &tag) const;
     QVariantMap batch(const QStringList &names, const QString &folder) const;
     qint64 bytesIn(const QString &folder) const;
+    // One file through a downloader of its own; whenStarted runs once the
+    // batch has started. The batch's code, or -1 when it did not end in time.
+    int downloadOne(const QString &destination, const QString &name,
+                    const std::function<void(Downloader &)> &whenStarted = nullptr);
 
     TestEnvironment m_environment;
     QScopedPointer<QTemporaryDir> m_temporary; // the engine's chunk folders
@@ -168,6 +172,22 @@ qint64 tst_DownloadLifeCycle::bytesIn(const QString &folder) const
     for (const QFileInfo &file : QDir(folder).entryInfoList(QDir::Files))
         sum += file.size();
     return sum;
+}
+
+int tst_DownloadLifeCycle::downloadOne(const QString &destination, const QString &name,
+                                       const std::function<void(Downloader &)> &whenStarted)
+{
+    Downloader downloader;
+    auto task = QSharedPointer<DownloadTask>::create();
+    if (task->isValid(destination, m_server->baseUrl() + "/download", name) != 0 || !downloader.addTask(task))
+        return -1;
+    int code = -1;
+    connect(&downloader, &Downloader::finished, this, [&](ZTErrorCode status) { code = status; });
+    if (downloader.start() != 0)
+        return -1;
+    if (whenStarted)
+        whenStarted(downloader);
+    return QTest::qWaitFor([&] { return code >= 0; }, 30000) ? code : -1;
 }
 
 void tst_DownloadLifeCycle::stopThenRestartAtOnce_data()
@@ -716,19 +736,7 @@ void tst_DownloadLifeCycle::onlyChunkKeptWhenPlacingFails()
         QFile::remove(destination);
         QDir().mkpath(destination + "/inside");
     };
-    const auto run = [&] {
-        Downloader downloader;
-        auto task = QSharedPointer<DownloadTask>::create();
-        if (task->isValid(destination, m_server->baseUrl() + "/download", "one.bin") != 0 || !downloader.addTask(task))
-            return -1;
-        int code = -1;
-        connect(&downloader, &Downloader::finished, this, [&](ZTErrorCode status) { code = status; });
-        if (downloader.start() != 0 || !QTest::qWaitFor([&] { return code >= 0; }, 30000))
-            return -1;
-        return code;
-    };
-
-    QCOMPARE(run(), 20735);
+    QCOMPARE(downloadOne(destination, "one.bin"), 20735);
     const QString chunk = chunkFolder("one.bin") + "/1";
     QCOMPARE(QFileInfo(chunk).size(), size);
     QVERIFY(!QFileInfo::exists(destination + ".ztmerge"));
@@ -736,7 +744,7 @@ void tst_DownloadLifeCycle::onlyChunkKeptWhenPlacingFails()
     QVERIFY(QDir(destination).removeRecursively());
     QVERIFY(m_server->waitUntilQuiet());
     const int before = m_server->requestCount();
-    QCOMPARE(run(), 0);
+    QCOMPARE(downloadOne(destination, "one.bin"), 0);
     QCOMPARE(m_server->requestCount() - before, 1); // the probe alone
     QCOMPARE(sha256OfFile(destination), digestOf("one.bin"));
     QVERIFY(!QDir(chunkFolder("one.bin")).exists());
@@ -757,29 +765,19 @@ void tst_DownloadLifeCycle::smallFileStoppedResumes()
     };
     const QString destination = m_target->filePath("small.bin");
     const QString folder = chunkFolder("small.bin");
-    const auto run = [&](bool stop) {
-        Downloader downloader;
-        auto task = QSharedPointer<DownloadTask>::create();
-        if (task->isValid(destination, m_server->baseUrl() + "/download", "small.bin") != 0 || !downloader.addTask(task))
-            return -1;
-        int code = -1;
-        connect(&downloader, &Downloader::finished, this, [&](ZTErrorCode status) { code = status; });
-        if (downloader.start() != 0)
-            return -1;
-        // Stopped once the bytes sent before the hold are in the chunk file.
-        if (stop && QTest::qWaitFor([&] { return QFileInfo(folder + "/1").size() == sent; }, 10000))
-            Q_EMIT downloader.stopAll();
-        return QTest::qWaitFor([&] { return code >= 0; }, 30000) ? code : -1;
-    };
-
-    QCOMPARE(run(true), 20716);
+    // Stopped once the bytes sent before the hold are in the chunk file.
+    QCOMPARE(downloadOne(destination, "small.bin", [&](Downloader &downloader) {
+                 if (QTest::qWaitFor([&] { return QFileInfo(folder + "/1").size() == sent; }, 10000))
+                     Q_EMIT downloader.stopAll();
+             }),
+             20716);
     QVERIFY(QFileInfo::exists(folder + "/.plan"));
     const qint64 kept = QFileInfo(folder + "/1").size();
     QCOMPARE(kept, sent);
     m_server->release();
     QVERIFY(m_server->waitUntilQuiet());
     const int before = m_server->requestCount();
-    QCOMPARE(run(false), 0);
+    QCOMPARE(downloadOne(destination, "small.bin"), 0);
     const QList<ScriptedRequest> requests = m_server->requests().mid(before);
     QCOMPARE(requests.size(), 2); // the probe, then the rest of the chunk
     QVERIFY2(requests.last().header("Range").startsWith("bytes=" + QByteArray::number(kept) + "-"),
