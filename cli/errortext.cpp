@@ -37,7 +37,7 @@ QString ErrorText::sentence(int code)
     case Zephyrtide::Error::Timeout:
         return QStringLiteral("the file service did not answer in time");
     case Zephyrtide::Error::GeneralFailure:
-        return QStringLiteral("the file service gave an answer the plugin could not use");
+        return QStringLiteral("the transfer failed: the connection to the file service was lost, or it gave an answer the plugin could not use");
     case Zephyrtide::Error::MissingParameter:
         return QStringLiteral("a required parameter was missing");
     case Zephyrtide::Error::ParseError:
