@@ -64,7 +64,7 @@ test-asan: deps
 
 # Only ztcli and the plugin: the tests are not needed to run the demo.
 demo: configure
-	@echo "Building ztcli and the plugin (a first build takes about 2 minutes on 2 cores)"
+	@echo "Building ztcli and the plugin (a first build takes about a minute and a half on an idle 2-core machine)"
 	cmake --build $(BUILD) -j $(JOBS) --target ztcli
 	$(BUILD)/cli/ztcli demo
 
