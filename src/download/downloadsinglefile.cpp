@@ -516,15 +516,20 @@ bool DownloadSingleFile::merge()
 {
     qCDebug(ztLog) << "merge chunk" << task->m_path;
     QDir().mkpath(task->m_path);
-    if (m_mergedBytes == 0 && chunkCount > 1) { // a file of one chunk begins in mergeStep()
-        QFile merged(mergePath());
-        if (!merged.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-            qCCritical(ztLog) << "merge chunk fail" << task->filePath;
-            return false;
-        }
-    }
+    // A file of one chunk begins in mergeStep(), by a rename where it can.
+    if (m_mergedBytes == 0 && chunkCount > 1 && !beginMergedFile())
+        return false;
     scheduleMergeStep();
     return true;
+}
+
+bool DownloadSingleFile::beginMergedFile()
+{
+    QFile merged(mergePath());
+    if (merged.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return true;
+    qCCritical(ztLog) << "merge chunk fail" << task->filePath;
+    return false;
 }
 
 void DownloadSingleFile::scheduleMergeStep()
@@ -590,9 +595,7 @@ bool DownloadSingleFile::renameOnlyChunk()
         m_mergedBytes = task->fileSize;
         return true;
     }
-    QFile merged(mergePath());
-    if (!merged.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        qCCritical(ztLog) << "merge chunk fail" << task->filePath; // the copy's step fails and says so
+    beginMergedFile(); // when it cannot be made, the copy's first slice fails the merge
     return false;
 }
 

@@ -159,6 +159,7 @@ private:
     void reportMerge();
     void endMerge();
     bool renameOnlyChunk();
+    bool beginMergedFile();
     bool recordCurrentPlan();
     void recordDeferredPlan();
     bool moveIntoPlace();
