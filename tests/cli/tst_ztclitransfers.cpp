@@ -92,6 +92,8 @@ private Q_SLOTS:
 
 private:
     static QByteArray randomBytes(qint64 size);
+    // The service's answer to "/download/pathList" for one stored file.
+    static ScriptedResponse listingOf(const QByteArray &name, qint64 size, const QByteArray &etag = QByteArray());
     static QByteArray readFile(const QString &path);
     static qint64 bytesUnder(const QString &folder);
     QString writeLocal(const QString &name, const QByteArray &content);
@@ -111,6 +113,13 @@ QByteArray tst_ZtcliTransfers::randomBytes(qint64 size)
     for (int i = data.size() / 4 * 4; i < data.size(); ++i)
         data[i] = char(QRandomGenerator::global()->generate());
     return data;
+}
+
+ScriptedResponse tst_ZtcliTransfers::listingOf(const QByteArray &name, qint64 size, const QByteArray &etag)
+{
+    const QByteArray version = etag.isEmpty() ? QByteArray() : R"(, "etag": ")" + etag + R"(", "modified": 0)";
+    return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": ")" + name + R"(", "fileSize": )"
+                                  + QByteArray::number(size) + version + "}]}");
 }
 
 QByteArray tst_ZtcliTransfers::readFile(const QString &path)
@@ -262,10 +271,8 @@ void tst_ZtcliTransfers::interruptedDownloadResumes()
     ScriptedServer server;
     QVERIFY(server.start());
     server.setHandler([&](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/download/pathList")) {
-            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": "big.bin", "fileSize": )"
-                                          + QByteArray::number(content.size()) + R"(, "etag": "v1", "modified": 0}]})");
-        }
+        if (request.path() == QLatin1String("/download/pathList"))
+            return listingOf("big.bin", content.size(), "v1");
         if (request.path() != QLatin1String("/download"))
             return ScriptedResponse::json("{}", 404);
         ScriptedResponse response = ScriptedResponse::file(content, request, etag, "big.bin");
@@ -328,10 +335,8 @@ void tst_ZtcliTransfers::interruptedMergeResumes()
     ScriptedServer server;
     QVERIFY(server.start());
     server.setHandler([&](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/download/pathList")) {
-            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": "m.bin", "fileSize": )"
-                                          + QByteArray::number(content.size()) + R"(, "etag": "m1", "modified": 0}]})");
-        }
+        if (request.path() == QLatin1String("/download/pathList"))
+            return listingOf("m.bin", content.size(), "m1");
         return ScriptedResponse::file(content, request, "\"m1\"", "m.bin").header("Repr-Digest", "sha-256=:" + digest + ":");
     });
     QTemporaryDir temp;
@@ -394,10 +399,8 @@ void tst_ZtcliTransfers::stalledDownloadTimesOut()
     ScriptedServer server;
     QVERIFY(server.start());
     server.setHandler([&](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/download/pathList")) {
-            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": "s.bin", "fileSize": )"
-                                          + QByteArray::number(content.size()) + R"(, "etag": "s", "modified": 0}]})");
-        }
+        if (request.path() == QLatin1String("/download/pathList"))
+            return listingOf("s.bin", content.size(), "s");
         ScriptedResponse response = ScriptedResponse::file(content, request, "\"s\"", "s.bin");
         if (request.header("Range").startsWith("bytes=1048576-") && !held)
             response.hold = held = true; // the second chunk, once
@@ -473,10 +476,8 @@ void tst_ZtcliTransfers::secondInterruptDiscardsThePartialDownload()
     ScriptedServer server;
     QVERIFY(server.start());
     server.setHandler([&](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/download/pathList")) {
-            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": "a.bin", "fileSize": )"
-                                          + QByteArray::number(content.size()) + "}]}");
-        }
+        if (request.path() == QLatin1String("/download/pathList"))
+            return listingOf("a.bin", content.size());
         ScriptedResponse response = ScriptedResponse::file(content, request, "\"v1\"", "a.bin");
         if (request.header("Range") == "bytes=0-1")
             response.hold = !afterStop;
@@ -696,10 +697,8 @@ void tst_ZtcliTransfers::progressLinesArriveWhileItRuns()
     ScriptedServer server;
     QVERIFY(server.start());
     server.setHandler([&](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/download/pathList")) {
-            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": "d.bin", "fileSize": )"
-                                          + QByteArray::number(content.size()) + R"(, "etag": "d", "modified": 0}]})");
-        }
+        if (request.path() == QLatin1String("/download/pathList"))
+            return listingOf("d.bin", content.size(), "d");
         ScriptedResponse response = ScriptedResponse::file(content, request, "\"d\"", "d.bin");
         const QByteArray range = request.header("Range");
         if (range.startsWith("bytes=0-") && range != "bytes=0-1") {
