@@ -5,8 +5,8 @@
 #include "download/downloadtask.h"
 #include "download/probebatch.h"
 #include "network/networkmanager.h"
-#include "plugin/globalmanager.h"
-#include "plugin/logging.h"
+#include "core/globalmanager.h"
+#include "core/logging.h"
 
 #include <zephyrtide/manager.h>
 #include <zephyrtide/reply.h>

@@ -1,7 +1,7 @@
 #include "startupload.h"
 
-#include "plugin/globalmanager.h"
-#include "plugin/logging.h"
+#include "core/globalmanager.h"
+#include "core/logging.h"
 #include "upload/clouduploader.h"
 #include "upload/fileitem.h"
 #include "upload/uploadglobal.h"

@@ -1,7 +1,7 @@
 #include "downloadchunk.h"
 
-#include "plugin/globalmanager.h"
-#include "plugin/logging.h"
+#include "core/globalmanager.h"
+#include "core/logging.h"
 #include "sha256.h"
 
 #include <QDir>

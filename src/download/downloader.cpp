@@ -3,7 +3,7 @@
 #include "downloadglobal.h"
 #include "downloadsinglefile.h"
 #include "downloadtask.h"
-#include "plugin/logging.h"
+#include "core/logging.h"
 
 #include <QDir>
 #include <QSet>

@@ -2,7 +2,7 @@
 
 #include "accessmanagerpool.h"
 #include "network/networkmanager.h"
-#include "plugin/logging.h"
+#include "core/logging.h"
 
 #include <QDir>
 #include <QMutex>

@@ -5,7 +5,7 @@
 #include "downloadchunk.h"
 #include "downloadglobal.h"
 #include "downloadtask.h"
-#include "plugin/logging.h"
+#include "core/logging.h"
 
 #include <QDir>
 #include <QFile>

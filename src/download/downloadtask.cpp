@@ -2,8 +2,8 @@
 
 #include "downloadglobal.h"
 #include "downloadsinglefile.h"
-#include "plugin/globalmanager.h"
-#include "plugin/logging.h"
+#include "core/globalmanager.h"
+#include "core/logging.h"
 #include "sha256.h"
 
 #include <QCryptographicHash>

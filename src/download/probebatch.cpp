@@ -1,7 +1,7 @@
 #include "probebatch.h"
 
 #include "downloadtask.h"
-#include "plugin/logging.h"
+#include "core/logging.h"
 
 #include <QEventLoop>
 #include <QNetworkReply>

@@ -1,8 +1,8 @@
 #include "networkmanager.h"
 
 #include "networkreply.h"
-#include "plugin/logging.h"
-#include "plugin/threadcall.h"
+#include "core/logging.h"
+#include "core/threadcall.h"
 
 #include <QPointer>
 #include <QVector>

@@ -2,8 +2,8 @@
 
 #include "networkmanager.h"
 #include "pendingrequest.h"
-#include "plugin/globalmanager.h"
-#include "plugin/logging.h"
+#include "core/globalmanager.h"
+#include "core/logging.h"
 
 #include <QThread>
 

@@ -1,9 +1,9 @@
 #include "ztserver.h"
 
-#include "globalmanager.h"
-#include "logging.h"
 #include "commands/startdownload.h"
 #include "commands/startupload.h"
+#include "core/globalmanager.h"
+#include "core/logging.h"
 #include "download/downloadtask.h"
 #include "upload/uploadglobal.h"
 

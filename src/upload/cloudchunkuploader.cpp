@@ -4,8 +4,8 @@
 #include "filechunkbody.h"
 #include "network/networkmanager.h"
 #include "network/networkreply.h"
-#include "plugin/globalmanager.h"
-#include "plugin/logging.h"
+#include "core/globalmanager.h"
+#include "core/logging.h"
 #include "uploadglobal.h"
 
 #include <QCryptographicHash>

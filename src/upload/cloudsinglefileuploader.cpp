@@ -3,8 +3,8 @@
 #include "chunkitem.h"
 #include "cloudchunkuploader.h"
 #include "fileitem.h"
-#include "plugin/globalmanager.h"
-#include "plugin/logging.h"
+#include "core/globalmanager.h"
+#include "core/logging.h"
 #include "uploadglobal.h"
 
 #include <QFile>

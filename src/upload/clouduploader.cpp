@@ -3,7 +3,7 @@
 #include "cloudchunkuploader.h"
 #include "cloudsinglefileuploader.h"
 #include "fileitem.h"
-#include "plugin/logging.h"
+#include "core/logging.h"
 #include "uploadglobal.h"
 
 #include <QPointer>

@@ -1,6 +1,6 @@
 #include "fileitem.h"
 
-#include "plugin/logging.h"
+#include "core/logging.h"
 #include "upload/chunkitem.h"
 
 namespace {

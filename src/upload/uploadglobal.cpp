@@ -1,8 +1,8 @@
 #include "uploadglobal.h"
 
-#include "commands/encryption.h"
+#include "core/encryption.h"
 #include "network/networkmanager.h"
-#include "plugin/logging.h"
+#include "core/logging.h"
 #include "upload/fileitem.h"
 
 #include <QCryptographicHash>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "plugin/zterrorcode.h"
+#include "core/zterrorcode.h"
 
 #include <QHash>
 #include <QMutex>

@@ -1,7 +1,7 @@
 #include "commands/startupload.h"
 #include "hostcall.h"
 #include "logcapture.h"
-#include "plugin/globalmanager.h"
+#include "core/globalmanager.h"
 #include "plugin/ztserver.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"

@@ -1,7 +1,7 @@
 #include "filedigest.h"
 #include "fileserviceprocess.h"
 #include "hostcall.h"
-#include "plugin/globalmanager.h"
+#include "core/globalmanager.h"
 #include "plugin/ztserver.h"
 #include "testenvironment.h"
 #include "upload/uploadglobal.h"

@@ -3,7 +3,7 @@
 #include "download/downloadglobal.h"
 #include "download/downloadsinglefile.h"
 #include "download/downloadtask.h"
-#include "plugin/globalmanager.h"
+#include "core/globalmanager.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"
 

@@ -5,7 +5,7 @@
 #include "filedigest.h"
 #include "hostcall.h"
 #include "network/networkmanager.h"
-#include "plugin/globalmanager.h"
+#include "core/globalmanager.h"
 #include "plugin/ztserver.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"

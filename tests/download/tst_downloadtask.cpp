@@ -2,7 +2,7 @@
 #include "download/downloadglobal.h"
 #include "download/downloadtask.h"
 #include "logcapture.h"
-#include "plugin/globalmanager.h"
+#include "core/globalmanager.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"
 

@@ -11,7 +11,7 @@
 
 #include "fuzzenvironment.h"
 
-#include "commands/encryption.h"
+#include "core/encryption.h"
 #include "upload/fileitem.h"
 
 #include <QDateTime>

@@ -1,4 +1,4 @@
-#include "plugin/globalmanager.h"
+#include "core/globalmanager.h"
 #include "logcapture.h"
 #include "scriptedserver.h"
 

@@ -1,5 +1,5 @@
 #include "logcapture.h"
-#include "plugin/globalmanager.h"
+#include "core/globalmanager.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"
 #include "upload/chunkitem.h"

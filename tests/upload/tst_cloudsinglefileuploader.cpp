@@ -1,6 +1,6 @@
 #include "logcapture.h"
-#include "plugin/globalmanager.h"
-#include "plugin/logging.h"
+#include "core/globalmanager.h"
+#include "core/logging.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"
 #include "upload/chunkitem.h"

@@ -1,4 +1,4 @@
-#include "commands/encryption.h"
+#include "core/encryption.h"
 #include "logcapture.h"
 #include "plugin/ztserver.h"
 #include "upload/fileitem.h"

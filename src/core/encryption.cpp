@@ -1,6 +1,6 @@
 #include "encryption.h"
 
-#include "plugin/logging.h"
+#include "core/logging.h"
 
 #include <QCryptographicHash>
 #include <QEventLoop>
