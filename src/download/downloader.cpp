@@ -80,13 +80,15 @@ ZTErrorCode Downloader::startFiles()
         }
         // Released with deleteLater: a file may be dropped while it emits.
         QSharedPointer<DownloadSingleFile> file(new DownloadSingleFile(task), &QObject::deleteLater);
-        // The file is named in each connection: sender() would look for it
-        // among every file's connections, on every report of every file.
+        // The file travels in each connection, with what it reports.
         DownloadSingleFile *raw = file.data();
-        connect(raw, &DownloadSingleFile::finished, this, [this, raw] { fileFinished(raw); });
+        connect(raw, &DownloadSingleFile::finished, this, [this, raw] { onFinished(raw); });
         connect(raw, &DownloadSingleFile::downloadProgress, this,
-                [this, raw](qlonglong bytesReceived, qlonglong bytesTotal) { fileProgress(raw, bytesReceived, bytesTotal); });
-        connect(raw, &DownloadSingleFile::errorOccurred, this, [this, raw] { fileFailed(raw); });
+                [this, raw](qlonglong bytesReceived, qlonglong bytesTotal, qlonglong received) {
+                    onDownloadProgress(raw, bytesReceived, bytesTotal, received);
+                });
+        connect(raw, &DownloadSingleFile::errorOccurred, this,
+                [this, raw](ZTErrorCode code) { onErrorOccurred(raw, code); });
         m_runningFiles.append(file);
         m_counted.insert(file.data(), 0);
         if (!file->start()) {
@@ -174,27 +176,29 @@ void Downloader::group()
     m_tasks.clear();
 }
 
-void Downloader::onDownloadProgress(qlonglong bytesReceived, qlonglong bytesTotal)
-{
-    fileProgress(qobject_cast<DownloadSingleFile *>(sender()), bytesReceived, bytesTotal);
-}
-
-void Downloader::fileProgress(DownloadSingleFile *file, qlonglong bytesReceived, qlonglong bytesTotal)
+void Downloader::onDownloadProgress(DownloadSingleFile *file, qlonglong bytesReceived, qlonglong bytesTotal,
+                                    qlonglong received)
 {
     // The batch's sum follows a running file's figure by its change alone, so
     // a report costs the same however many files run.
     const auto counted = m_counted.find(file);
     if (counted != m_counted.end()) {
-        m_runningReceived += file->received - counted.value();
-        counted.value() = file->received;
+        m_runningReceived += received - counted.value();
+        counted.value() = received;
     }
+    reportProgress();
+    Q_EMIT downloadProgress(file->task.data(), qMin(bytesReceived, bytesTotal), bytesTotal);
+}
+
+// The batch's figure never goes back, and goes out only when it moves.
+void Downloader::reportProgress()
+{
     const qint64 sum = m_runningReceived + m_finishedSize;
-    if (sum > m_progressValue)
-        m_progressValue = sum;
+    if (sum <= m_progressValue)
+        return;
+    m_progressValue = sum;
     qCDebug(ztLog) << "Downloader progress " << m_progressValue << m_totalSize;
     Q_EMIT progress(m_progressValue, m_totalSize);
-    if (file)
-        Q_EMIT downloadProgress(file->task.data(), qMin(bytesReceived, bytesTotal), bytesTotal);
 }
 
 // The file no longer counts with what it received; a finished one counts whole.
@@ -203,12 +207,7 @@ void Downloader::forget(DownloadSingleFile *file)
     m_runningReceived -= m_counted.take(file);
 }
 
-void Downloader::onFinished()
-{
-    fileFinished(qobject_cast<DownloadSingleFile *>(sender()));
-}
-
-void Downloader::fileFinished(DownloadSingleFile *file)
+void Downloader::onFinished(DownloadSingleFile *file)
 {
     if (m_state == Stopped || m_state == Aborted) {
         qCCritical(ztLog) << "status stopped ";
@@ -230,19 +229,14 @@ void Downloader::fileFinished(DownloadSingleFile *file)
     finishIfDone();
 }
 
-void Downloader::onErrorOccurred()
-{
-    fileFailed(qobject_cast<DownloadSingleFile *>(sender()));
-}
-
-void Downloader::fileFailed(DownloadSingleFile *file)
+void Downloader::onErrorOccurred(DownloadSingleFile *file, ZTErrorCode code)
 {
     if (!m_counted.contains(file))
         return; // a file ends once: it runs no more
     DownloadTask *task = file->task.data();
-    qCCritical(ztLog) << "file error" << task->fileName << task->status;
+    qCCritical(ztLog) << "file error" << task->fileName << code;
     if (m_failure == Zephyrtide::Error::NoError)
-        m_failure = task->status;
+        m_failure = code;
     for (int i = 0; i < m_runningFiles.size(); ++i) {
         if (m_runningFiles.at(i).data() == file) {
             forget(file);
@@ -271,7 +265,7 @@ void Downloader::finishIfDone()
         return;
     }
     qCDebug(ztLog) << "finished downloader";
-    fileProgress(nullptr, m_totalSize, m_totalSize);
+    reportProgress();
     end(Zephyrtide::Error::NoError, m_finishedTasks);
 }
 

@@ -58,10 +58,11 @@ Q_SIGNALS:
     void keepAlive();
 
 public Q_SLOTS:
-    void onDownloadProgress(qlonglong bytesReceived, qlonglong bytesTotal);
-    void onFinished();
+    void onDownloadProgress(DownloadSingleFile *file, qlonglong bytesReceived, qlonglong bytesTotal,
+                            qlonglong received);
+    void onFinished(DownloadSingleFile *file);
     ZTErrorCode start();
-    void onErrorOccurred();
+    void onErrorOccurred(DownloadSingleFile *file, ZTErrorCode code);
     void clear();
 
 private:
@@ -79,9 +80,7 @@ private:
     void end(ZTErrorCode code, const QList<DownloadTask *> &tasks);
     ZTErrorCode abandon(DownloadSingleFile *failed, ZTErrorCode code);
     void forget(DownloadSingleFile *file);
-    void fileProgress(DownloadSingleFile *file, qlonglong bytesReceived, qlonglong bytesTotal);
-    void fileFinished(DownloadSingleFile *file);
-    void fileFailed(DownloadSingleFile *file);
+    void reportProgress();
 
     QList<QSharedPointer<DownloadTask>> m_tasks;
     QMap<QString, QSharedPointer<DownloadTask>> m_tasksByEtag;

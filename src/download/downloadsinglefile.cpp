@@ -249,7 +249,7 @@ bool DownloadSingleFile::start()
         task->status = Zephyrtide::Error::ParseError;
         task->releaseReservations();
         m_ended = true;
-        Q_EMIT errorOccurred();
+        Q_EMIT errorOccurred(task->status);
         return false;
     }
     if (task->fileSize == 0)
@@ -404,7 +404,8 @@ void DownloadSingleFile::plan()
         chunk->expectedSha256 = m_expectedSha256;
         connect(this, &DownloadSingleFile::abort, chunk.data(), &DownloadChunk::onAborted);
         connect(this, &DownloadSingleFile::stop, chunk.data(), &DownloadChunk::onStoped);
-        connect(chunk.data(), &DownloadChunk::finished, this, &DownloadSingleFile::onFinished);
+        DownloadChunk *raw = chunk.data();
+        connect(raw, &DownloadChunk::finished, this, [this, raw] { onFinished(raw); });
         connect(chunk.data(), &DownloadChunk::downloadProgress, this, &DownloadSingleFile::onDownloadProgress);
         connect(chunk.data(), &DownloadChunk::errorOccurred, this, &DownloadSingleFile::onErrorOccurred);
         pendingChunks.insert(i, chunk);
@@ -467,14 +468,14 @@ void DownloadSingleFile::startPendingChunks()
     }
 }
 
-void DownloadSingleFile::onFinished()
+void DownloadSingleFile::onFinished(DownloadChunk *chunk)
 {
     qCDebug(ztLog) << "single file finish";
     ++finishedCount;
     // A stopped, aborted or failed file starts no pending chunk and merges nothing.
     if (!isRunning())
         return;
-    hashFinishedChunks(qobject_cast<DownloadChunk *>(sender()));
+    hashFinishedChunks(chunk);
     scheduleNextStep();
 }
 
@@ -697,7 +698,7 @@ void DownloadSingleFile::reportMerge()
     const qint64 figure = cap + qint64(double(size - cap) * double(m_mergedBytes) / double(size));
     received = qMax(received, qMin(figure, size));
     const int merged = m_mergedBytes == size ? chunkCount : int(m_mergedBytes / chunkSize);
-    Q_EMIT downloadProgress(qMin(size, (merged / 5) * (size / 100) + received), size);
+    reportProgress(qMin(size, (merged / 5) * (size / 100) + received));
 }
 
 void DownloadSingleFile::endMerge()
@@ -737,7 +738,7 @@ void DownloadSingleFile::verifyThenPlace()
     task->status = Zephyrtide::Error::GeneralFailure;
     task->releaseReservations();
     releaseContentFolder();
-    Q_EMIT errorOccurred();
+    Q_EMIT errorOccurred(task->status);
 }
 
 void DownloadSingleFile::finishMerge()
@@ -765,7 +766,7 @@ void DownloadSingleFile::failMerge()
     task->status = Zephyrtide::Error::MergeError;
     task->releaseReservations(); // only the names that still hold nothing
     releaseContentFolder();
-    Q_EMIT errorOccurred();
+    Q_EMIT errorOccurred(task->status);
 }
 
 // What a merge that ends short of the file leaves: the record says how far it
@@ -791,7 +792,18 @@ void DownloadSingleFile::onDownloadProgress(qlonglong delta, qlonglong)
     const qint64 cap = (task->fileSize / 100) * 95;
     if (received > cap)
         received = cap;
-    Q_EMIT downloadProgress((received / 100) * 95, task->fileSize);
+    reportProgress((received / 100) * 95);
+}
+
+// Only a change goes out: a chunk's report of nothing new, or one past the
+// cap, costs the batch nothing.
+void DownloadSingleFile::reportProgress(qint64 shown)
+{
+    if (shown == m_shownReported && received == m_receivedReported)
+        return;
+    m_shownReported = shown;
+    m_receivedReported = received;
+    Q_EMIT downloadProgress(shown, task->fileSize, received);
 }
 
 QString DownloadSingleFile::mergePath() const
@@ -916,7 +928,7 @@ bool DownloadSingleFile::placeMerged()
         qCCritical(ztLog) << "merge copy fail" << task->filePath;
         return false;
     }
-    Q_EMIT downloadProgress(task->fileSize, task->fileSize);
+    reportProgress(task->fileSize);
     qCDebug(ztLog) << "merge chunk finished" << QFileInfo(task->filePath).size();
     return true;
 }
@@ -1013,5 +1025,5 @@ void DownloadSingleFile::onErrorOccurred(ZTErrorCode code)
         return;
     task->status = code;
     Q_EMIT stop();
-    Q_EMIT errorOccurred();
+    Q_EMIT errorOccurred(code);
 }

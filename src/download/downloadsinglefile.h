@@ -106,15 +106,17 @@ public:
     qint64 received = 0;
 
 Q_SIGNALS:
-    void downloadProgress(qlonglong bytesReceived, qlonglong bytesTotal);
+    // bytesReceived is the figure shown for the file, scaled so that the merge
+    // has room; received is what the chunks brought, as the batch counts it.
+    void downloadProgress(qlonglong bytesReceived, qlonglong bytesTotal, qlonglong received);
     void finished();
-    void errorOccurred();
+    void errorOccurred(ZTErrorCode code);
     void abort();
     void stop();
 
 public Q_SLOTS:
     void onDownloadProgress(qlonglong bytesReceived, qlonglong bytesTotal);
-    void onFinished();
+    void onFinished(DownloadChunk *chunk);
     void onAborted();
     void onStopped();
     void onErrorOccurred(ZTErrorCode code);
@@ -128,6 +130,7 @@ private:
     void restartWithoutRanges();
     void plan();
     qint64 shareOf(int number) const;
+    void reportProgress(qint64 shown);
     void hashFinishedChunks(DownloadChunk *finished);
     void onHashed(const QByteArray &sha256);
     void startPendingChunks();
@@ -166,6 +169,8 @@ private:
     bool placeMerged();
 
     std::unique_ptr<QLockFile> m_lock; // the content folder's, while the run holds it
+    qint64 m_shownReported = -1;    // the figures of the last progress report
+    qint64 m_receivedReported = -1;
     bool m_ended = false;              // finished, failed, stopped or aborted
     bool m_merging = false;            // from the merge's start to the run's end
     bool m_placing = false;            // renaming the merged file into place: not stopped any more

@@ -84,7 +84,7 @@ NetworkReply *NetworkManager::enqueue(const QSharedPointer<PendingRequest> &reco
     // of parts queued each finish would cost a scan of them all.
     connect(reply, &NetworkReply::finished, this, [this, reply] { onReplyFinished(reply); });
     connect(reply, &NetworkReply::errorOccurred, this, [this, reply] { onReplyFinished(reply); });
-    connect(reply, &QObject::destroyed, this, qOverload<QObject *>(&NetworkManager::onDestroyed));
+    connect(reply, &QObject::destroyed, this, &NetworkManager::onDestroyed);
 
     // "At most netLimit" on purpose: with 3, a fourth transfer still starts.
     if (m_waiting.isEmpty() && m_requesting.size() <= m_netLimit) {
@@ -226,11 +226,6 @@ void NetworkManager::keepWaitingAlive()
     }
 }
 
-void NetworkManager::onReplyFinished()
-{
-    onReplyFinished(qobject_cast<NetworkReply *>(sender()));
-}
-
 void NetworkManager::onReplyFinished(NetworkReply *reply)
 {
     if (!reply)
@@ -262,10 +257,6 @@ void NetworkManager::onDestroyed(QObject *obj)
     scheduleStartNext();
 }
 
-void NetworkManager::onDestroyed()
-{
-    onDestroyed(sender());
-}
 
 void NetworkManager::removeRecordsOf(QList<QSharedPointer<PendingRequest>> &list, const QObject *reply,
                                      bool *found)

@@ -54,8 +54,6 @@ public:
 
 public Q_SLOTS:
     void onDestroyed(QObject *obj);
-    void onDestroyed();
-    void onReplyFinished();
 
 private:
     void onReplyFinished(NetworkReply *reply);

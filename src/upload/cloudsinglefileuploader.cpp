@@ -140,8 +140,8 @@ bool CloudSingleFileUploader::launchChunks()
         uploader->setItem(chunk);
         // The chunk travels with the connection: QObject::sender() walks every
         // connection into this object, thousands in a file of many parts.
-        connect(uploader.data(), &CloudChunkUploader::finished, this, [this, chunk] { chunkFinished(chunk); });
-        connect(uploader.data(), &CloudChunkUploader::progress, this, [this, chunk] { chunkProgressed(chunk); });
+        connect(uploader.data(), &CloudChunkUploader::finished, this, [this, chunk] { onFinished(chunk); });
+        connect(uploader.data(), &CloudChunkUploader::progress, this, [this, chunk] { onUploadProgress(chunk); });
         connect(uploader.data(), &CloudChunkUploader::errorOccurred, this,
                 &CloudSingleFileUploader::onErrorOccurred);
         m_chunkUploaders.append(uploader);
@@ -301,13 +301,7 @@ ZTErrorCode CloudSingleFileUploader::prepareChunks()
 // sent of every pending chunk not finished, plus the finished chunks whole.
 // The sum is kept up to date by the one chunk that moved, so a progress
 // report costs the same with four parts or four thousand.
-void CloudSingleFileUploader::onUploadProgress(qlonglong, qlonglong)
-{
-    auto *uploader = qobject_cast<CloudChunkUploader *>(sender());
-    chunkProgressed(uploader ? uploader->item() : QSharedPointer<ChunkItem>());
-}
-
-void CloudSingleFileUploader::chunkProgressed(const QSharedPointer<ChunkItem> &chunk)
+void CloudSingleFileUploader::onUploadProgress(const QSharedPointer<ChunkItem> &chunk)
 {
     if (chunk && chunk->state != Upload::Finished) {
         m_inFlight += chunk->bytesSent - chunk->counted;
@@ -320,6 +314,8 @@ void CloudSingleFileUploader::reportProgress()
 {
     const qint64 total = m_item->totalSize ? m_item->totalSize : 1;
     const qint64 value = 1 + m_inFlight + qint64(m_item->uploadedChunk) * m_item->chunkSize;
+    if (value == m_reported)
+        return; // nothing moved: a report would cost the host and the cache for nothing
     if (value > total) {
         m_item->bytesSent = total;
     } else if (value < m_item->bytesSent) {
@@ -333,16 +329,11 @@ void CloudSingleFileUploader::reportProgress()
     if (m_item->state != Upload::Aborted)
         UploadGlobal::instance()->noteProgress(m_item);
     qCDebug(ztLog) << "CloudSingleFileUploader::onUploadProgress 2: " << value << m_item->bytesSent << total;
+    m_reported = value;
     Q_EMIT progress(value, total);
 }
 
-void CloudSingleFileUploader::onFinished()
-{
-    auto *uploader = qobject_cast<CloudChunkUploader *>(sender());
-    chunkFinished(uploader ? uploader->item() : QSharedPointer<ChunkItem>());
-}
-
-void CloudSingleFileUploader::chunkFinished(const QSharedPointer<ChunkItem> &chunk)
+void CloudSingleFileUploader::onFinished(const QSharedPointer<ChunkItem> &chunk)
 {
     if (!m_item)
         return;

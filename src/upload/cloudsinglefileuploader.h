@@ -49,8 +49,9 @@ Q_SIGNALS:
     void errorOccurred(ZTErrorCode error);
 
 public Q_SLOTS:
-    void onFinished();
-    void onUploadProgress(qlonglong bytesSent, qlonglong bytesTotal);
+    // The chunk whose uploader reported travels in the connection.
+    void onFinished(const QSharedPointer<ChunkItem> &chunk);
+    void onUploadProgress(const QSharedPointer<ChunkItem> &chunk);
     void onErrorOccurred(ZTErrorCode error);
 
 private:
@@ -64,12 +65,11 @@ private:
     ZTErrorCode prepareChunks();
     bool launchChunks();
     void finishUpload();
-    void chunkProgressed(const QSharedPointer<ChunkItem> &chunk);
-    void chunkFinished(const QSharedPointer<ChunkItem> &chunk);
     void reportProgress();
     void writeCache();
 
     QSharedPointer<FileItem> m_item;
+    qint64 m_reported = -1; // the figure of the last progress report
     QList<QSharedPointer<CloudChunkUploader>> m_chunkUploaders;
     int m_runs = 0;
     int m_run = 0; // which start() is under way; a wait of an earlier one is over when it returns

@@ -170,12 +170,13 @@ void CloudUploader::onUploadProgress(int precent)
         return;
     }
     qCDebug(ztLog) << "CloudUploader::onUploadProgress 3 : " << precent;
-    const qint64 total = m_totalSize;
-    const qint64 sent = m_sent;
-    if (total != 0)
-        Q_EMIT progress(qMin(sent, total), total);
-    else
-        Q_EMIT progress(qMin<qint64>(sent, 1), 1);
+    const qint64 total = m_totalSize != 0 ? m_totalSize : 1;
+    const qint64 sent = qMin(m_sent, total);
+    if (sent == m_reportedSent && total == m_reportedTotal)
+        return; // only a change goes out to the host
+    m_reportedSent = sent;
+    m_reportedTotal = total;
+    Q_EMIT progress(sent, total);
 }
 
 void CloudUploader::onFinished()

@@ -64,4 +64,6 @@ private:
     QSet<FileItem *> m_finished;          // items that reported finished in this run
     qint64 m_totalSize = 0;
     qint64 m_sent = 0;
+    qint64 m_reportedSent = -1;  // the figures of the last progress report
+    qint64 m_reportedTotal = -1;
 };

@@ -457,7 +457,8 @@ void tst_CloudSingleFileUploader::progressNeverGoesBack()
         chunks[i]->chunkSize = 50;
         chunks[i]->descriptor = {{"url", QStringLiteral("http://s/p?partNumber=%1").arg(i + 1)}};
         QVERIFY(parts[i].setItem(chunks[i]));
-        connect(&parts[i], &CloudChunkUploader::progress, &uploader, &CloudSingleFileUploader::onUploadProgress);
+        const QSharedPointer<ChunkItem> chunk = chunks[i];
+        connect(&parts[i], &CloudChunkUploader::progress, &uploader, [&uploader, chunk] { uploader.onUploadProgress(chunk); });
     }
     item->followPendingChunks(chunks);
     QSignalSpy progress(&uploader, &CloudSingleFileUploader::progress);
