@@ -54,8 +54,10 @@ configure: deps $(BUILD)/CMakeCache.txt
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
+# Last, the size of the tests against the code and the suite's time.
 test: build
-	cd $(BUILD) && ctest --output-on-failure --timeout 600
+	cd $(BUILD) && start=$$(date +%s) && ctest --output-on-failure --timeout 600 && \
+	  $(CURDIR)/tests/report-shape --suite-seconds $$(( $$(date +%s) - start ))
 
 test-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DZT_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug $(CMAKE_ARGS)
