@@ -2,6 +2,7 @@
 process where a test needs one, and a client of either. Tests may be async."""
 import asyncio
 import base64
+import contextlib
 import hashlib
 import inspect
 import json
@@ -12,7 +13,7 @@ import time
 
 import aiohttp
 import pytest
-from aiohttp.test_utils import TestClient, TestServer
+from aiohttp.test_utils import TestServer
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 from ztfileservice.launcher import ServiceProcess  # noqa: E402
@@ -48,7 +49,7 @@ def loop():
 class Client:
     """One client of the service at url: one loopback address, one token."""
 
-    def __init__(self, url, root, log, session, process=None):
+    def __init__(self, url, root, log, session=None, process=None):
         self.url, self.root, self.log, self.session, self.process = url, root, log, session, process
         self.host, self.port = url.rsplit("/", 1)[1].rsplit(":", 1)
 
@@ -127,41 +128,37 @@ async def raw_exchange(client, *pieces, gap=0.0, whole=True):
 
 
 @pytest.fixture
-def clients(loop):
-    """await clients(service, address=None, token=None): another client of that service; all are
-    closed after the test."""
-    sessions = []
-
-    async def client(url, root=None, log=None, address=None, token=None, tls=None, process=None, **options):
-        if isinstance(url, Client):
-            url, root, log, process = url.url, url.root, url.log, url.process
-        connector = aiohttp.TCPConnector(local_addr=(address, 0) if address else None, ssl=tls)
-        sessions.append(aiohttp.ClientSession(connector=connector, auto_decompress=False,
-                                              headers={"Authorization": "Bearer " + token} if token else {},
-                                              timeout=aiohttp.ClientTimeout(total=TIMEOUT), **options))
-        return Client(url, root, log, sessions[-1], process)
-    yield client
-    for session in sessions:
-        loop.run_until_complete(session.close())
+def exits(loop):
+    """What a test opened, closed after it."""
+    stack = contextlib.AsyncExitStack()
+    yield stack
+    loop.run_until_complete(stack.aclose())
 
 
 @pytest.fixture
-def serve(loop, tmp_path, caplog):
+def clients(exits):
+    """await clients(service, address=None, token=None): another client of that service."""
+    async def client(service, address=None, token=None, tls=None, **options):
+        connector = aiohttp.TCPConnector(local_addr=(address, 0) if address else None, ssl=tls)
+        session = aiohttp.ClientSession(connector=connector, auto_decompress=False, **options,
+                                        headers={"Authorization": "Bearer " + token} if token else {},
+                                        timeout=aiohttp.ClientTimeout(total=TIMEOUT))
+        exits.push_async_callback(session.close)
+        return Client(service.url, service.root, service.log, session, service.process)
+    return client
+
+
+@pytest.fixture
+def serve(exits, clients, tmp_path, caplog):
     """await serve(chunk_size=8, tokens=(), front=None, **store_options): the service in this process."""
     caplog.set_level(logging.INFO, logger="zt-fileservice")
-    started = []
 
     async def start(chunk_size=8, tokens=(), front=None, expires=86400, **store_options):
         store = Store(str(tmp_path / "root"), chunk_size, expires, **store_options)
-        test_client = TestClient(TestServer(make_app(FileService(store, tokens, front))), auto_decompress=False)
-        started.append((test_client, store))
-        await test_client.start_server()
-        url = "http://127.0.0.1:%d" % test_client.port
-        return Client(url, store.root, lambda: caplog.text, test_client.session)
-    yield start
-    for test_client, store in started:
-        loop.run_until_complete(test_client.close())
-        store.digests.shutdown()
+        exits.callback(store.digests.shutdown)
+        server = await exits.enter_async_context(TestServer(make_app(FileService(store, tokens, front))))
+        return await clients(Client("http://127.0.0.1:%d" % server.port, store.root, lambda: caplog.text))
+    return start
 
 
 @pytest.fixture
@@ -171,15 +168,11 @@ def service(loop, serve):
 
 
 @pytest.fixture
-def launch(tmp_path, clients):
+def launch(exits, clients, tmp_path):
     """await launch(*options, root=None, prefix=(), preexec_fn=None): the service as a child process."""
-    started = []
-
     async def start(*options, root=None, prefix=(), preexec_fn=None, tls=None):
-        log = str(tmp_path / ("service-%d.log" % len(started)))
-        started.append(ServiceProcess(root or str(tmp_path / "root"), log, options, prefix, preexec_fn))
-        process = started[-1].start()
-        return await clients(process.url, process.root, process.log, tls=tls, process=process)
-    yield start
-    for process in started:
-        process.stop()
+        log = str(tmp_path / ("service-%f.log" % time.monotonic()))
+        process = ServiceProcess(root or str(tmp_path / "root"), log, options, prefix, preexec_fn).start()
+        exits.callback(process.stop)
+        return await clients(Client(process.url, process.root, process.log, process=process), tls=tls)
+    return start

@@ -148,20 +148,17 @@ async def test_one_connection_carries_many_requests(service, clients):
     assert service.stored("n.bin") == b"12345678"
 
 
-@pytest.mark.parametrize("chunked", [False, True], ids=["length", "chunked"])
-async def test_oversized_json_body(service, chunked):
-    body = b'{"pad": "' + b" " * (2 << 20) + b'"}'
-    if chunked:
-        head, body = b"Transfer-Encoding: chunked", b"%x\r\n%s\r\n0\r\n\r\n" % (len(body), body)
-    else:
-        head = b"Content-Length: %d" % len(body)
-    # The service closes the connection after its 413.
-    answer = await raw_exchange(service, b"POST /download/pathList HTTP/1.1\r\nHost: h\r\n%s\r\n\r\n%s" % (head, body))
-    assert answer.startswith(b"HTTP/1.1 413 ")
+PAD = b'{"pad": "' + b" " * (2 << 20) + b'"}'
 
 
-@pytest.mark.parametrize("path", ["/upload/info", "/download", "/upload/part?uploadID=x&partNumber=1"])
-async def test_oversized_body_is_refused_before_it_is_sent(service, path):
-    answer = await raw_exchange(service, b"POST %s HTTP/1.1\r\nHost: h\r\nExpect: 100-continue\r\n"
-                                         b"Content-Length: %d\r\n\r\n" % (path.encode(), (8 << 20) + 1), whole=False)
-    assert answer.startswith(b"HTTP/1.1 413 ")
+@pytest.mark.parametrize("request_bytes, whole", [
+    (b"POST /download/pathList HTTP/1.1\r\nHost: h\r\nContent-Length: %d\r\n\r\n%s" % (len(PAD), PAD), True),
+    (b"POST /download/pathList HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n%x\r\n%s\r\n0\r\n\r\n"
+     % (len(PAD), PAD), True),
+    # Announced too large, refused before it is sent.
+    *((b"POST %s HTTP/1.1\r\nHost: h\r\nExpect: 100-continue\r\nContent-Length: %d\r\n\r\n" % (path, (8 << 20) + 1),
+       False) for path in (b"/upload/info", b"/download", b"/upload/part?uploadID=x&partNumber=1")),
+], ids=["length", "chunked", "info announced", "download announced", "part announced"])
+async def test_oversized_bodies_are_refused(service, request_bytes, whole):
+    # Whole: the service closes the connection after its 413.
+    assert (await raw_exchange(service, request_bytes, whole=whole)).startswith(b"HTTP/1.1 413 ")

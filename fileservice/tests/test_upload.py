@@ -63,23 +63,6 @@ async def test_part_refusals(service, query, headers, body, status):
     assert [part_number(c) for c in again] == [1, 2] and "bytesSent" not in again[1]
 
 
-# Parts of 8 bytes are checked in memory; parts of 3 MiB are written as they
-# come, in place where nothing of the part is held yet, through a scratch file
-# where something is.
-@pytest.mark.parametrize("chunk", [8, 3 << 20], ids=["in memory", "in place"])
-async def test_a_refused_body_leaves_the_part_as_it_was(serve, chunk):
-    service = await serve(chunk_size=chunk)
-    content = os.urandom(2 * chunk)
-    first, second = (await service.info("m.bin", 2 * chunk))["uploadInfo"]["chunks"]
-    assert await service.send_part(first, content[:chunk]) == 200
-    # The same part again, other bytes with a digest that does not match them.
-    assert await service.send_part(first, os.urandom(chunk), md5_header(content[:chunk])) == 400
-    # A part not held yet: bytes that fail their digest, then the right ones.
-    assert await service.send_part(second, os.urandom(chunk), md5_header(content[chunk:])) == 400
-    assert await service.send_part(second, content[chunk:]) == 200
-    assert (await service.complete("m.bin"))[0] == "success" and service.stored("m.bin") == content
-
-
 async def cut_body(service, chunk, data, declared):
     """Sends the first len(data) bytes of a body of `declared` bytes, drops the
     connection, and waits until the service has dealt with the cut."""
@@ -94,39 +77,32 @@ async def cut_body(service, chunk, data, declared):
     await until(lambda: service.log().count("(cut short)") > cuts, "the service did not notice the cut")
 
 
-async def test_part_resumes_from_its_tail(service):
-    content = os.urandom(24)
-    chunks = (await service.info("t.bin", 24))["uploadInfo"]["chunks"]
+# A small body is checked in memory; a large one is written as it comes, in
+# place where nothing of the part is held yet, through a scratch file where something is.
+@pytest.mark.parametrize("chunk, cut", [(8, 5), (3 << 20, 3 << 19)], ids=["in memory", "in place"])
+async def test_part_resumes_from_its_tail(serve, chunk, cut):
+    service = await serve(chunk_size=chunk)
+    content = os.urandom(3 * chunk)
+    chunks = (await service.info("t.bin", 3 * chunk))["uploadInfo"]["chunks"]
 
     async def wanted():
-        return [(part_number(c), c.get("bytesSent")) for c in (await service.info("t.bin", 24))["uploadInfo"]["chunks"]]
-    # A body cut after five bytes is kept that far ...
-    await cut_body(service, chunks[0], content[:5], 8)
-    assert await wanted() == [(1, 5), (2, None), (3, None)]
+        return [(part_number(c), c.get("bytesSent")) for c in (await service.info("t.bin", 3 * chunk))["uploadInfo"]["chunks"]]
+    # A body cut short is kept as far as it came ...
+    await cut_body(service, chunks[0], content[:cut], chunk)
+    held = (await wanted())[0][1]
+    assert 0 < held <= cut and await wanted() == [(1, held), (2, None), (3, None)]
     # ... a tail whose digest does not match changes nothing ...
-    assert await service.send_part(chunks[0], b"XYZ", md5_header(content[5:8])) == 400
-    assert await wanted() == [(1, 5), (2, None), (3, None)]
-    # ... and the tail goes in after the bytes held.
-    assert await service.send_part(chunks[0], content[5:8]) == 200
+    assert await service.send_part(chunks[0], os.urandom(chunk - held), md5_header(content[held:chunk])) == 400
+    assert await wanted() == [(1, held), (2, None), (3, None)]
+    # ... and the tail goes in after the bytes held; other bytes for the part then change nothing.
+    assert await service.send_part(chunks[0], content[held:chunk]) == 200
+    assert await service.send_part(chunks[0], os.urandom(chunk), md5_header(content[:chunk])) == 400
+    assert await service.send_part(chunks[2], os.urandom(chunk), md5_header(content[2 * chunk:])) == 400
     # A tail alone is not the part: part 2 is still wanted, with nothing held before it.
-    assert await service.send_part(chunks[1], content[13:16]) == 200
+    assert await service.send_part(chunks[1], content[chunk + 3:2 * chunk]) == 200
     assert await wanted() == [(2, None), (3, None)]
     assert await service.complete("t.bin") == ("fail", "illegalErr")
-    assert await service.upload("t.bin", content, 8) == ("success", {
-        "fileName": "t.bin", "fileSize": 24, "cdnURL": service.url + "/download?fileName=t.bin"})
-    assert service.stored("t.bin") == content
-
-
-async def test_a_large_part_cut_short_resumes_in_place(serve):
-    chunk = 3 << 20
-    service = await serve(chunk_size=chunk)
-    content = os.urandom(chunk)
-    (only,) = (await service.info("l.bin", chunk))["uploadInfo"]["chunks"]
-    await cut_body(service, only, content[:chunk // 2], chunk)
-    (resumed,) = (await service.info("l.bin", chunk))["uploadInfo"]["chunks"]
-    assert 0 < resumed["bytesSent"] <= chunk // 2
-    assert await service.send_part(resumed, content[resumed["bytesSent"]:]) == 200
-    assert (await service.complete("l.bin"))[0] == "success" and service.stored("l.bin") == content
+    assert (await service.upload("t.bin", content, chunk))[0] == "success" and service.stored("t.bin") == content
 
 
 async def test_part_sent_chunked(service):
@@ -139,13 +115,11 @@ async def test_part_sent_chunked(service):
     assert (await service.complete("c.bin"))[0] == "success" and service.stored("c.bin") == content
 
 
-async def test_missing_parts_refuse_completion(service):
+async def test_parts_lost_from_the_folder_are_asked_again(service):
     content = os.urandom(20)
     chunks = (await service.info("m.bin", 20))["uploadInfo"]["chunks"]
-    assert await service.send_part(chunks[0], content[:8]) == 200
-    assert await service.send_part(chunks[2], content[16:]) == 200
-    assert await service.complete("m.bin") == ("fail", "illegalErr")
-    assert [part_number(c) for c in (await service.info("m.bin", 20))["uploadInfo"]["chunks"]] == [2]
+    for number in (0, 2):
+        assert await service.send_part(chunks[number], content[number * 8:number * 8 + 8]) == 200
     # Bytes that vanished from the service's folder are asked for again.
     os.truncate(os.path.join(service.root, ".uploads", upload_id(chunks[0]), "data"), 16)
     assert await service.send_part(chunks[1], content[8:16]) == 200
