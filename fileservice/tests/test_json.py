@@ -74,10 +74,14 @@ async def test_token(serve, clients, method, path, body):
         assert status == 200 and b"authErr" not in answer
 
 
-async def test_list_and_delete(service):
+async def test_list_and_delete(service, tmp_path):
     for name, content in (("b.txt", b"bb"), ("a.txt", b"a"), (".hidden", b"h")):
         service.put_file(name, content)
     os.makedirs(os.path.join(service.root, "folder"))
+    # Links, to a file inside the root or out of it, are not stored files.
+    os.symlink(os.path.join(service.root, "b.txt"), os.path.join(service.root, "link.txt"))
+    (tmp_path / "outside.txt").write_bytes(b"secret")
+    os.symlink(tmp_path / "outside.txt", os.path.join(service.root, "out-link.txt"))
     await service.info("c.txt", 3)  # an upload session is not a stored file
     assert (await service.upload("d.txt", b"dddd", 8))[0] == "success"
 
@@ -87,6 +91,9 @@ async def test_list_and_delete(service):
     for entry in files:
         etag = (await service.request("GET", "/download?fileName=" + entry["fileName"]))[1]["ETag"]
         assert etag == '"%s"' % entry["etag"] and entry["modified"].endswith("Z")
+    for link in ("link.txt", "out-link.txt"):
+        assert await service.call("/delete", {"fileName": link}) == ("fail", "notExist")
+        assert os.path.islink(os.path.join(service.root, link))
 
     # "fileName" wins over "filename"; "filename" alone is enough.
     assert await service.call("/delete", {"fileName": "a.txt", "filename": "b.txt"}) == ("success", {"fileName": "a.txt"})
