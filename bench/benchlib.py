@@ -11,11 +11,13 @@ import signal
 import statistics
 import subprocess
 import sys
-import threading
 import time
 import urllib.request
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(ROOT, "fileservice"))
+from ztfileservice.launcher import ServiceProcess  # noqa: E402
+
 MIB = 1024 * 1024
 
 
@@ -23,31 +25,14 @@ def log(text):
     print(text, file=sys.stderr, flush=True)
 
 
-class Service:
+class Service(ServiceProcess):
     """The reference file service as a child process, on a free loopback port."""
 
     def __init__(self, root, logfile, chunk_size=None, options=()):
-        os.makedirs(root, exist_ok=True)
-        command = ["/usr/bin/python3", os.path.join(ROOT, "fileservice", "zt-fileservice"),
-                   "--root", root, "--host", "127.0.0.1", "--port", "0"]
-        if chunk_size:
-            command += ["--chunk-size", str(chunk_size)]
-        command += list(options)
-        self.root = root
+        chunk = ["--chunk-size", str(chunk_size)] if chunk_size else []
+        super().__init__(root, logfile, chunk + list(options))
         self.logfile = logfile
-        self.log = open(logfile, "ab")
-        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=self.log)
-        line = self.process.stdout.readline().decode().strip()
-        if not line.startswith("http://"):
-            self.stop()
-            raise RuntimeError("file service did not start: %r (see %s)" % (line, logfile))
-        self.url = line
-        # Whatever it prints later must not fill the pipe.
-        threading.Thread(target=self._drain, daemon=True).start()
-
-    def _drain(self):
-        for _ in self.process.stdout:
-            pass
+        self.start()
 
     def post(self, path, body):
         request = urllib.request.Request(self.url + path, data=json.dumps(body).encode(),
@@ -57,16 +42,6 @@ class Service:
         if reply.get("status") != "success":
             raise RuntimeError("%s answered %r" % (path, reply))
         return reply["result"]
-
-    def stop(self):
-        if self.process.poll() is None:
-            self.process.terminate()
-            try:
-                self.process.wait(10)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait(10)
-        self.log.close()
 
 
 def parse_time(path):

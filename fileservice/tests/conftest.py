@@ -1,117 +1,89 @@
-"""The file service as a subprocess on loopback, and small clients for it."""
+"""The file service in this process (aiohttp's test server) or as a child
+process where a test needs one, and a client of either. Tests may be async."""
+import asyncio
 import base64
-import copy
+import contextlib
 import hashlib
-import http.client
+import inspect
 import json
+import logging
 import os
-import resource
-import select
-import shutil
-import signal
-import ssl
-import subprocess
-import tempfile
+import sys
 import time
-from urllib.parse import urlsplit
 
+import aiohttp
 import pytest
+from aiohttp.test_utils import TestServer
 
-SERVICE = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "zt-fileservice")
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from ztfileservice.launcher import ServiceProcess  # noqa: E402
+from ztfileservice.server import FileService, make_app  # noqa: E402
+from ztfileservice.store import Store  # noqa: E402
+
 TIMEOUT = 20  # seconds any single wait may take
 IDENTIFIER = "0123456789abcdef0123456789abcdef"
 
 
-class Service:
-    def __init__(self, root, log_path, options, prefix=(), descriptors=None):
-        self.root = root
-        self.log_path = log_path
-        self.options = list(options)
-        self.prefix = list(prefix)          # a command the service runs under
-        self.descriptors = descriptors      # (soft, hard) limit of open files
-        self.process = None
-        self.url = None
-        self.source = None                  # the address requests come from
-        self.headers = {}                   # sent with every request
-        self.tls = None
+@pytest.hookimpl(tryfirst=True)
+def pytest_pyfunc_call(pyfuncitem):
+    if not inspect.iscoroutinefunction(pyfuncitem.obj):
+        return None
+    arguments = {name: pyfuncitem.funcargs[name] for name in inspect.signature(pyfuncitem.obj).parameters}
+    pyfuncitem.funcargs["loop"].run_until_complete(asyncio.wait_for(pyfuncitem.obj(**arguments), 3 * TIMEOUT))
+    return True
 
-    def start(self):
-        os.makedirs(self.root, exist_ok=True)
-        limit = self.descriptors and (lambda: resource.setrlimit(resource.RLIMIT_NOFILE, self.descriptors))
-        with open(self.log_path, "ab") as log:
-            self.process = subprocess.Popen(
-                [*self.prefix, "/usr/bin/python3", "-B", SERVICE, "--root", self.root, "--port", "0",
-                 *self.options], stdout=subprocess.PIPE, stderr=log, preexec_fn=limit or None)
-        line, deadline = b"", time.monotonic() + TIMEOUT
-        fd = self.process.stdout.fileno()
-        while not line.endswith(b"\n"):
-            remaining = deadline - time.monotonic()
-            if remaining <= 0 or not select.select([fd], [], [], remaining)[0]:
-                break
-            piece = os.read(fd, 256)
-            if not piece:
-                break
-            line += piece
-        self.url = line.decode(errors="replace").strip()
-        if not self.url.startswith(("http://127.0.0.1:", "https://127.0.0.1:")):
-            self.stop()
-            raise AssertionError("service did not start (%r): %s" % (self.url, self.log()))
-        parts = urlsplit(self.url)
-        self.host, self.port = parts.hostname, parts.port
-        if parts.scheme == "https":
-            self.tls = ssl.create_default_context(cafile=self.options[self.options.index("--tls-cert") + 1])
-        return self
 
-    def client(self, address=None, token=None):
-        """The same service as seen by another client: from another loopback
-        address, with a token."""
-        other = copy.copy(self)
-        other.source = address
-        other.headers = {"Authorization": "Bearer " + token} if token else {}
-        return other
+@pytest.fixture(autouse=True)
+def loop():
+    loop = asyncio.new_event_loop()
+    yield loop
+    # Connections a test left open (a lingering body, a client gone quiet) end with it.
+    async def end(tasks):
+        for task in tasks:
+            task.cancel()
+        await asyncio.gather(*tasks, return_exceptions=True)
+    loop.run_until_complete(end(asyncio.all_tasks(loop)))
+    loop.close()
 
-    def stop(self, signum=signal.SIGTERM):
-        """Stops the service; returns its exit code."""
-        if self.process is None:
-            return None
-        if self.process.poll() is None:
-            self.process.send_signal(signum)
-            try:
-                self.process.wait(timeout=TIMEOUT)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait(timeout=TIMEOUT)
-        self.process.stdout.close()
-        return self.process.returncode
 
-    def log(self):
-        with open(self.log_path, "rb") as f:
-            return f.read().decode(errors="replace")
+class Client:
+    """One client of the service at url: one loopback address, one token."""
 
-    def connect(self):
-        source = (self.source, 0) if self.source else None
-        if self.tls:
-            return http.client.HTTPSConnection(self.host, self.port, timeout=TIMEOUT,
-                                               source_address=source, context=self.tls)
-        return http.client.HTTPConnection(self.host, self.port, timeout=TIMEOUT, source_address=source)
+    def __init__(self, url, root, log, session=None, process=None):
+        self.url, self.root, self.log, self.session, self.process = url, root, log, session, process
+        self.host, self.port = url.rsplit("/", 1)[1].rsplit(":", 1)
 
-    def request(self, method, path, body=None, headers=None):
-        """One request on a fresh connection: (status, headers, body)."""
-        connection = self.connect()
-        try:
-            connection.request(method, path, body=body, headers=dict(self.headers, **(headers or {})))
-            response = connection.getresponse()
-            return response.status, response.headers, response.read()
-        finally:
-            connection.close()
+    async def request(self, method, path, body=None, headers=None):
+        """(status, headers, body)"""
+        async with self.session.request(method, self.url + path, data=body, headers=headers) as answer:
+            return answer.status, answer.headers, await answer.read()
 
-    def call(self, path, body, headers=None):
+    async def call(self, path, body, headers=None):
         """A JSON endpoint: (status word, result)."""
-        raw = body if isinstance(body, bytes) else json.dumps(body).encode()
-        status, _, data = self.request("POST", path, raw, headers)
+        status, _, data = await self.request("POST", path, body if isinstance(body, bytes) else json.dumps(body), headers)
         assert status == 200, data
         answer = json.loads(data)
         return answer["status"], answer["result"]
+
+    async def info(self, name, size, identifier=IDENTIFIER):
+        status, result = await self.call("/upload/info", {"fileName": name, "fileMD5": identifier, "fileSize": size})
+        assert status == "success", result
+        return result
+
+    async def send_part(self, chunk, data, md5=None):
+        """Posts data to a chunk descriptor's url with its headers, as the plugin does; the status."""
+        headers = dict(chunk["headers"], fileMD5=md5 or md5_header(data), **{"Content-Type": "application/json"})
+        return (await self.request("POST", chunk["url"][len(self.url):], data, headers))[0]
+
+    async def upload(self, name, content, chunk_size, identifier=IDENTIFIER):
+        """Sends every part info asks for and completes: (status word, result)."""
+        for chunk in (await self.info(name, len(content), identifier))["uploadInfo"]["chunks"]:
+            number = part_number(chunk)
+            assert await self.send_part(chunk, content[(number - 1) * chunk_size:number * chunk_size]) == 200
+        return await self.complete(name, identifier)
+
+    async def complete(self, name, identifier=IDENTIFIER):
+        return await self.call("/upload/complete", {"fileName": name, "fileMD5": identifier})
 
     def put_file(self, name, content):
         with open(os.path.join(self.root, name), "wb") as f:
@@ -121,40 +93,9 @@ class Service:
         with open(os.path.join(self.root, name), "rb") as f:
             return f.read()
 
-    # Uploads
-
-    def info(self, name, size, identifier=IDENTIFIER):
-        status, result = self.call("/upload/info", {"fileName": name, "fileMD5": identifier,
-                                                    "fileSize": size, "contentType": "x/y"})
-        assert status == "success", result
-        return result
-
-    def send_part(self, chunk, data, md5=None, headers=None):
-        """Posts data to a chunk descriptor's url with its headers; returns the status."""
-        sent = dict(chunk["headers"])
-        sent["fileMD5"] = md5 if md5 is not None else md5_header(data)
-        sent["Content-Type"] = "application/json"  # what the plugin sends, whatever the bytes
-        sent.update(headers or {})
-        return self.request("POST", path_of(self, chunk["url"]), data, sent)[0]
-
-    def upload(self, name, content, chunk_size, identifier=IDENTIFIER):
-        """Sends every part info asks for and completes: (status word, result)."""
-        for chunk in self.info(name, len(content), identifier)["uploadInfo"]["chunks"]:
-            number = part_number(chunk)
-            piece = content[(number - 1) * chunk_size:number * chunk_size]
-            assert self.send_part(chunk, piece) == 200
-        return self.complete(name, identifier)
-
-    def complete(self, name, identifier=IDENTIFIER):
-        return self.call("/upload/complete", {"fileName": name, "fileMD5": identifier})
-
 
 def md5_header(data):
     return base64.b64encode(hashlib.md5(data).digest()).decode()
-
-
-def sha256(data):
-    return hashlib.sha256(data).hexdigest()
 
 
 def repr_digest(data):
@@ -165,48 +106,73 @@ def part_number(chunk):
     return int(chunk["url"].rsplit("partNumber=", 1)[1])
 
 
-def path_of(service, url):
-    assert url.startswith(service.url), url
-    return url[len(service.url):]
+async def until(condition, what):
+    """Waits, TIMEOUT at most, until condition() is true."""
+    deadline = time.monotonic() + TIMEOUT
+    while not condition():
+        assert time.monotonic() < deadline, what
+        await asyncio.sleep(0.02)
 
 
-@pytest.fixture
-def scratch():
-    folder = tempfile.mkdtemp(prefix="zt-fileservice-test-")
-    yield folder
-    shutil.rmtree(folder, ignore_errors=True)
-
-
-@pytest.fixture
-def make_service(scratch):
-    """make_service(*options, root=None, prefix=(), descriptors=None): a started
-    service, stopped after the test."""
-    started = []
-
-    def make(*options, root=None, prefix=(), descriptors=None):
-        log = os.path.join(scratch, "service-%d.log" % len(started))
-        service = Service(root or os.path.join(scratch, "root"), log, options, prefix, descriptors)
-        started.append(service)
-        return service.start()
-    yield make
-    for service in started:
-        service.stop()
-
-
-@pytest.fixture
-def service(make_service):
-    """A service with 8-byte parts."""
-    return make_service("--chunk-size", "8")
-
-
-@pytest.fixture(scope="module")
-def shared():
-    """One service for a module's tests that change nothing it stores."""
-    folder = tempfile.mkdtemp(prefix="zt-fileservice-test-")
-    service = Service(os.path.join(folder, "root"), os.path.join(folder, "service.log"),
-                      ["--chunk-size", "8"])
+async def raw_exchange(client, *pieces, gap=0.0, whole=True):
+    """Sends pieces on one connection, gap seconds apart; what comes back until the service closes
+    it, or only the first line."""
+    reader, writer = await asyncio.open_connection(client.host, int(client.port))
     try:
-        yield service.start()
+        for piece in pieces:
+            await asyncio.sleep(gap if piece is not pieces[0] else 0)
+            writer.write(piece)
+        return await asyncio.wait_for(reader.read() if whole else reader.readline(), TIMEOUT)
     finally:
-        service.stop()
-        shutil.rmtree(folder, ignore_errors=True)
+        writer.close()
+
+
+@pytest.fixture
+def exits(loop):
+    """What a test opened, closed after it."""
+    stack = contextlib.AsyncExitStack()
+    yield stack
+    loop.run_until_complete(stack.aclose())
+
+
+@pytest.fixture
+def clients(exits):
+    """await clients(service, address=None, token=None): another client of that service."""
+    async def client(service, address=None, token=None, tls=None, **options):
+        connector = aiohttp.TCPConnector(local_addr=(address, 0) if address else None, ssl=tls)
+        session = aiohttp.ClientSession(connector=connector, auto_decompress=False, **options,
+                                        headers={"Authorization": "Bearer " + token} if token else {},
+                                        timeout=aiohttp.ClientTimeout(total=TIMEOUT))
+        exits.push_async_callback(session.close)
+        return Client(service.url, service.root, service.log, session, service.process)
+    return client
+
+
+@pytest.fixture
+def serve(exits, clients, tmp_path, caplog):
+    """await serve(chunk_size=8, tokens=(), front=None, **store_options): the service in this process."""
+    caplog.set_level(logging.INFO, logger="zt-fileservice")
+
+    async def start(chunk_size=8, tokens=(), front=None, expires=86400, **store_options):
+        store = Store(str(tmp_path / "root"), chunk_size, expires, **store_options)
+        exits.callback(store.digests.shutdown)
+        server = await exits.enter_async_context(TestServer(make_app(FileService(store, tokens, front))))
+        return await clients(Client("http://127.0.0.1:%d" % server.port, store.root, lambda: caplog.text))
+    return start
+
+
+@pytest.fixture
+def service(loop, serve):
+    """The service in this process with 8-byte parts."""
+    return loop.run_until_complete(serve())
+
+
+@pytest.fixture
+def launch(exits, clients, tmp_path):
+    """await launch(*options, root=None, prefix=(), preexec_fn=None): the service as a child process."""
+    async def start(*options, root=None, prefix=(), preexec_fn=None, tls=None):
+        log = str(tmp_path / ("service-%f.log" % time.monotonic()))
+        process = ServiceProcess(root or str(tmp_path / "root"), log, options, prefix, preexec_fn).start()
+        exits.callback(process.stop)
+        return await clients(Client(process.url, process.root, process.log, process=process), tls=tls)
+    return start

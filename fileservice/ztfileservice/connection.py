@@ -1,11 +1,12 @@
 """Client connections: none is held open by a client that has gone quiet, and a
 malformed request costs one log line."""
+import asyncio
 import errno
 import logging
 import resource
 
 from aiohttp.http_exceptions import HttpProcessingError
-from aiohttp.web_protocol import RequestHandler
+from aiohttp.web import RequestHandler
 
 log = logging.getLogger("zt-fileservice")
 
@@ -16,7 +17,7 @@ class ServiceConnection(RequestHandler):
     while a request's head is still arriving, so a client that sends half a
     request and goes quiet is let go too.
 
-    A body that stops arriving is bounded by the handlers (FileService.read_body).
+    A body that stops arriving is bounded by the handlers (FileService.quiet_bound).
     """
 
     def __init__(self, manager, *, idle_timeout, **kwargs):
@@ -30,7 +31,7 @@ class ServiceConnection(RequestHandler):
 
     def connection_made(self, transport):
         super().connection_made(transport)
-        self._first_request_due = self._loop.call_later(self.idle_timeout, self._close_if_no_request)
+        self._first_request_due = asyncio.get_running_loop().call_later(self.idle_timeout, self._close_if_no_request)
 
     def connection_lost(self, exc):
         if self._first_request_due is not None:
@@ -38,7 +39,7 @@ class ServiceConnection(RequestHandler):
         super().connection_lost(exc)
 
     def _close_if_no_request(self):
-        # The count goes up once a request's head is complete.
+        # aiohttp counts a connection's requests, once a head is complete, only in this private field.
         if self._request_count == 0:
             self.force_close()
 

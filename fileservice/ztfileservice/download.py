@@ -4,7 +4,6 @@ import logging
 import os
 
 from aiohttp import hdrs, web
-from aiohttp.helpers import parse_http_date
 
 from .digests import etag_of
 
@@ -91,7 +90,7 @@ class StoredFileResponse(web.StreamResponse):
         if_range = request.headers.get(hdrs.IF_RANGE)
         if if_range is None:
             return True
-        date = parse_http_date(if_range)
+        date = request.if_range   # the header read as a date, None when it is an entity tag
         if date is not None:
             return self._st.st_mtime <= date.timestamp()
         return if_range.strip() == '"%s"' % self._tag

@@ -2,6 +2,7 @@
 import argparse
 import asyncio
 import base64
+import contextlib
 import errno
 import hashlib
 import hmac
@@ -208,14 +209,26 @@ class FileService:
         who = "%s\n%s" % (request.headers.get("Authorization", ""), self.front.client_address(request))
         return hashlib.sha256(who.encode("utf-8", "surrogateescape")).hexdigest()[:32]
 
-    def bound_quiet(self, quiet):
-        """Before each read of a body: moves the deadline of the asyncio.timeout
-        quiet so that the body may bring nothing for idle_timeout seconds, and
-        at most a quarter more. It moves at most four times in that span, not
-        for every piece: from a slow client a piece is a few KiB."""
-        now = asyncio.get_running_loop().time()
-        if quiet.when() is None or quiet.when() - now < self.idle_timeout:
-            quiet.reschedule(now + self.idle_timeout * 1.25)
+    @contextlib.asynccontextmanager
+    async def quiet_bound(self, request):
+        """Cuts the reading of the body (TimeoutError) once it has brought
+        nothing for idle_timeout seconds, at most a quarter more: the bytes
+        that arrived are looked at four times in that span, not at every
+        piece, from a slow client a piece is a few KiB."""
+        loop, stream, span = asyncio.get_running_loop(), request.content, self.idle_timeout
+        seen = stream.total_bytes
+        async with asyncio.timeout_at(loop.time() + span) as quiet:
+            def look():
+                nonlocal seen, watch
+                if stream.total_bytes != seen:
+                    seen = stream.total_bytes
+                    quiet.reschedule(loop.time() + span)
+                watch = loop.call_later(span / 4, look)
+            watch = loop.call_later(span / 4, look)
+            try:
+                yield
+            finally:
+                watch.cancel()
 
     # JSON endpoints
 
@@ -234,23 +247,15 @@ class FileService:
         """The body as a JSON object; {} for an empty body."""
         if request.content_length is not None and request.content_length > JSON_BODY_LIMIT:
             raise too_large(JSON_BODY_LIMIT, request.content_length)
-        pieces, size = [], 0
         try:
-            async with asyncio.timeout(None) as quiet:
-                while True:
-                    self.bound_quiet(quiet)
-                    piece = await request.content.read(READ_SIZE)  # whatever has arrived, up to that
-                    if not piece:
-                        break
-                    size += len(piece)
-                    if size > JSON_BODY_LIMIT:
-                        raise too_large(JSON_BODY_LIMIT, size)
-                    pieces.append(piece)
+            async with self.quiet_bound(request):
+                raw = await request.read()   # at most the application's client_max_size
+        except web.HTTPRequestEntityTooLarge:
+            raise too_large(JSON_BODY_LIMIT, request.content.total_bytes)
         except TimeoutError:
             raise timed_out()
         except HttpProcessingError as error:
             raise malformed(request, error)
-        raw = b"".join(pieces)
         if not raw.strip():
             return {}
         try:
@@ -486,9 +491,8 @@ class FileService:
             out, path, held = session.open_in_place(place), IN_PLACE, None
         try:
             try:
-                async with asyncio.timeout(None) as quiet:
+                async with self.quiet_bound(request):
                     while received < limit:
-                        self.bound_quiet(quiet)
                         piece = await request.content.read(min(READ_SIZE, limit - received))
                         if not piece:
                             break
@@ -547,6 +551,13 @@ class FileService:
         })
 
 
+def make_app(service):
+    # request.read() refuses a body of client_max_size bytes or more.
+    app = web.Application(client_max_size=JSON_BODY_LIMIT + 1)
+    app.add_routes(service.routes())
+    return app
+
+
 def parse_arguments(argv):
     parser = argparse.ArgumentParser(prog="zt-fileservice",
                                      description="Reference file service for ztServer.")
@@ -596,8 +607,7 @@ async def serve(args):
     os.makedirs(args.root, exist_ok=True)
     store = Store(args.root, args.chunk_size, args.expires, args.session_idle, args.max_sessions)
     service = FileService(store, args.token, Front(args.public_url, args.trusted_proxy), args.idle_timeout)
-    app = web.Application()
-    app.add_routes(service.routes())
+    app = make_app(service)
     runner = web.AppRunner(app, access_log=None)
     await runner.setup()
     loop = asyncio.get_running_loop()

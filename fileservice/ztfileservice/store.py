@@ -165,9 +165,10 @@ class InPlaceWriter:
 class Session:
     """One upload: a file of fileSize bytes cut into parts of chunkSize bytes."""
 
-    def __init__(self, folder, data):
+    def __init__(self, folder, data, clock=time.time):
         self.folder = folder
         self.data = data
+        self.clock = clock
         # Held while parts are put in place or the session is completed.
         self.lock = asyncio.Lock()
         self._part_locks = {}
@@ -199,7 +200,7 @@ class Session:
         return self.data.get("touched", self.data["created"])
 
     def touch(self):
-        self.data["touched"] = time.time()
+        self.data["touched"] = self.clock()
 
     def part_count(self):
         size, chunk = self.data["fileSize"], self.data["chunkSize"]
@@ -237,11 +238,11 @@ class Session:
 
     def seconds_left(self, now=None):
         """What the session has left to live: its whole lifetime when it is new."""
-        now = time.time() if now is None else now
+        now = self.clock() if now is None else now
         return max(0, math.ceil(self.data["created"] + self.data["expires"] - now))
 
     def expired(self, now=None):
-        now = time.time() if now is None else now
+        now = self.clock() if now is None else now
         return now > self.data["created"] + self.data["expires"]
 
     def _count(self, number, start, end):
@@ -339,8 +340,9 @@ class Session:
 
 
 class Store:
-    def __init__(self, root, chunk_size, expires, session_idle=3600, max_sessions=1000):
+    def __init__(self, root, chunk_size, expires, session_idle=3600, max_sessions=1000, clock=time.time):
         self.root = os.path.abspath(root)
+        self.clock = clock   # seconds since the epoch; tests pass one they can advance
         self.uploads = os.path.join(self.root, ".uploads")
         self.chunk_size = chunk_size
         self.expires = expires
@@ -400,7 +402,7 @@ class Store:
             if not self._usable(data, name):
                 shutil.rmtree(folder, ignore_errors=True)
                 continue
-            session = Session(folder, data)
+            session = Session(folder, data, self.clock)
             session.replay()
             for entry in os.listdir(folder):
                 if entry.startswith(INCOMING_PREFIX) or entry.startswith(".tmp-"):
@@ -408,15 +410,14 @@ class Store:
             self._attach(session)
         log.info("%d upload sessions taken up", len(self.sessions))
 
-    @staticmethod
-    def _usable(data, upload_id):
+    def _usable(self, data, upload_id):
         """Whether a session.json read back describes a live session of that folder."""
         try:
             return (data["uploadID"] == upload_id and isinstance(data["parts"], dict)
                     and data["fileSize"] >= 0 and data["chunkSize"] >= 1
                     and bool(data["token"]) and bool(data["identifier"])
                     and isinstance(data["client"], str) and isinstance(data["fileName"], str)
-                    and not Session(None, data).expired())
+                    and not Session(None, data, self.clock).expired())
         except (KeyError, TypeError):
             return False
 
@@ -518,7 +519,7 @@ class Store:
         second, so that a thousand open sessions do not make every request
         walk a thousand. A session found by its key or upload ID is checked
         on its own."""
-        now = time.time()
+        now = self.clock()
         if 0 <= now - self._swept < 1.0:
             return
         self._swept = now
@@ -548,7 +549,7 @@ class Store:
         upload_id = secrets.token_hex(16)
         folder = os.path.join(self.uploads, upload_id)
         os.makedirs(folder)
-        session = Session(folder, {
+        session = Session(folder, clock=self.clock, data={
             "uploadID": upload_id,
             "token": secrets.token_hex(16),
             "client": client,
@@ -557,7 +558,7 @@ class Store:
             "fileSize": size,
             "chunkSize": self.chunk_size,
             "expires": self.expires,
-            "created": time.time(),
+            "created": self.clock(),
             "parts": {},
         })
         session.save()
@@ -578,7 +579,7 @@ class Store:
         expires."""
         if needed <= shutil.disk_usage(self.root).free:
             return True
-        now = time.time()
+        now = self.clock()
         idle = sorted((session for session in self.sessions.values()
                        if session is not keep and not session.lock.locked()
                        and now - session.last_active() >= self.session_idle),
