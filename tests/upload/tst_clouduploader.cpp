@@ -1,0 +1,156 @@
+#include "plugin/globalmanager.h"
+#include "scriptedserver.h"
+#include "testenvironment.h"
+#include "upload/clouduploader.h"
+#include "upload/uploadglobal.h"
+#include "uploadservice.h"
+
+#include <zephyrtide/manager.h>
+
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+using Zephyrtide::Error;
+
+// A job of several files against a scripted upload service: one result per
+// file, progress summed over them, one outcome per run.
+class tst_CloudUploader : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void filesFinishOnceWithResults();
+    void refusedStarts();
+    void failingFileFailsJob();
+
+private:
+    QVariantList files(int count);
+
+    TestEnvironment m_environment;
+    QTemporaryDir m_dir;
+    QScopedPointer<ScriptedServer> m_server;
+    QScopedPointer<UploadService> m_service;
+    QScopedPointer<Zephyrtide::Manager> m_host;
+};
+
+void tst_CloudUploader::init()
+{
+    m_server.reset(new ScriptedServer);
+    QVERIFY(m_server->start());
+    m_service.reset(new UploadService(m_server.data()));
+    m_host.reset(new Zephyrtide::Manager);
+    GlobalManager::instance()->setManager(m_host.data());
+    GlobalManager::instance()->setFileServiceAddress(m_server->baseUrl());
+    UploadGlobal::instance()->setManager(m_host.data());
+    UploadGlobal::instance()->removeAll();
+}
+
+void tst_CloudUploader::cleanup()
+{
+    m_service.reset();
+    m_server.reset();
+    UploadGlobal::destroy();
+    GlobalManager::destroy();
+    m_host.reset();
+}
+
+// count files of 9, 10, 11, ... bytes, as the host lists them.
+QVariantList tst_CloudUploader::files(int count)
+{
+    QVariantList list;
+    for (int i = 0; i < count; ++i) {
+        QFile file(m_dir.filePath(QStringLiteral("f%1.bin").arg(i)));
+        if (!file.open(QIODevice::WriteOnly) || file.write(QByteArray(9 + i, char('a' + i))) != 9 + i)
+            return {};
+        list << QVariantMap{{"filePath", file.fileName()}, {"category", "mine"}, {"private", i % 2 == 1}};
+    }
+    return list;
+}
+
+void tst_CloudUploader::filesFinishOnceWithResults()
+{
+    const QVariantList given = files(3);
+    CloudUploader job;
+    QVERIFY(job.setFiles(given));
+    QSignalSpy progress(&job, &CloudUploader::progress);
+    QSignalSpy finished(&job, &CloudUploader::finished);
+    QSignalSpy error(&job, &CloudUploader::errorOccurred);
+    QVERIFY(job.start());
+    QVERIFY(finished.wait(10000));
+    QCOMPARE(finished.count(), 1);
+    QCOMPARE(error.count(), 0);
+    QCOMPARE(m_service->requestsTo("/upload/part").size(), 3 + 3 + 3); // 9, 10, 11 bytes in parts of 4
+
+    const QVariantList results = finished.first().first().toList();
+    QCOMPARE(results.size(), 3);
+    QStringList paths;
+    for (const QVariant &entry : results) {
+        const QVariantMap map = entry.toMap();
+        QCOMPARE(map.keys(), QStringList({"bucket", "category", "cdnURL", "contentType", "dfsID", "filePath",
+                                          "preview", "private"}));
+        QCOMPARE(map.value("category").toString(), QStringLiteral("Zephyrtide")); // the host's "mine" is overridden
+        QCOMPARE(map.value("dfsID").toString(), QStringLiteral("Zephyrtide"));
+        QCOMPARE(map.value("private").toBool(), map.value("filePath").toString().endsWith("f1.bin"));
+        paths << map.value("filePath").toString();
+    }
+    paths.sort();
+    QCOMPARE(paths, QStringList({given.at(0).toMap().value("filePath").toString(),
+                                 given.at(1).toMap().value("filePath").toString(),
+                                 given.at(2).toMap().value("filePath").toString()}));
+    // Summed over the files, never back, ending at the total.
+    qint64 last = 0;
+    for (const QList<QVariant> &report : qAsConst(progress)) {
+        QCOMPARE(report.at(1).toLongLong(), 30LL);
+        QVERIFY(report.at(0).toLongLong() >= last);
+        last = report.at(0).toLongLong();
+    }
+    QCOMPARE(last, 30LL);
+    // A finished job leaves nothing to resume.
+    QCOMPARE(UploadGlobal::instance()->readValue("uploadInfo").toMap().size(), 0);
+}
+
+void tst_CloudUploader::refusedStarts()
+{
+    CloudUploader job;
+    QSignalSpy error(&job, &CloudUploader::errorOccurred);
+    QVERIFY(!job.setFiles({}));
+    QVERIFY(!job.start());
+    QCOMPARE(error.takeFirst().first().value<ZTErrorCode>(), Error::ParseError);
+
+    m_service->holdParts = true;
+    QVERIFY(job.setFiles(files(1)));
+    QVERIFY(job.start());
+    QTRY_VERIFY_WITH_TIMEOUT(m_server->heldCount() > 0, 5000);
+    QVERIFY(job.start()); // accepted: it runs already
+    QCOMPARE(error.count(), 1);
+    QCOMPARE(error.first().first().value<ZTErrorCode>(), Error::AlreadyRunning);
+    QCOMPARE(job.state(), int(CloudUploader::Running));
+    m_server->release();
+}
+
+// A part fails: the job reports that failure, never finished(), and keeps the
+// file's session for a later run.
+void tst_CloudUploader::failingFileFailsJob()
+{
+    m_service->partStatus.insert(2, 500);
+    CloudUploader job;
+    QVERIFY(job.setFiles(files(2)));
+    QSignalSpy finished(&job, &CloudUploader::finished);
+    QSignalSpy error(&job, &CloudUploader::errorOccurred);
+    QVERIFY(job.start());
+    QVERIFY(error.wait(5000));
+    QCOMPARE(error.first().first().value<ZTErrorCode>(), ZTErrorCode(20480 + QNetworkReply::InternalServerError));
+    QCOMPARE(job.state(), int(CloudUploader::Failed));
+    // Every other part is answered; the job's later reports are failures too.
+    QTRY_COMPARE_WITH_TIMEOUT(error.count(), 2, 5000); // part 2 of each file
+    QCOMPARE(m_service->requestsTo("/upload/part").size(), 3 + 3);
+    QCOMPARE(finished.count(), 0);
+    QCOMPARE(m_service->requestsTo("/upload/complete").size(), 0);
+    QCOMPARE(UploadGlobal::instance()->readValue("uploadInfo").toMap().size(), 2);
+}
+
+QTEST_MAIN(tst_CloudUploader)
+#include "tst_clouduploader.moc"
