@@ -62,6 +62,11 @@ QByteArray FileServiceProcess::log()
     return m_log;
 }
 
+void FileServiceProcess::onLog(const std::function<void(const QByteArray &)> &seen)
+{
+    QObject::connect(&m_process, &QProcess::readyReadStandardError, [this, seen] { seen(log()); });
+}
+
 qint64 FileServiceProcess::partBytesReceived()
 {
     static const QRegularExpression line(QStringLiteral("part \\d+ of \\w+: (\\d+) bytes"));

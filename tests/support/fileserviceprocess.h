@@ -6,6 +6,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
+
 // The reference file service, run as a child process on loopback port 0 over a
 // folder of the test's. Stopped (or killed) on destruction. It is started
 // directly, or through a launcher that takes "--root R --port 0" and prints
@@ -28,6 +30,9 @@ public:
     QString root() const { return m_root; }
     // What the service wrote to stderr so far (one line per part received).
     QByteArray log();
+    // Calls seen with log() from the event loop whenever the service writes to
+    // its log, so that a test can act at once on a line (kill it, say).
+    void onLog(const std::function<void(const QByteArray &log)> &seen);
     // Bytes of part bodies the service received, from its log.
     qint64 partBytesReceived();
 
