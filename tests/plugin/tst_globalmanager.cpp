@@ -54,7 +54,6 @@ private Q_SLOTS:
     void initTestCase() { QStandardPaths::setTestModeEnabled(true); }
     void cleanup() { GlobalManager::destroy(); }
 
-    void instanceIsCreatedOnceAndDestroyed();
     void finishDeliversOnce();
     void failOnNullReplyLogs();
     void answerWords_data();
@@ -69,20 +68,6 @@ private Q_SLOTS:
     void requestOverHttp();
     void makePath();
 };
-
-void tst_GlobalManager::instanceIsCreatedOnceAndDestroyed()
-{
-    QCOMPARE(GlobalManager::existingInstance(), nullptr);
-    LogCapture log;
-    GlobalManager *first = GlobalManager::instance();
-    QCOMPARE(GlobalManager::instance(), first);
-    QCOMPARE(log.count(QStringLiteral("zephyrtide dll"), QtInfoMsg), 1);
-    QCOMPARE(QMetaType::type("ZTErrorCode"), qMetaTypeId<Error::ErrorCode>());
-    QCOMPARE(QMetaType::type("ZTHttpRequestType"), qMetaTypeId<Manager::HttpRequestType>());
-    QCOMPARE(QMetaType::type("ZTEncryptType"), qMetaTypeId<Manager::HttpEncryptType>());
-    GlobalManager::destroy();
-    QCOMPARE(GlobalManager::existingInstance(), nullptr);
-}
 
 void tst_GlobalManager::finishDeliversOnce()
 {

@@ -39,7 +39,6 @@ private Q_SLOTS:
     void sessionChoice();
     void resumedChunkSendsItsTail_data();
     void resumedChunkSendsItsTail();
-    void failingPartFailsFile();
     void finishedOncePerRun_data();
     void finishedOncePerRun();
     void progressNeverGoesBack();
@@ -309,31 +308,6 @@ void tst_CloudSingleFileUploader::resumedChunkSendsItsTail()
         QVERIFY2(sent >= last, qPrintable(QStringLiteral("%1 after %2").arg(sent).arg(last)));
         last = sent;
     }
-}
-
-void tst_CloudSingleFileUploader::failingPartFailsFile()
-{
-    auto item = makeItem(QByteArray(3000, 'q'));
-    QVERIFY(item);
-    m_service->info = m_service->session("f", 1000, {1, 2, 3});
-    m_service->partStatus.insert(2, 500);
-    CloudSingleFileUploader uploader;
-    uploader.setFileItem(item);
-    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
-    QSignalSpy error(&uploader, &CloudSingleFileUploader::errorOccurred);
-    QVERIFY(uploader.start());
-    QVERIFY(error.wait(5000));
-    QCOMPARE(error.first().first().value<ZTErrorCode>(), ZTErrorCode(20480 + QNetworkReply::InternalServerError));
-    // Parts 1 and 3 still finish; only the failed one stays pending.
-    QTRY_COMPARE_WITH_TIMEOUT(item->pendingChunks.size(), 1, 5000);
-    QCOMPARE(error.count(), 1);
-    QCOMPARE(finished.count(), 0);
-    QCOMPARE(item->state, Upload::Failed);
-    QCOMPARE(requestsTo("/upload/complete").size(), 0);
-    // The session stays cached, less the parts that went through.
-    const QVariantMap cached = UploadGlobal::instance()->getInfo(item->identifier);
-    QCOMPARE(cached.value("uploadInfo").toMap().value("uploadID").toString(), QStringLiteral("f"));
-    QVERIFY(cached.value("uploadInfo").toMap().value("chunks").toList().size() >= 1);
 }
 
 void tst_CloudSingleFileUploader::finishedOncePerRun_data()
