@@ -71,7 +71,7 @@ void tst_PluginLoader::destructorTearsDownManager()
     QCOMPARE(log.count(QStringLiteral("zephyrtide dll"), QtInfoMsg), 1);
     HostCall call(root, "zt_apply_fileList");
     call.wait();
-    QCOMPARE(call.errorCode(), int(Zephyrtide::Error::NoManager));
+    QCOMPARE(call.error(), Zephyrtide::Error::NoManager);
 }
 
 void tst_PluginLoader::slotsTheHostCalls_data()

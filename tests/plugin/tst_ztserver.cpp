@@ -173,28 +173,28 @@ void tst_ZTServer::deleteCopiesFilename()
 void tst_ZTServer::fileServiceFailures_data()
 {
     QTest::addColumn<ScriptedResponse>("response");
-    QTest::addColumn<int>("code");
-    QTest::newRow("fail answer") << ScriptedResponse::json(R"({"status":"fail","result":"notExist"})") << 20630;
+    QTest::addColumn<ZTErrorCode>("code");
+    QTest::newRow("fail answer") << ScriptedResponse::json(R"({"status":"fail","result":"notExist"})") << Error::GeneralFailure;
     QTest::newRow("answer with its own code")
-        << ScriptedResponse::json(R"({"status":"fail","result":"x","errorCode":20712})") << 20712;
-    QTest::newRow("500") << ScriptedResponse::json("{}", 500) << 20601;
-    QTest::newRow("404") << ScriptedResponse::json("{}", 404) << 20543;
+        << ScriptedResponse::json(R"({"status":"fail","result":"x","errorCode":20712})") << Error::NotExist;
+    QTest::newRow("500") << ScriptedResponse::json("{}", 500) << Error::InternalServerError;
+    QTest::newRow("404") << ScriptedResponse::json("{}", 404) << Error::ContentNotFound;
     ScriptedResponse dropped = ScriptedResponse::json(R"({"status":"success","result":"long enough"})");
     dropped.dropAfterBytes = 10;
-    QTest::newRow("connection dropped mid-answer") << dropped << 20481;
+    QTest::newRow("connection dropped mid-answer") << dropped << Error::RemoteHostClosed;
 }
 
 void tst_ZTServer::fileServiceFailures()
 {
     QFETCH(ScriptedResponse, response);
-    QFETCH(int, code);
+    QFETCH(ZTErrorCode, code);
     setAddress(m_server->baseUrl());
     m_server->enqueue(response);
     HostCall call(m_root.data(), "zt_apply_fileList");
     call.wait();
     QCOMPARE(call.finishedCount(), 1);
     QCOMPARE(call.result().value("status").toString(), QStringLiteral("fail"));
-    QCOMPARE(call.errorCode(), code);
+    QCOMPARE(call.error(), code);
     QVERIFY(!call.result().value("result").isValid());
 }
 
@@ -206,7 +206,7 @@ void tst_ZTServer::commandsWithoutManager()
     for (const char *slot : {"zt_apply_fileList", "zt_apply_delete"}) {
         HostCall call(&root, slot, {{"filename", "a"}});
         call.wait();
-        QCOMPARE(call.errorCode(), int(Error::NoManager));
+        QCOMPARE(call.error(), Error::NoManager);
     }
     QCOMPARE(m_server->requestCount(), 0);
 }
@@ -218,7 +218,7 @@ void tst_ZTServer::startDownloadRefusesEmptyList()
         HostCall call(m_root.data(), "zt_apply_startDownload", params);
         call.wait();
         QCOMPARE(call.finishedCount(), 1);
-        QCOMPARE(call.errorCode(), int(Error::ParseError));
+        QCOMPARE(call.error(), Error::ParseError);
     }
     QCOMPARE(log.count(QStringLiteral("files is empty"), QtCriticalMsg), 2);
 }

@@ -13,13 +13,21 @@ FileServiceProcess::~FileServiceProcess()
     stop();
 }
 
+void FileServiceProcess::setLauncher(const QString &program, const QStringList &arguments)
+{
+    m_program = program;
+    m_launcherArguments = arguments;
+}
+
 bool FileServiceProcess::start(int timeoutMs)
 {
-    const QString script = QStringLiteral(ZT_SOURCE_DIR "/fileservice/zt-fileservice");
-    m_process.start(QStringLiteral("/usr/bin/python3"),
-                    QStringList{QStringLiteral("-B"), script, QStringLiteral("--root"), m_root,
-                                QStringLiteral("--port"), QStringLiteral("0")}
-                        + m_options);
+    if (m_program.isEmpty())
+        setLauncher(QStringLiteral("/usr/bin/python3"),
+                    {QStringLiteral("-B"), QStringLiteral(ZT_SOURCE_DIR "/fileservice/zt-fileservice")});
+    m_process.start(m_program, m_launcherArguments
+                                   + QStringList{QStringLiteral("--root"), m_root, QStringLiteral("--port"),
+                                                 QStringLiteral("0")}
+                                   + m_options);
     if (!m_process.waitForStarted(timeoutMs))
         return false;
     while (!m_process.canReadLine()) {
@@ -52,6 +60,11 @@ QByteArray FileServiceProcess::log()
 {
     m_log += m_process.readAllStandardError();
     return m_log;
+}
+
+void FileServiceProcess::onLog(const std::function<void(const QByteArray &)> &seen)
+{
+    QObject::connect(&m_process, &QProcess::readyReadStandardError, [this, seen] { seen(log()); });
 }
 
 qint64 FileServiceProcess::partBytesReceived()

@@ -35,6 +35,7 @@ public:
     QVariantMap result() const { return m_results.value(0); }
     int finishedCount() const { return m_results.size(); }
     int errorCode() const;
+    Zephyrtide::Error::ErrorCode error() const { return Zephyrtide::Error::ErrorCode(errorCode()); }
     bool succeeded() const;
 
     QList<QPair<qint64, qint64>> progress; // download or upload progress, as emitted

@@ -2,18 +2,30 @@
 
 namespace {
 LogCapture *s_current = nullptr;
+QLoggingCategory::CategoryFilter s_previousFilter = nullptr;
+const QLatin1String PluginCategory("zephyrtide.dll");
 }
 
 LogCapture::LogCapture()
 {
     s_current = this;
     m_previous = qInstallMessageHandler(&LogCapture::handler);
+    m_previousFilter = s_previousFilter = QLoggingCategory::installFilter(&LogCapture::filter);
 }
 
 LogCapture::~LogCapture()
 {
+    QLoggingCategory::installFilter(m_previousFilter); // back to the rules the test runs with
     qInstallMessageHandler(m_previous);
     s_current = nullptr;
+}
+
+void LogCapture::filter(QLoggingCategory *category)
+{
+    if (s_previousFilter)
+        s_previousFilter(category);
+    if (PluginCategory == QLatin1String(category->categoryName()))
+        category->setEnabled(QtDebugMsg, true);
 }
 
 void LogCapture::handler(QtMsgType type, const QMessageLogContext &context, const QString &message)
@@ -35,27 +47,25 @@ QList<LogCapture::Line> LogCapture::lines() const
     return m_lines;
 }
 
-int LogCapture::count(const QString &text, QtMsgType type) const
+int LogCapture::countLines(const QString &text, const QtMsgType *type) const
 {
     QMutexLocker locker(&m_mutex);
     int n = 0;
     for (const Line &line : m_lines) {
-        if (line.type == type && line.category == QLatin1String("zephyrtide.dll")
-            && line.message.contains(text))
+        if ((!type || line.type == *type) && line.category == PluginCategory && line.message.contains(text))
             ++n;
     }
     return n;
 }
 
+int LogCapture::count(const QString &text, QtMsgType type) const
+{
+    return countLines(text, &type);
+}
+
 int LogCapture::count(const QString &text) const
 {
-    QMutexLocker locker(&m_mutex);
-    int n = 0;
-    for (const Line &line : m_lines) {
-        if (line.category == QLatin1String("zephyrtide.dll") && line.message.contains(text))
-            ++n;
-    }
-    return n;
+    return countLines(text, nullptr);
 }
 
 void LogCapture::clear()

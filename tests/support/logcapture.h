@@ -1,12 +1,16 @@
 #pragma once
 
 #include <QList>
+#include <QLoggingCategory>
 #include <QMutex>
 #include <QString>
 #include <QtGlobal>
 
-// Records every log line while it lives (and still prints them), so a test can
-// ask whether the plugin wrote a given line. One at a time.
+// Records every log line while it lives, so a test can ask whether the plugin
+// wrote a given line; warnings and worse are still printed. It turns the
+// debug level of "zephyrtide.dll" on while it captures: the suite runs with
+// it off, and only a test that asserts a debug line pays for the text. One at
+// a time.
 class LogCapture
 {
 public:
@@ -29,8 +33,11 @@ public:
 
 private:
     static void handler(QtMsgType type, const QMessageLogContext &context, const QString &message);
+    static void filter(QLoggingCategory *category);
+    int countLines(const QString &text, const QtMsgType *type) const;
 
     mutable QMutex m_mutex;
     QList<Line> m_lines;
     QtMessageHandler m_previous;
+    QLoggingCategory::CategoryFilter m_previousFilter;
 };

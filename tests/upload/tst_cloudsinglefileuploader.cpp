@@ -1,6 +1,5 @@
 #include "logcapture.h"
 #include "core/globalmanager.h"
-#include "core/logging.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"
 #include "upload/chunkitem.h"
@@ -8,12 +7,12 @@
 #include "upload/cloudsinglefileuploader.h"
 #include "upload/fileitem.h"
 #include "upload/uploadglobal.h"
+#include "uploadservice.h"
 
 #include <zephyrtide/manager.h>
 
 #include <QCryptographicHash>
 #include <QElapsedTimer>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSignalSpy>
@@ -40,22 +39,18 @@ private Q_SLOTS:
     void sessionChoice();
     void resumedChunkSendsItsTail_data();
     void resumedChunkSendsItsTail();
-    void failingPartFailsFile();
     void finishedOncePerRun_data();
     void finishedOncePerRun();
     void progressNeverGoesBack();
 
 private:
-    // The service's answer to "/upload/info" for a session with the given parts.
-    QByteArray infoAnswer(const QString &uploadID, qint64 chunkSize, const QList<int> &parts,
-                          bool exist = false, const QMap<int, int> &held = {}) const;
     QSharedPointer<FileItem> makeItem(const QByteArray &content);
-    void serve(const QByteArray &info);
-    QList<ScriptedRequest> requestsTo(const QString &path) const;
+    QList<ScriptedRequest> requestsTo(const QString &path) const { return m_service->requestsTo(path); }
 
     TestEnvironment m_environment;
     QTemporaryDir m_dir;
     QScopedPointer<ScriptedServer> m_server;
+    QScopedPointer<UploadService> m_service;
     QScopedPointer<Zephyrtide::Manager> m_host;
     QByteArray m_content;
 };
@@ -64,6 +59,7 @@ void tst_CloudSingleFileUploader::init()
 {
     m_server.reset(new ScriptedServer);
     QVERIFY(m_server->start());
+    m_service.reset(new UploadService(m_server.data()));
     m_host.reset(new Zephyrtide::Manager);
     GlobalManager::instance()->setManager(m_host.data());
     GlobalManager::instance()->setFileServiceAddress(m_server->baseUrl());
@@ -73,53 +69,11 @@ void tst_CloudSingleFileUploader::init()
 
 void tst_CloudSingleFileUploader::cleanup()
 {
+    m_service.reset();
     m_server.reset();
     UploadGlobal::destroy();
     GlobalManager::destroy();
     m_host.reset();
-}
-
-QByteArray tst_CloudSingleFileUploader::infoAnswer(const QString &uploadID, qint64 chunkSize,
-                                                   const QList<int> &parts, bool exist,
-                                                   const QMap<int, int> &held) const
-{
-    QJsonArray chunks;
-    for (int part : parts) {
-        QJsonObject chunk{
-            {"url", QStringLiteral("%1/upload/part?uploadID=%2&partNumber=%3").arg(m_server->baseUrl(), uploadID).arg(part)},
-            {"headers", QJsonObject{{"X-Upload-Token", uploadID + "-token"}}}};
-        if (held.contains(part))
-            chunk.insert("bytesSent", held.value(part));
-        chunks.append(chunk);
-    }
-    QJsonObject result{{"exist", exist}, {"cdnURL", m_server->baseUrl() + "/download?fileName=f.bin"}};
-    if (!exist) {
-        result.insert("uploadInfo", QJsonObject{{"chunkSize", chunkSize}, {"expires", 3600},
-                                                {"method", "POST"}, {"uploadID", uploadID},
-                                                {"chunks", chunks}});
-    }
-    return QJsonDocument(QJsonObject{{"status", "success"}, {"result", result}}).toJson();
-}
-
-void tst_CloudSingleFileUploader::serve(const QByteArray &info)
-{
-    m_server->setHandler([info](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/upload/info"))
-            return ScriptedResponse::json(info);
-        if (request.path() == QLatin1String("/upload/complete"))
-            return ScriptedResponse::json(R"({"status":"success","result":{}})");
-        return ScriptedResponse(); // parts: 200, empty body
-    });
-}
-
-QList<ScriptedRequest> tst_CloudSingleFileUploader::requestsTo(const QString &path) const
-{
-    QList<ScriptedRequest> found;
-    for (const ScriptedRequest &request : m_server->requests()) {
-        if (request.path() == path)
-            found.append(request);
-    }
-    return found;
 }
 
 QSharedPointer<FileItem> tst_CloudSingleFileUploader::makeItem(const QByteArray &content)
@@ -162,7 +116,7 @@ void tst_CloudSingleFileUploader::uploadsEveryPart()
     QList<int> numbers;
     for (int part = parts; part >= 1; --part)
         numbers << part;
-    serve(infoAnswer("s1", chunkSize, numbers));
+    m_service->info = m_service->session("s1", chunkSize, numbers);
 
     CloudSingleFileUploader uploader;
     uploader.setFileItem(item);
@@ -227,7 +181,7 @@ void tst_CloudSingleFileUploader::nothingToSend()
     QFETCH(int, completes);
     auto item = makeItem(content);
     QVERIFY(item);
-    serve(infoAnswer("s", 8, {}, exist));
+    m_service->info = m_service->session("s", 8, {}, exist);
     CloudSingleFileUploader uploader;
     uploader.setFileItem(item);
     QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
@@ -267,7 +221,7 @@ void tst_CloudSingleFileUploader::sessionChoice()
     item->chunks = {QVariantMap{{"url", m_server->baseUrl() + "/upload/part?uploadID=cached&partNumber=1"},
                                 {"headers", QVariantMap{{"X-Upload-Token", "cached-token"}}}}};
     item->bytesSent = 7; // what the cached session had sent
-    serve(infoAnswer(serviceSession, 10, {1}));
+    m_service->info = m_service->session(serviceSession, 10, {1});
 
     CloudSingleFileUploader uploader;
     uploader.setFileItem(item);
@@ -319,7 +273,7 @@ void tst_CloudSingleFileUploader::resumedChunkSendsItsTail()
     QMap<int, int> held;
     if (serverHolds >= 0)
         held.insert(2, serverHolds);
-    serve(infoAnswer("s", 5, serverParts, false, held));
+    m_service->info = m_service->session("s", 5, serverParts, false, held);
 
     CloudSingleFileUploader uploader;
     uploader.setFileItem(item);
@@ -356,37 +310,6 @@ void tst_CloudSingleFileUploader::resumedChunkSendsItsTail()
     }
 }
 
-void tst_CloudSingleFileUploader::failingPartFailsFile()
-{
-    auto item = makeItem(QByteArray(3000, 'q'));
-    QVERIFY(item);
-    const QByteArray info = infoAnswer("f", 1000, {1, 2, 3});
-    m_server->setHandler([info](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/upload/info"))
-            return ScriptedResponse::json(info);
-        ScriptedResponse response;
-        response.status = QUrlQuery(request.url()).queryItemValue("partNumber") == "2" ? 500 : 200;
-        return response;
-    });
-    CloudSingleFileUploader uploader;
-    uploader.setFileItem(item);
-    QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
-    QSignalSpy error(&uploader, &CloudSingleFileUploader::errorOccurred);
-    QVERIFY(uploader.start());
-    QVERIFY(error.wait(5000));
-    QCOMPARE(int(error.first().first().value<ZTErrorCode>()), 20480 + 401);
-    // Parts 1 and 3 still finish; only the failed one stays pending.
-    QTRY_COMPARE_WITH_TIMEOUT(item->pendingChunks.size(), 1, 5000);
-    QCOMPARE(error.count(), 1);
-    QCOMPARE(finished.count(), 0);
-    QCOMPARE(item->state, Upload::Failed);
-    QCOMPARE(requestsTo("/upload/complete").size(), 0);
-    // The session stays cached, less the parts that went through.
-    const QVariantMap cached = UploadGlobal::instance()->getInfo(item->identifier);
-    QCOMPARE(cached.value("uploadInfo").toMap().value("uploadID").toString(), QStringLiteral("f"));
-    QVERIFY(cached.value("uploadInfo").toMap().value("chunks").toList().size() >= 1);
-}
-
 void tst_CloudSingleFileUploader::finishedOncePerRun_data()
 {
     QTest::addColumn<bool>("startAgain");
@@ -404,17 +327,8 @@ void tst_CloudSingleFileUploader::finishedOncePerRun()
     QFETCH(int, finishedCount);
     auto item = makeItem("AAAAABBBBB");
     QVERIFY(item);
-    const QByteArray info = infoAnswer("once", 5, {1, 2});
-    const QByteArray exists = infoAnswer("once", 5, {}, true);
-    m_server->setHandler([this, info, exists](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/upload/info"))
-            return ScriptedResponse::json(requestsTo("/upload/complete").isEmpty() ? info : exists);
-        if (request.path() != QLatin1String("/upload/complete"))
-            return ScriptedResponse();
-        ScriptedResponse complete = ScriptedResponse::json(R"({"status":"success","result":{}})");
-        complete.hold = true;
-        return complete;
-    });
+    m_service->info = m_service->session("once", 5, {1, 2});
+    m_service->holdComplete = true;
 
     CloudSingleFileUploader uploader;
     uploader.setFileItem(item);
@@ -426,6 +340,7 @@ void tst_CloudSingleFileUploader::finishedOncePerRun()
                 // Queued: the held answer is registered once this signal returns.
                 QMetaObject::invokeMethod(&uploader, [this, &uploader, startAgain] {
                     uploader.stop();
+                    m_service->info = m_service->session("once", 5, {}, true);
                     if (startAgain)
                         QVERIFY(uploader.start());
                     m_server->release();
@@ -472,8 +387,7 @@ void tst_CloudSingleFileUploader::progressNeverGoesBack()
     QCOMPARE(progress.at(0).at(0).toLongLong(), 81LL);  // counted from 1
     QCOMPARE(progress.at(1).at(0).toLongLong(), 101LL); // reported as is ...
     QCOMPARE(item->bytesSent, 100LL);                    // ... but stored capped
-    if (ztLog().isDebugEnabled()) // a debug line: QT_LOGGING_RULES may turn it off
-        QCOMPARE(log.count(QStringLiteral("CloudSingleFileUploader::little: ")), 1);
+    QCOMPARE(log.count(QStringLiteral("CloudSingleFileUploader::little: "), QtDebugMsg), 1);
     // What the cache gets: each part with the bytes of it already sent.
     const QVariantList remaining = item->toCacheMap().value("uploadInfo").toMap().value("chunks").toList();
     QCOMPARE(remaining.size(), 2);

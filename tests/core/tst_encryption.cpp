@@ -5,7 +5,6 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QJsonDocument>
-#include <QLoggingCategory>
 #include <QRegularExpression>
 #include <QScopeGuard>
 #include <QTemporaryDir>
@@ -50,7 +49,6 @@ private Q_SLOTS:
 
 void tst_Encryption::initTestCase()
 {
-    QLoggingCategory::setFilterRules(QStringLiteral("zephyrtide.dll.debug=true"));
     QVERIFY2(QFileInfo(QStringLiteral(ZT_CIPHER_STUB)).isExecutable(), ZT_CIPHER_STUB);
 }
 

