@@ -11,6 +11,7 @@ import signal
 import statistics
 import subprocess
 import sys
+import threading
 import time
 import urllib.request
 
@@ -34,6 +35,12 @@ class Service(ServiceProcess):
         self.logfile = logfile
         self.start()
 
+    def cpu_seconds(self):
+        """User and system CPU the service has used so far."""
+        with open("/proc/%d/stat" % self.process.pid) as stat:
+            fields = stat.read().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
     def post(self, path, body):
         request = urllib.request.Request(self.url + path, data=json.dumps(body).encode(),
                                          headers={"Content-Type": "application/json"})
@@ -42,6 +49,43 @@ class Service(ServiceProcess):
         if reply.get("status") != "success":
             raise RuntimeError("%s answered %r" % (path, reply))
         return reply["result"]
+
+
+class DiskWatch:
+    """The highest disk space that the files under some folders held at once,
+    sampled every 10 ms while a command runs (a context manager)."""
+
+    def __init__(self, *folders, interval=0.01):
+        self.folders = folders
+        self.interval = interval
+        self.peak = 0
+        self._done = threading.Event()
+        self._thread = threading.Thread(target=self._watch, daemon=True)
+
+    def held(self):
+        total = 0
+        for folder in self.folders:
+            for base, _, files in os.walk(folder):
+                for name in files:
+                    try:
+                        total += os.lstat(os.path.join(base, name)).st_blocks * 512
+                    except FileNotFoundError:
+                        pass  # removed while counted
+        return total
+
+    def _watch(self):
+        while not self._done.is_set():
+            self.peak = max(self.peak, self.held())
+            self._done.wait(self.interval)
+
+    def __enter__(self):
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self._done.set()
+        self._thread.join()
+        self.peak = max(self.peak, self.held())
 
 
 def parse_time(path):
@@ -108,6 +152,9 @@ def combine(runs):
     if not row["ok"]:
         row["note"] = next((r["note"] for r in runs if not r["ok"]), "failed")
     if good:
+        for extra in ("service_cpu", "peak_disk"):
+            if all(extra in r for r in good):
+                row[extra] = statistics.median(r[extra] for r in good)
         row["wall"] = statistics.median(r["wall"] for r in good)
         row["cpu"] = statistics.median(r["cpu"] for r in good)
         row["rss"] = max(r["rss"] for r in good)
