@@ -65,10 +65,10 @@ bool CliRun::finish(int timeoutMs)
     return ended;
 }
 
-int CliRun::run(const QStringList &arguments, int timeoutMs)
+ExitCode CliRun::run(const QStringList &arguments, int timeoutMs)
 {
     start(arguments);
-    return finish(timeoutMs) ? exitCode() : -1;
+    return finish(timeoutMs) ? exitCode() : ExitCode(-1);
 }
 
 QString CliRun::firstLine(int timeoutMs)
@@ -84,9 +84,7 @@ void CliRun::interrupt()
         ::kill(pid_t(m_process.processId()), SIGINT);
 }
 
-int CliRun::exitCode() const
+ExitCode CliRun::exitCode() const
 {
-    if (m_process.exitStatus() != QProcess::NormalExit)
-        return -1;
-    return m_process.exitCode();
+    return m_process.exitStatus() == QProcess::NormalExit ? ExitCode(m_process.exitCode()) : ExitCode(-1);
 }

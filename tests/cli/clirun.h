@@ -1,9 +1,14 @@
 #pragma once
 
+#include "../../cli/exitcode.h" // the support folder has a fileserviceprocess.h of its own
+
+#include <QHash>
+#include <QMetaType>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
+#include <QTest>
 
 // Runs the built ztcli as a user would, in a private home: HOME and the XDG
 // folders point under the given folder, so settings, caches and partial
@@ -31,7 +36,7 @@ public:
     // True when it ended by itself within timeoutMs; otherwise it is killed.
     bool finish(int timeoutMs = 60000);
     // start() and finish(); the exit status, or -1 after a time-out or crash.
-    int run(const QStringList &arguments, int timeoutMs = 60000);
+    ExitCode run(const QStringList &arguments, int timeoutMs = 60000);
 
     // Waits (bounded) until stdout holds a full line and returns it.
     QString firstLine(int timeoutMs = 20000);
@@ -39,7 +44,7 @@ public:
     qint64 pid() const { return m_process.processId(); }
     bool isRunning() const { return m_process.state() != QProcess::NotRunning; }
 
-    int exitCode() const;
+    ExitCode exitCode() const;
     QString out() const { return QString::fromUtf8(m_out); }
     QString err() const { return QString::fromUtf8(m_err); }
     QString output() const { return out() + err(); }
@@ -53,3 +58,18 @@ private:
     QByteArray m_err;
     qint64 m_fileSizeLimit = -1;
 };
+
+Q_DECLARE_METATYPE(ExitCode)
+
+// A failed comparison of exit statuses names them.
+namespace QTest {
+template <>
+inline char *toString(const ExitCode &code)
+{
+    static const QHash<int, const char *> names{
+        {ExitSuccess, "ExitSuccess"}, {ExitNotFound, "ExitNotFound"}, {ExitUsage, "ExitUsage"},
+        {ExitServer, "ExitServer"},   {ExitTransfer, "ExitTransfer"}, {ExitSetup, "ExitSetup"},
+        {ExitInterrupted, "ExitInterrupted"}};
+    return qstrdup(QByteArray(names.value(code, "not an exit status")) + " (" + QByteArray::number(int(code)) + ')');
+}
+} // namespace QTest
