@@ -43,14 +43,13 @@ void CliRun::start(const QStringList &arguments)
     m_out.clear();
     m_err.clear();
     m_process.setProcessEnvironment(m_env);
-    if (m_fileSizeLimit < 0) {
-        m_process.start(QStringLiteral(ZTCLI_PATH), arguments);
-    } else {
-        // An ignored signal stays ignored across exec, so ztcli inherits it.
-        const QString script = QStringLiteral("trap '' XFSZ; ulimit -f %1; exec \"$0\" \"$@\"").arg(m_fileSizeLimit);
-        m_process.start(QStringLiteral("/bin/sh"), QStringList{QStringLiteral("-c"), script, QStringLiteral(ZTCLI_PATH)}
-                                                       + arguments);
-    }
+    QStringList command = m_wrapper + QStringList{QStringLiteral(ZTCLI_PATH)} + arguments;
+    // An ignored signal stays ignored across exec, so ztcli inherits it.
+    if (m_fileSizeLimit >= 0)
+        command = QStringList{QStringLiteral("/bin/sh"), QStringLiteral("-c"),
+                              QStringLiteral("trap '' XFSZ; ulimit -f %1; exec \"$0\" \"$@\"").arg(m_fileSizeLimit)}
+                  + command;
+    m_process.start(command.takeFirst(), command);
     m_process.waitForStarted(10000);
 }
 

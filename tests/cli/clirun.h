@@ -27,6 +27,8 @@ public:
     // "ulimit -f"), with SIGXFSZ ignored: a write past the limit fails with
     // EFBIG, as on a full disk, instead of killing the process. -1: no limit.
     void setFileSizeLimit(qint64 blocks) { m_fileSizeLimit = blocks; }
+    // Runs ztcli under this program, e.g. {"/usr/bin/time", "-f", "%M"}.
+    void setWrapper(const QStringList &program) { m_wrapper = program; }
     // Sends stderr to this file (a terminal's device, say) instead of err().
     void setStderrFile(const QString &path) { m_process.setStandardErrorFile(path, QIODevice::Append); }
     // Reads stdin from this file (a terminal's device, as for someone at it).
@@ -57,6 +59,7 @@ private:
     QByteArray m_out;
     QByteArray m_err;
     qint64 m_fileSizeLimit = -1;
+    QStringList m_wrapper;
 };
 
 Q_DECLARE_METATYPE(ExitCode)

