@@ -109,7 +109,6 @@ private Q_SLOTS:
     void initTestCase();
     void uploadThenDownload_data();
     void uploadThenDownload();
-    void secondDownloadGetsAFreeName();
     void stopThenResume_data();
     void stopThenResume();
     void secondInterruptDiscardsThePartialDownload_data();
@@ -155,6 +154,8 @@ void tst_ZtcliTransfers::uploadThenDownload_data()
     QTest::newRow("several chunks, odd size") << 3 * MiB + 3;
 }
 
+// Each file goes up and comes back whole; a second download of it lands
+// beside the first under a free name, and --output replaces what it names.
 void tst_ZtcliTransfers::uploadThenDownload()
 {
     QFETCH(qint64, size);
@@ -162,8 +163,6 @@ void tst_ZtcliTransfers::uploadThenDownload()
     const QByteArray content = randomBytes(size);
     QTemporaryDir local;
     const QString source = store(name, content, local.path());
-    QVERIFY(!source.isEmpty());
-
     CliRun cli(m_home.path());
     QCOMPARE(cli.run({"--server", m_url, "upload", source}), ExitSuccess);
     QVERIFY2(cli.out().contains(QStringLiteral("uploaded %1").arg(source)), qPrintable(cli.output()));
@@ -171,36 +170,22 @@ void tst_ZtcliTransfers::uploadThenDownload()
     // Progress goes to stderr; stdout carries only the results.
     QVERIFY2(cli.err().contains(QLatin1String("done:")) && !cli.out().contains(QLatin1String("done:")), qPrintable(cli.output()));
 
-    QTemporaryDir target;
-    QCOMPARE(cli.run(QStringList{"-q"} + download(m_url, target.filePath("partial"), name, target.path())), ExitSuccess);
-    const QString path = QDir(target.path()).filePath(name);
-    QVERIFY2(cli.out().contains(QStringLiteral("downloaded %1 to %2").arg(name, path)), qPrintable(cli.output()));
-    QVERIFY(readFile(path) == content);
-    QVERIFY2(!cli.output().contains(QLatin1String("done:")), qPrintable(cli.output())); // quiet
-}
-
-void tst_ZtcliTransfers::secondDownloadGetsAFreeName()
-{
-    const QByteArray content = randomBytes(300000);
-    QVERIFY(!store(QStringLiteral("twice.dat"), content).isEmpty());
-    QTemporaryDir target;
-    CliRun cli(m_home.path());
-    const QStringList args{"--server", m_url, "download", "twice.dat", "--to", target.path()};
+    const QString back = local.filePath("back");
+    const QStringList args = QStringList{"-q"} + download(m_url, local.filePath("partial"), name, back);
     QCOMPARE(cli.run(args), ExitSuccess);
+    QVERIFY2(cli.out().contains(QStringLiteral("downloaded %1 to %2/%1").arg(name, back)), qPrintable(cli.output()));
+    QVERIFY(readFile(QDir(back).filePath(name)) == content);
+    QVERIFY2(!cli.output().contains(QLatin1String("done:")), qPrintable(cli.output())); // quiet
     // A name the service does not have is reported; the others still come.
     QCOMPARE(cli.run(args + QStringList{"nope.dat"}), ExitNotFound);
     QVERIFY2(cli.err().contains(QLatin1String("nope.dat: not on the service")), qPrintable(cli.output()));
-    // The first copy is kept; the second lands beside it and ztcli says where.
-    const QString second = QDir(target.path()).filePath(QStringLiteral("twice(1).dat"));
+    const QString second = QDir(back).filePath(QStringLiteral("round-%1(1).bin").arg(size));
     QVERIFY2(cli.out().contains(second), qPrintable(cli.output()));
-    QVERIFY(readFile(QDir(target.path()).filePath(QStringLiteral("twice.dat"))) == content);
+    QVERIFY(readFile(QDir(back).filePath(name)) == content && readFile(second) == content);
+    QVERIFY(!store(second, "old", back).isEmpty());
+    QCOMPARE(cli.run({"--server", m_url, "download", name, "-o", second}), ExitSuccess);
     QVERIFY(readFile(second) == content);
-
-    // --output replaces the file it names, and leaves no copy under a free name.
-    QVERIFY(!store(QStringLiteral("twice(1).dat"), "old", target.path()).isEmpty());
-    QCOMPARE(cli.run({"--server", m_url, "download", "twice.dat", "-o", second}), ExitSuccess);
-    QVERIFY(readFile(second) == content);
-    QCOMPARE(QDir(target.path()).entryList(QDir::Files).size(), 2);
+    QCOMPARE(QDir(back).entryList(QDir::Files).size(), 2);
 }
 
 enum Hold { HoldNothing, HoldAfterTwoChunks, HoldSecondChunkOnce };
