@@ -111,8 +111,6 @@ private Q_SLOTS:
     void uploadThenDownload();
     void stopThenResume_data();
     void stopThenResume();
-    void secondInterruptDiscardsThePartialDownload_data();
-    void secondInterruptDiscardsThePartialDownload();
     void manyFilesUnderASmallDescriptorLimit();
     void guardedService_data();
     void guardedService();
@@ -188,88 +186,108 @@ void tst_ZtcliTransfers::uploadThenDownload()
     QCOMPARE(QDir(back).entryList(QDir::Files).size(), 2);
 }
 
-enum Hold { HoldNothing, HoldAfterTwoChunks, HoldSecondChunkOnce };
+// How the first run of stopThenResume() ends early, and what the service holds back for it.
+enum Ending {
+    CtrlC,               // after two chunks; the others are held
+    CtrlCTwice,          // while the probe is held
+    CtrlCTwiceAfterStop, // at a terminal, once the stop has ended the transfer; chunks are held after 1000 bytes
+    CtrlCAtMerge,        // from inside ztcli, at the fourth copy of the merge
+    Stall,               // the second chunk is held, once
+    FullDisk             // a file-size limit
+};
 
 void tst_ZtcliTransfers::stopThenResume_data()
 {
+    QTest::addColumn<int>("ending");
     QTest::addColumn<QStringList>("options");
-    QTest::addColumn<int>("hold");          // HoldAfterTwoChunks: then Ctrl-C
-    QTest::addColumn<qint64>("blocks");     // a file-size limit in 512-byte blocks, as a full disk; -1: none
-    QTest::addColumn<QString>("atCopy");    // Ctrl-C at this copy of the merge
-    QTest::addColumn<bool>("clear");        // partial --clear before the next run
+    QTest::addColumn<qint64>("blocks");  // FullDisk: the limit in 512-byte blocks
+    QTest::addColumn<bool>("clear");     // partial --clear before the next run
     QTest::addColumn<ExitCode>("status");
     QTest::addColumn<QString>("says");
-    QTest::addColumn<qint64>("largest");    // the largest chunk file left; -1: not checked
-    const QStringList none;
-    QTest::newRow("Ctrl-C mid-download") << none << int(HoldAfterTwoChunks) << qint64(-1) << "" << false
-                                         << ExitInterrupted << "Stopped (20716)" << qint64(-1);
-    QTest::newRow("Ctrl-C during the merge") << none << int(HoldNothing) << qint64(-1) << "4" << false
-                                             << ExitInterrupted << "Stopped (20716)" << qint64(-1);
-    QTest::newRow("Ctrl-C during the merge, then partial --clear") << none << int(HoldNothing) << qint64(-1) << "4" << true
-                                                                   << ExitInterrupted << "Stopped (20716)" << qint64(-1);
-    const QStringList timeout{"--timeout", "2"};
-    QTest::newRow("no progress: --timeout") << timeout << int(HoldSecondChunkOnce) << qint64(-1) << "" << false
-                                            << ExitTransfer << "no progress for 2 s" << qint64(-1);
-    QTest::newRow("no progress: --retry") << timeout + QStringList{"--retry", "1"} << int(HoldSecondChunkOnce) << qint64(-1)
-                                          << "" << false << ExitSuccess << "retrying in 1 s (1 of 1)" << qint64(-1);
+    QTest::addColumn<qint64>("largest"); // the largest chunk file left; -1: not checked
+    const auto row = [](const char *tag, Ending ending, ExitCode status, const QString &says, const QStringList &options = {},
+                        qint64 blocks = -1, qint64 largest = -1, bool clear = false) {
+        QTest::newRow(tag) << int(ending) << options << blocks << clear << status << says << largest;
+    };
+    const QString stopped = QStringLiteral("Stopped (20716)");
+    row("Ctrl-C mid-download", CtrlC, ExitInterrupted, stopped);
+    row("Ctrl-C twice while it runs", CtrlCTwice, ExitInterrupted, "Aborting; partial data is discarded.");
+    row("Ctrl-C twice at a terminal, after the stop", CtrlCTwiceAfterStop, ExitInterrupted, "Aborted (20717)");
+    row("Ctrl-C during the merge", CtrlCAtMerge, ExitInterrupted, stopped);
+    row("Ctrl-C during the merge, then partial --clear", CtrlCAtMerge, ExitInterrupted, stopped, {}, -1, -1, true);
+    row("no progress: --timeout", Stall, ExitTransfer, "no progress for 2 s", {"--timeout", "2"});
+    row("no progress: --retry", Stall, ExitSuccess, "retrying in 1 s (1 of 1)", {"--timeout", "2", "--retry", "1"});
     // The write that met the limit kept what fitted, or the chunk was whole when the merge failed.
-    QTest::newRow("no room for a byte") << none << int(HoldNothing) << qint64(0) << "" << false << ExitTransfer
-                                        << "FileError (20699)" << qint64(0);
-    QTest::newRow("room for half a chunk") << none << int(HoldNothing) << qint64(1000) << "" << false << ExitTransfer
-                                           << "FileError (20699)" << qint64(512000);
-    QTest::newRow("room for every chunk, not for the merged file") << none << int(HoldNothing) << qint64(3000) << "" << false
-                                                                   << ExitTransfer << "MergeError (20735)" << MiB + 1;
+    row("no room for a byte", FullDisk, ExitTransfer, "FileError (20699)", {}, 0, 0);
+    row("room for half a chunk", FullDisk, ExitTransfer, "FileError (20699)", {}, 1000, 512000);
+    row("room for every chunk, not for the merged file", FullDisk, ExitTransfer, "MergeError (20735)", {}, 3000, MiB + 1);
 }
 
-// A download that ends early (Ctrl-C, during the transfer or its merge; a
-// service that stops sending; a full disk) leaves only true bytes of the file
-// behind, which exists and partial count and the next run resumes from,
-// fetching only what is missing. The service holds chunks, and the Ctrl-C
-// during the merge comes from inside ztcli (a preloaded copy_file_range sends
-// it), so no run races the test.
+// A download that ends early leaves only true bytes of the file behind, which
+// exists and partial count and the next run resumes from, fetching only what
+// is missing; a second Ctrl-C leaves nothing. The service holds chunks and the
+// Ctrl-C during the merge comes from inside ztcli (a preloaded
+// copy_file_range sends it), so no run races the test.
 void tst_ZtcliTransfers::stopThenResume()
 {
+    QFETCH(int, ending);
     QFETCH(QStringList, options);
-    QFETCH(int, hold);
     QFETCH(qint64, blocks);
-    QFETCH(QString, atCopy);
     QFETCH(bool, clear);
     QFETCH(ExitCode, status);
     QFETCH(QString, says);
     QFETCH(qint64, largest);
     const QByteArray content = randomBytes(6 * MiB + 5);
     const QByteArray digest = "sha-256=:" + QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64() + ':';
-    bool holding = hold != HoldNothing;
+    bool holding = ending != CtrlCAtMerge && ending != FullDisk;
     int chunks = 0;
     ScriptedServer server;
     QVERIFY(server.start());
     serveOne(server, "r.bin", content, [&](const ScriptedRequest &request, ScriptedResponse &response) {
         response.header("Repr-Digest", digest);
-        const QByteArray range = request.header("Range");
-        if (holding && range != "bytes=0-1" && hold == HoldAfterTwoChunks) {
-            response.hold = ++chunks > 2;
-        } else if (holding && range.startsWith("bytes=1048576-")) {
-            response.hold = true; // the second chunk, once
-            holding = false;
-        }
+        // Only CtrlCTwice holds the probe, only the others chunks.
+        const bool probe = request.header("Range") == "bytes=0-1";
+        if (!holding || probe != (ending == CtrlCTwice))
+            return;
+        if (ending == CtrlCTwice || (ending == CtrlC && ++chunks > 2))
+            response.hold = true;
+        else if (ending == CtrlCTwiceAfterStop)
+            response.holdAfterBytes = 1000; // the content folder is this run's by then
+        else if (ending == Stall && request.header("Range").startsWith("bytes=1048576-"))
+            response.hold = true;
+        if (ending == Stall && response.hold)
+            holding = false; // once
     });
     QTemporaryDir temp;
     QTemporaryDir target;
     const QString result = QDir(target.path()).filePath(QStringLiteral("r.bin"));
     const QStringList args = download(server.baseUrl(), temp.path(), "r.bin", target.path());
 
+    Terminal terminal(80);
     CliRun first(m_home.path());
     first.setFileSizeLimit(blocks);
-    if (!atCopy.isEmpty()) {
+    if (ending == CtrlCTwiceAfterStop)
+        first.setStdinFile(terminal.path);
+    if (ending == CtrlCAtMerge) {
         first.setEnv("LD_PRELOAD", ZT_INTERRUPT_SHIM);
-        first.setEnv("ZT_INTERRUPT_AT_COPY", atCopy);
+        first.setEnv("ZT_INTERRUPT_AT_COPY", "4");
         first.setEnv("ASAN_OPTIONS", qEnvironmentVariable("ASAN_OPTIONS") + ":verify_asan_link_order=0");
     }
     first.start(options + args);
-    if (hold == HoldAfterTwoChunks) {
-        QTRY_VERIFY_WITH_TIMEOUT(bytesUnder(temp.path()) >= 2 * MiB && server.heldCount() > 0, 30000);
+    if (ending <= CtrlCTwiceAfterStop) {
+        QTRY_VERIFY_WITH_TIMEOUT(server.heldCount() > 0 && (ending != CtrlC || bytesUnder(temp.path()) >= 2 * MiB), 30000);
         first.interrupt();
         holding = false;
+    }
+    if (ending == CtrlCTwice || ending == CtrlCTwiceAfterStop) {
+        QTRY_VERIFY_WITH_TIMEOUT(first.err().contains(QLatin1String("Press Ctrl-C again")), 10000);
+        if (ending == CtrlCTwiceAfterStop) // the stop has ended the transfer: its last line is out
+            QTRY_VERIFY_WITH_TIMEOUT(first.err().contains(QLatin1String("ended at")), 10000);
+        QVERIFY(first.isRunning());
+        first.interrupt();
+        if (ending == CtrlCTwice)
+            QTRY_VERIFY_WITH_TIMEOUT(first.err().contains(says), 10000);
+        server.release();
     }
     QVERIFY(first.finish(60000));
     QCOMPARE(first.exitCode(), status);
@@ -280,6 +298,10 @@ void tst_ZtcliTransfers::stopThenResume()
         return;
     }
     QVERIFY(!QFile::exists(result));
+    if (ending == CtrlCTwice || ending == CtrlCTwiceAfterStop) {
+        QVERIFY2(first.err().contains(QStringLiteral("Removed the partial download in %1/").arg(temp.path())), qPrintable(first.output()));
+        QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
+    }
     // Chunk n starts at (n - 1) MiB; each file must be a prefix of its range, as the merged part is of the file.
     qint64 largestLeft = 0;
     for (QDirIterator it(temp.path(), QDir::Files, QDirIterator::Subdirectories); it.hasNext();) {
@@ -293,7 +315,7 @@ void tst_ZtcliTransfers::stopThenResume()
         QCOMPARE(largestLeft, largest);
     const QByteArray merged = QFile::exists(result + ".ztmerge") ? readFile(result + ".ztmerge") : QByteArray();
     QVERIFY(content.startsWith(merged));
-    QCOMPARE(merged.size() >= 3 * MiB, !atCopy.isEmpty());
+    QCOMPARE(merged.size() >= 3 * MiB, ending == CtrlCAtMerge);
     CliRun ask(m_home.path());
     if (clear) { // a merged part goes with its folder
         QCOMPARE(ask.run({"--temp", temp.path(), "partial", "--clear"}), ExitSuccess);
@@ -323,50 +345,6 @@ void tst_ZtcliTransfers::stopThenResume()
     QVERIFY2(resent <= content.size() - kept + 512, qPrintable(QStringLiteral("resent %1 bytes").arg(resent)));
     QVERIFY(!QFile::exists(result + ".ztmerge"));
     QCOMPARE(bytesUnder(temp.path()), qint64(0));
-}
-
-void tst_ZtcliTransfers::secondInterruptDiscardsThePartialDownload_data()
-{
-    QTest::addColumn<bool>("afterStop"); // the second Ctrl-C comes once the stop has ended the transfer
-    QTest::newRow("while the transfer still runs") << false;
-    QTest::newRow("after the stop, at a terminal") << true;
-}
-
-// A second Ctrl-C aborts and removes the partial data of the download: while
-// it still runs, or, for someone at a terminal, within two seconds of the
-// first one, when the stop has long ended the transfer.
-void tst_ZtcliTransfers::secondInterruptDiscardsThePartialDownload()
-{
-    QFETCH(bool, afterStop);
-    ScriptedServer server;
-    QVERIFY(server.start());
-    serveOne(server, "a.bin", randomBytes(3 * MiB + 5), [&](const ScriptedRequest &request, ScriptedResponse &response) {
-        if (request.header("Range") == "bytes=0-1")
-            response.hold = !afterStop;
-        else if (afterStop)
-            response.holdAfterBytes = 1000; // the content folder is this run's by then
-    });
-    QTemporaryDir temp;
-    QTemporaryDir target;
-    Terminal terminal(80);
-    CliRun cli(m_home.path());
-    if (afterStop)
-        cli.setStdinFile(terminal.path);
-    cli.start(download(server.baseUrl(), temp.path(), "a.bin", target.path()));
-    QTRY_VERIFY_WITH_TIMEOUT(server.heldCount() >= 1, 20000);
-    cli.interrupt();
-    QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("Press Ctrl-C again")), 10000);
-    if (afterStop) // the stop has ended the transfer: its last line is out
-        QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("ended at")), 10000);
-    QVERIFY(cli.isRunning());
-    cli.interrupt();
-    if (!afterStop)
-        QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("Aborting")), 10000);
-    server.release();
-    QVERIFY(cli.finish(20000));
-    QCOMPARE(cli.exitCode(), ExitInterrupted);
-    QVERIFY2(cli.err().contains(QStringLiteral("Removed the partial download in %1/").arg(temp.path())), qPrintable(cli.output()));
-    QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
 }
 
 // A batch of 400 files holds more descriptors at once than the soft limit of
