@@ -43,7 +43,6 @@ public:
     // Waits (bounded) until stdout holds a full line and returns it.
     QString firstLine(int timeoutMs = 20000);
     void interrupt(); // SIGINT, as Ctrl-C sends it
-    qint64 pid() const { return m_process.processId(); }
     bool isRunning() const { return m_process.state() != QProcess::NotRunning; }
 
     ExitCode exitCode() const;
