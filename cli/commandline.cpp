@@ -155,11 +155,11 @@ void CommandLine::addOptions(QCommandLineParser &parser, const Command *owner) c
     for (const auto &command : m_commands) {
         if (owner && command.get() != owner)
             continue;
-        for (const Command::Option &spec : command->options())
-            parser.addOption(spec.option);
+        for (const Command::Option &entry : command->options())
+            parser.addOption(entry.option);
     }
-    for (const Command::Option &spec : globalOptions())
-        parser.addOption(spec.option);
+    for (const Command::Option &entry : globalOptions())
+        parser.addOption(entry.option);
 }
 
 bool CommandLine::fail(const QString &message)
@@ -216,8 +216,8 @@ QString CommandLine::parseError(const QCommandLineParser &parser) const
     const QString unknown = parser.unknownOptionNames().value(0);
     if (!unknown.isEmpty()) {
         for (const auto &command : m_commands) {
-            for (const Command::Option &spec : m_command ? command->options() : QList<Command::Option>()) {
-                if (spec.option.names().contains(unknown))
+            for (const Command::Option &entry : m_command ? command->options() : QList<Command::Option>()) {
+                if (entry.option.names().contains(unknown))
                     return QStringLiteral("option %1 belongs to \"%2\", not to \"%3\"")
                         .arg(dashed(unknown), command->name(), m_command->name());
             }
@@ -238,18 +238,18 @@ QString CommandLine::parseError(const QCommandLineParser &parser) const
 
 QString CommandLine::rangeError() const
 {
-    for (const Command::Option &spec : m_command->options() + globalOptions()) {
-        const QString name = spec.option.names().last();
-        if (spec.minimum < 0 || !m_parser->isSet(name))
+    for (const Command::Option &entry : m_command->options() + globalOptions()) {
+        const QString name = entry.option.names().last();
+        if (entry.minimum < 0 || !m_parser->isSet(name))
             continue;
         const QString text = m_parser->value(name);
         bool ok = false;
         const qint64 number = text.toLongLong(&ok);
-        if (!ok || number < spec.minimum || number > spec.maximum)
+        if (!ok || number < entry.minimum || number > entry.maximum)
             return QStringLiteral("option --%1 needs a whole number from %2 to %3, not \"%4\"")
                 .arg(name)
-                .arg(spec.minimum)
-                .arg(spec.maximum)
+                .arg(entry.minimum)
+                .arg(entry.maximum)
                 .arg(text);
     }
     return QString();
@@ -266,9 +266,9 @@ QString CommandLine::synopsis(const Command &command) const
     QStringList words{command.name()};
     for (const Command::Operand &operand : command.operands())
         words << operand.syntax;
-    for (const Command::Option &spec : command.options()) {
-        const QString value = spec.option.valueName();
-        words << QStringLiteral("[%1%2]").arg(dashed(spec.option.names().first()),
+    for (const Command::Option &entry : command.options()) {
+        const QString value = entry.option.valueName();
+        words << QStringLiteral("[%1%2]").arg(dashed(entry.option.names().first()),
                                              value.isEmpty() ? QString() : QLatin1Char(' ') + value);
     }
     return words.join(QLatin1Char(' '));
@@ -279,8 +279,8 @@ QString CommandLine::generalHelp() const
     // Only the global options: the commands' own are in their help.
     QCommandLineParser global;
     global.setApplicationDescription(Intro);
-    for (const Command::Option &spec : globalOptions())
-        global.addOption(spec.option);
+    for (const Command::Option &entry : globalOptions())
+        global.addOption(entry.option);
     global.addPositionalArgument(QStringLiteral("COMMAND"), QStringLiteral("one of the commands below"),
                                  QStringLiteral("COMMAND [ARGS...]"));
     QString text = withUsage(global.helpText(), QStringLiteral("ztcli")) + QStringLiteral("\nCommands:\n");
