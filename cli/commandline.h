@@ -1,64 +1,58 @@
 #pragma once
 
-#include <QHash>
-#include <QString>
-#include <QStringList>
+#include "command.h"
+
+#include <QCommandLineParser>
+#include <QScopedPointer>
+
+#include <memory>
+#include <vector>
 
 // ztcli's command line: global options anywhere, one command, its own options
-// and its operands. "--name value" and "--name=value" both work; "--" ends the
-// options. parse() checks names, arities and numbers; what needs the
-// environment (the server address, local files) is checked by the runner.
+// and its operands, parsed by one QCommandLineParser per command; and the help,
+// made from the same parsers. parse() checks names, values, number ranges and
+// operands; what needs the environment (the server address, local files) is
+// the command's to check.
+//
+// Call order: parse(), then the accessors.
 class CommandLine
 {
 public:
-    static CommandLine parse(const QStringList &arguments); // without the program name
+    CommandLine(); // makes every command
+    ~CommandLine();
 
-    static const QStringList &commands();
-    static bool isCommand(const QString &name);
-
-    bool isValid() const { return m_error.isEmpty(); }
+    // arguments without the program name; false after a usage error.
+    bool parse(const QStringList &arguments);
     QString error() const { return m_error; }
 
-    QString command() const { return m_command; }
-    QStringList operands() const { return m_operands; }
-
-    bool isSet(const QString &option) const { return m_options.contains(option); }
-    QString value(const QString &option, const QString &fallback = QString()) const
-    {
-        return m_options.value(option, fallback);
-    }
-    // Numeric options are checked by parse(); this reads them back.
-    qint64 number(const QString &option, qint64 fallback) const;
-
-    // "--help", "-h" or the help command: show help for helpTopic() (empty: general).
+    // "--help", "-h" or the help command: help() says it.
     bool helpRequested() const { return m_help; }
-    QString helpTopic() const { return m_helpTopic; }
-    bool versionRequested() const { return isSet(QStringLiteral("version")); }
-    bool verbose() const { return isSet(QStringLiteral("verbose")); }
+    bool versionRequested() const { return m_version; }
+    // The command to run; null when only help or the version was asked for.
+    Command *command() const { return m_command; }
+    // The command's parser, once its line parsed without error.
+    const QCommandLineParser &parser() const { return *m_parser; }
+
+    QString help() const; // the general help, or the command's
+    QString generalHelp() const;
+    QString helpOf(const Command &command) const;
+
+    static QList<Command::Option> globalOptions();
+    static QString usageHint(); // the one line printed after a usage error
 
 private:
-    struct Option
-    {
-        QString name;
-        QChar shortName;
-        bool takesValue;
-        QString command; // empty: global
-        qint64 minimum = -1; // numeric options: the range they accept
-        qint64 maximum = -1;
-    };
-    static const QList<Option> &options();
-    static const Option *find(const QString &name);
-    static const Option *findShort(QChar name);
+    Command *find(const QString &name) const;
+    // owner: its options, then the global ones; null: every command's too.
+    void addOptions(QCommandLineParser &parser, const Command *owner) const;
+    QString parseError(const QCommandLineParser &parser) const;
+    QString rangeError() const;
+    QString synopsis(const Command &command) const;
+    bool fail(const QString &message);
 
-    bool take(const Option &option, const QString &value, bool hasValue);
-    void checkOperands();
-    void checkOptionsBelongToCommand();
-    void fail(const QString &message);
-
-    QString m_command;
-    QStringList m_operands;
-    QHash<QString, QString> m_options;
+    std::vector<std::unique_ptr<Command>> m_commands;
+    QScopedPointer<QCommandLineParser> m_parser;
+    Command *m_command = nullptr; // one of m_commands
     QString m_error;
     bool m_help = false;
-    QString m_helpTopic;
+    bool m_version = false;
 };

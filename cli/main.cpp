@@ -1,4 +1,3 @@
-#include "commandline.h"
 #include "commandrunner.h"
 
 #include <QCoreApplication>
@@ -33,8 +32,8 @@ int main(int argc, char *argv[])
     arguments.removeFirst();
     int status = 0;
     {
-        CommandRunner runner(CommandLine::parse(arguments));
-        status = runner.run();
+        CommandRunner runner;
+        status = runner.run(arguments);
     }
     // What the plugin released with deleteLater (transfers, their access
     // managers, whose destructors wait for their network threads) goes now:

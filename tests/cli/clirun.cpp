@@ -43,14 +43,13 @@ void CliRun::start(const QStringList &arguments)
     m_out.clear();
     m_err.clear();
     m_process.setProcessEnvironment(m_env);
-    if (m_fileSizeLimit < 0) {
-        m_process.start(QStringLiteral(ZTCLI_PATH), arguments);
-    } else {
-        // An ignored signal stays ignored across exec, so ztcli inherits it.
-        const QString script = QStringLiteral("trap '' XFSZ; ulimit -f %1; exec \"$0\" \"$@\"").arg(m_fileSizeLimit);
-        m_process.start(QStringLiteral("/bin/sh"), QStringList{QStringLiteral("-c"), script, QStringLiteral(ZTCLI_PATH)}
-                                                       + arguments);
-    }
+    QStringList command = m_wrapper + QStringList{QStringLiteral(ZTCLI_PATH)} + arguments;
+    // An ignored signal stays ignored across exec, so ztcli inherits it.
+    if (m_fileSizeLimit >= 0)
+        command = QStringList{QStringLiteral("/bin/sh"), QStringLiteral("-c"),
+                              QStringLiteral("trap '' XFSZ; ulimit -f %1; exec \"$0\" \"$@\"").arg(m_fileSizeLimit)}
+                  + command;
+    m_process.start(command.takeFirst(), command);
     m_process.waitForStarted(10000);
 }
 
@@ -65,10 +64,10 @@ bool CliRun::finish(int timeoutMs)
     return ended;
 }
 
-int CliRun::run(const QStringList &arguments, int timeoutMs)
+ExitCode CliRun::run(const QStringList &arguments, int timeoutMs)
 {
     start(arguments);
-    return finish(timeoutMs) ? exitCode() : -1;
+    return finish(timeoutMs) ? exitCode() : ExitCode(-1);
 }
 
 QString CliRun::firstLine(int timeoutMs)
@@ -84,9 +83,7 @@ void CliRun::interrupt()
         ::kill(pid_t(m_process.processId()), SIGINT);
 }
 
-int CliRun::exitCode() const
+ExitCode CliRun::exitCode() const
 {
-    if (m_process.exitStatus() != QProcess::NormalExit)
-        return -1;
-    return m_process.exitCode();
+    return m_process.exitStatus() == QProcess::NormalExit ? ExitCode(m_process.exitCode()) : ExitCode(-1);
 }

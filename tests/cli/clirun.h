@@ -1,9 +1,14 @@
 #pragma once
 
+#include "../../cli/exitcode.h" // the support folder has a fileserviceprocess.h of its own
+
+#include <QHash>
+#include <QMetaType>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
+#include <QTest>
 
 // Runs the built ztcli as a user would, in a private home: HOME and the XDG
 // folders point under the given folder, so settings, caches and partial
@@ -22,6 +27,8 @@ public:
     // "ulimit -f"), with SIGXFSZ ignored: a write past the limit fails with
     // EFBIG, as on a full disk, instead of killing the process. -1: no limit.
     void setFileSizeLimit(qint64 blocks) { m_fileSizeLimit = blocks; }
+    // Runs ztcli under this program, e.g. {"/usr/bin/time", "-f", "%M"}.
+    void setWrapper(const QStringList &program) { m_wrapper = program; }
     // Sends stderr to this file (a terminal's device, say) instead of err().
     void setStderrFile(const QString &path) { m_process.setStandardErrorFile(path, QIODevice::Append); }
     // Reads stdin from this file (a terminal's device, as for someone at it).
@@ -31,15 +38,14 @@ public:
     // True when it ended by itself within timeoutMs; otherwise it is killed.
     bool finish(int timeoutMs = 60000);
     // start() and finish(); the exit status, or -1 after a time-out or crash.
-    int run(const QStringList &arguments, int timeoutMs = 60000);
+    ExitCode run(const QStringList &arguments, int timeoutMs = 60000);
 
     // Waits (bounded) until stdout holds a full line and returns it.
     QString firstLine(int timeoutMs = 20000);
     void interrupt(); // SIGINT, as Ctrl-C sends it
-    qint64 pid() const { return m_process.processId(); }
     bool isRunning() const { return m_process.state() != QProcess::NotRunning; }
 
-    int exitCode() const;
+    ExitCode exitCode() const;
     QString out() const { return QString::fromUtf8(m_out); }
     QString err() const { return QString::fromUtf8(m_err); }
     QString output() const { return out() + err(); }
@@ -52,4 +58,20 @@ private:
     QByteArray m_out;
     QByteArray m_err;
     qint64 m_fileSizeLimit = -1;
+    QStringList m_wrapper;
 };
+
+Q_DECLARE_METATYPE(ExitCode)
+
+// A failed comparison of exit statuses names them.
+namespace QTest {
+template <>
+inline char *toString(const ExitCode &code)
+{
+    static const QHash<int, const char *> names{
+        {ExitSuccess, "ExitSuccess"}, {ExitNotFound, "ExitNotFound"}, {ExitUsage, "ExitUsage"},
+        {ExitServer, "ExitServer"},   {ExitTransfer, "ExitTransfer"}, {ExitSetup, "ExitSetup"},
+        {ExitInterrupted, "ExitInterrupted"}};
+    return qstrdup(QByteArray(names.value(code, "not an exit status")) + " (" + QByteArray::number(int(code)) + ')');
+}
+} // namespace QTest

@@ -5,8 +5,8 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
-#include <QProcess>
 #include <QFile>
+#include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QTcpSocket>
@@ -20,8 +20,9 @@
 #include <unistd.h>
 
 namespace {
-// A pseudo-terminal of a given width whose output the test reads raw (no
-// newline translation), with the device path a process can write to.
+constexpr qint64 MiB = 1024 * 1024; // --chunk-size-mb 1: the download chunk
+
+// A raw pseudo-terminal of a given width; the test reads what it shows.
 struct Terminal
 {
     explicit Terminal(int columns)
@@ -41,402 +42,321 @@ struct Terminal
     }
     ~Terminal()
     {
-        for (int fd : {master, slave}) {
-            if (fd >= 0)
-                ::close(fd);
-        }
+        ::close(master);
+        ::close(slave);
     }
     void read()
     {
         char buffer[4096];
-        ssize_t n = 0;
-        while ((n = ::read(master, buffer, sizeof buffer)) > 0)
+        for (ssize_t n; (n = ::read(master, buffer, sizeof buffer)) > 0;)
             shown.append(buffer, int(n));
     }
-
     int master = -1;
     int slave = -1; // kept open, so that reading never sees the end early
     QString path;
     QByteArray shown;
 };
+
+QByteArray randomBytes(qint64 size)
+{
+    QByteArray data(int(size), Qt::Uninitialized);
+    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32 *>(data.data()), data.size() / 4);
+    return data;
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+qint64 bytesUnder(const QString &folder)
+{
+    qint64 sum = 0;
+    for (QDirIterator it(folder, QDir::Files, QDirIterator::Subdirectories); it.hasNext();)
+        sum += QFileInfo(it.next()).size();
+    return sum;
+}
+
+// A scripted service holding one file: its listing, and its bytes as rewrite() leaves them.
+void serveOne(ScriptedServer &server, const QByteArray &name, const QByteArray &content,
+              const std::function<void(const ScriptedRequest &, ScriptedResponse &)> &rewrite = nullptr)
+{
+    server.setHandler([=](const ScriptedRequest &request) {
+        if (request.path() == QLatin1String("/download/pathList"))
+            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": ")" + name + R"(", "fileSize": )"
+                                          + QByteArray::number(content.size()) + R"(, "etag": "v1", "modified": 0}]})");
+        ScriptedResponse response = ScriptedResponse::file(content, request, "\"v1\"", name);
+        if (rewrite)
+            rewrite(request, response);
+        return response;
+    });
+}
+
+QStringList download(const QString &server, const QString &temp, const QString &name, const QString &target)
+{
+    return {"--server", server, "--temp", temp, "--chunk-size-mb", "1", "download", name, "--to", target};
+}
 } // namespace
 
 // Transfers through ztcli and the plugin: round trips against the reference
-// file service, the existence query, Ctrl-C and resume, and the demo.
+// file service, Ctrl-C and resume, time-outs, full disks, guarded services,
+// progress on a terminal and off it, and the demo.
 class tst_ZtcliTransfers : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
     void initTestCase();
-    void cleanupTestCase();
     void uploadThenDownload_data();
     void uploadThenDownload();
-    void secondDownloadGetsAFreeName();
-    void existsTellsStoredFromMissing_data();
-    void existsTellsStoredFromMissing();
-    void interruptedDownloadResumes();
+    void stopThenResume_data();
+    void stopThenResume();
     void manyFilesUnderASmallDescriptorLimit();
-    void interruptedMergeResumes();
-    void secondInterruptDiscardsThePartialDownload_data();
-    void secondInterruptDiscardsThePartialDownload();
-    void stalledDownloadTimesOut_data();
-    void stalledDownloadTimesOut();
     void guardedService_data();
     void guardedService();
-    void fullDiskThenResume_data();
-    void fullDiskThenResume();
     void demoRunsEndToEnd();
     void barFitsANarrowTerminal_data();
     void barFitsANarrowTerminal();
     void progressLinesArriveWhileItRuns();
 
 private:
-    static QByteArray randomBytes(qint64 size);
-    // The service's answer to "/download/pathList" for one stored file.
-    static ScriptedResponse listingOf(const QByteArray &name, qint64 size, const QByteArray &etag = QByteArray());
-    static QByteArray readFile(const QString &path);
-    static qint64 bytesUnder(const QString &folder);
-    QString writeLocal(const QString &name, const QByteArray &content);
+    QString store(const QString &name, const QByteArray &content, const QString &folder = QString());
 
     QTemporaryDir m_home;
     QTemporaryDir m_store;
-    QTemporaryDir m_local;
-    CliRun *m_service = nullptr;
+    QScopedPointer<CliRun> m_service; // kills the service at the end
     QString m_url;
 };
 
-QByteArray tst_ZtcliTransfers::randomBytes(qint64 size)
+QString tst_ZtcliTransfers::store(const QString &name, const QByteArray &content, const QString &folder)
 {
-    QByteArray data(int(size), Qt::Uninitialized);
-    auto *words = reinterpret_cast<quint32 *>(data.data());
-    QRandomGenerator::global()->fillRange(words, data.size() / 4);
-    for (int i = data.size() / 4 * 4; i < data.size(); ++i)
-        data[i] = char(QRandomGenerator::global()->generate());
-    return data;
-}
-
-ScriptedResponse tst_ZtcliTransfers::listingOf(const QByteArray &name, qint64 size, const QByteArray &etag)
-{
-    const QByteArray version = etag.isEmpty() ? QByteArray() : R"(, "etag": ")" + etag + R"(", "modified": 0)";
-    return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": ")" + name + R"(", "fileSize": )"
-                                  + QByteArray::number(size) + version + "}]}");
-}
-
-QByteArray tst_ZtcliTransfers::readFile(const QString &path)
-{
+    const QString path = QDir(folder.isEmpty() ? m_store.path() : folder).filePath(name);
     QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
-
-qint64 tst_ZtcliTransfers::bytesUnder(const QString &folder)
-{
-    qint64 sum = 0;
-    QDirIterator it(folder, QDir::Files, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        it.next();
-        sum += it.fileInfo().size();
-    }
-    return sum;
-}
-
-QString tst_ZtcliTransfers::writeLocal(const QString &name, const QByteArray &content)
-{
-    const QString path = QDir(m_local.path()).filePath(name);
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        return QString();
-    return path;
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size() ? path : QString();
 }
 
 void tst_ZtcliTransfers::initTestCase()
 {
-    QVERIFY(m_home.isValid() && m_store.isValid() && m_local.isValid());
-    m_service = new CliRun(m_home.path());
+    QVERIFY(m_home.isValid() && m_store.isValid());
+    m_service.reset(new CliRun(m_home.path()));
     m_service->start({"serve", "--root", m_store.path(), "--port", "0"});
     m_url = m_service->firstLine();
     QVERIFY2(m_url.startsWith(QLatin1String("http://127.0.0.1:")), qPrintable(m_service->output()));
 }
 
-void tst_ZtcliTransfers::cleanupTestCase()
-{
-    delete m_service;
-}
-
 void tst_ZtcliTransfers::uploadThenDownload_data()
 {
     QTest::addColumn<qint64>("size");
-    const qint64 chunk = 1024 * 1024; // --chunk-size-mb 1 for downloads
     QTest::newRow("empty") << qint64(0);
-    QTest::newRow("one byte") << qint64(1);
-    QTest::newRow("one chunk less a byte") << chunk - 1;
-    QTest::newRow("one chunk and a byte") << chunk + 1;
-    QTest::newRow("several chunks, odd size") << 5 * chunk + 3;
+    QTest::newRow("one chunk and a byte") << MiB + 1;
+    QTest::newRow("several chunks, odd size") << 3 * MiB + 3;
 }
 
+// Each file goes up and comes back whole; a second download of it lands
+// beside the first under a free name, and --output replaces what it names.
 void tst_ZtcliTransfers::uploadThenDownload()
 {
     QFETCH(qint64, size);
     const QString name = QStringLiteral("round-%1.bin").arg(size);
     const QByteArray content = randomBytes(size);
-    const QString source = writeLocal(name, content);
-    QVERIFY(!source.isEmpty());
-
+    QTemporaryDir local;
+    const QString source = store(name, content, local.path());
     CliRun cli(m_home.path());
-    QCOMPARE(cli.run({"--server", m_url, "upload", source}), 0);
+    QCOMPARE(cli.run({"--server", m_url, "upload", source}), ExitSuccess);
     QVERIFY2(cli.out().contains(QStringLiteral("uploaded %1").arg(source)), qPrintable(cli.output()));
     QVERIFY(readFile(QDir(m_store.path()).filePath(name)) == content);
     // Progress goes to stderr; stdout carries only the results.
-    QVERIFY2(cli.err().contains(QLatin1String("done:")) && !cli.out().contains(QLatin1String("done:")),
-             qPrintable(cli.output()));
+    QVERIFY2(cli.err().contains(QLatin1String("done:")) && !cli.out().contains(QLatin1String("done:")), qPrintable(cli.output()));
 
-    QTemporaryDir target;
-    QCOMPARE(cli.run({"-q", "--server", m_url, "--chunk-size-mb", "1", "download", name, "--to", target.path()}), 0);
-    const QString path = QDir(target.path()).filePath(name);
-    QVERIFY2(cli.out().contains(QStringLiteral("downloaded %1 to %2").arg(name, path)), qPrintable(cli.output()));
-    QVERIFY(readFile(path) == content);
+    const QString back = local.filePath("back");
+    const QStringList args = QStringList{"-q"} + download(m_url, local.filePath("partial"), name, back);
+    QCOMPARE(cli.run(args), ExitSuccess);
+    QVERIFY2(cli.out().contains(QStringLiteral("downloaded %1 to %2/%1").arg(name, back)), qPrintable(cli.output()));
+    QVERIFY(readFile(QDir(back).filePath(name)) == content);
     QVERIFY2(!cli.output().contains(QLatin1String("done:")), qPrintable(cli.output())); // quiet
-}
-
-void tst_ZtcliTransfers::secondDownloadGetsAFreeName()
-{
-    const QByteArray content = randomBytes(300000);
-    QFile stored(QDir(m_store.path()).filePath(QStringLiteral("twice.dat")));
-    QVERIFY(stored.open(QIODevice::WriteOnly));
-    stored.write(content);
-    stored.close();
-
-    QTemporaryDir target;
-    CliRun cli(m_home.path());
-    const QStringList args{"--server", m_url, "download", "twice.dat", "--to", target.path()};
-    QCOMPARE(cli.run(args), 0);
-    // A name the service does not have is reported; the others still come,
-    // and the exit status tells that one was missing.
-    QCOMPARE(cli.run(args + QStringList{"nope.dat"}), 1);
+    // A name the service does not have is reported; the others still come.
+    QCOMPARE(cli.run(args + QStringList{"nope.dat"}), ExitNotFound);
     QVERIFY2(cli.err().contains(QLatin1String("nope.dat: not on the service")), qPrintable(cli.output()));
-    // The first copy is kept; the second lands beside it and ztcli says where.
-    const QString second = QDir(target.path()).filePath(QStringLiteral("twice(1).dat"));
+    const QString second = QDir(back).filePath(QStringLiteral("round-%1(1).bin").arg(size));
     QVERIFY2(cli.out().contains(second), qPrintable(cli.output()));
-    QVERIFY(readFile(QDir(target.path()).filePath(QStringLiteral("twice.dat"))) == content);
+    QVERIFY(readFile(QDir(back).filePath(name)) == content && readFile(second) == content);
+    QVERIFY(!store(second, "old", back).isEmpty());
+    QCOMPARE(cli.run({"--server", m_url, "download", name, "-o", second}), ExitSuccess);
     QVERIFY(readFile(second) == content);
-
-    // --output replaces the file it names, and leaves no copy under a free name.
-    QFile old(second);
-    QVERIFY(old.open(QIODevice::WriteOnly | QIODevice::Truncate) && old.write("old") == 3);
-    old.close();
-    QCOMPARE(cli.run({"--server", m_url, "download", "twice.dat", "-o", second}), 0);
-    QVERIFY(readFile(second) == content);
-    QCOMPARE(QDir(target.path()).entryList(QDir::Files).size(), 2);
+    QCOMPARE(QDir(back).entryList(QDir::Files).size(), 2);
 }
 
-void tst_ZtcliTransfers::existsTellsStoredFromMissing_data()
+// How the first run of stopThenResume() ends early, and what the service holds back for it.
+enum Ending {
+    CtrlC,               // after two chunks; the others are held
+    CtrlCTwice,          // while the probe is held
+    CtrlCTwiceAfterStop, // at a terminal, once the stop has ended the transfer; chunks are held after 1000 bytes
+    CtrlCAtMerge,        // from inside ztcli, at the fourth copy of the merge
+    Stall,               // the second chunk is held, once
+    FullDisk             // a file-size limit
+};
+
+void tst_ZtcliTransfers::stopThenResume_data()
 {
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<int>("status");
+    QTest::addColumn<int>("ending");
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<qint64>("blocks");  // FullDisk: the limit in 512-byte blocks
+    QTest::addColumn<bool>("clear");     // partial --clear before the next run
+    QTest::addColumn<ExitCode>("status");
     QTest::addColumn<QString>("says");
-    QTest::newRow("stored") << "exists-here.txt" << 0 << "exists-here.txt: stored, 11 bytes";
-    QTest::newRow("not stored") << "exists-nowhere.txt" << 1 << "exists-nowhere.txt: not on the service";
-    QTest::newRow("name with a blank and umlaut") << QString::fromUtf8("ä b.txt") << 0
-                                                  << QString::fromUtf8("ä b.txt: stored, 11 bytes");
+    QTest::addColumn<qint64>("largest"); // the largest chunk file left; -1: not checked
+    const auto row = [](const char *tag, Ending ending, ExitCode status, const QString &says, const QStringList &options = {},
+                        qint64 blocks = -1, qint64 largest = -1, bool clear = false) {
+        QTest::newRow(tag) << int(ending) << options << blocks << clear << status << says << largest;
+    };
+    const QString stopped = QStringLiteral("Stopped (20716)");
+    row("Ctrl-C mid-download", CtrlC, ExitInterrupted, stopped);
+    row("Ctrl-C twice while it runs", CtrlCTwice, ExitInterrupted, "Aborting; partial data is discarded.");
+    row("Ctrl-C twice at a terminal, after the stop", CtrlCTwiceAfterStop, ExitInterrupted, "Aborted (20717)");
+    row("Ctrl-C during the merge", CtrlCAtMerge, ExitInterrupted, stopped);
+    row("Ctrl-C during the merge, then partial --clear", CtrlCAtMerge, ExitInterrupted, stopped, {}, -1, -1, true);
+    row("no progress: --timeout", Stall, ExitTransfer, "no progress for 2 s", {"--timeout", "2"});
+    row("no progress: --retry", Stall, ExitSuccess, "retrying in 1 s (1 of 1)", {"--timeout", "2", "--retry", "1"});
+    // The write that met the limit kept what fitted, or the chunk was whole when the merge failed.
+    row("no room for a byte", FullDisk, ExitTransfer, "FileError (20699)", {}, 0, 0);
+    row("room for half a chunk", FullDisk, ExitTransfer, "FileError (20699)", {}, 1000, 512000);
+    row("room for every chunk, not for the merged file", FullDisk, ExitTransfer, "MergeError (20735)", {}, 3000, MiB + 1);
 }
 
-void tst_ZtcliTransfers::existsTellsStoredFromMissing()
+// A download that ends early leaves only true bytes of the file behind, which
+// exists and partial count and the next run resumes from, fetching only what
+// is missing; a second Ctrl-C leaves nothing. The service holds chunks and the
+// Ctrl-C during the merge comes from inside ztcli (a preloaded
+// copy_file_range sends it), so no run races the test.
+void tst_ZtcliTransfers::stopThenResume()
 {
-    QFETCH(QString, name);
-    QFETCH(int, status);
+    QFETCH(int, ending);
+    QFETCH(QStringList, options);
+    QFETCH(qint64, blocks);
+    QFETCH(bool, clear);
+    QFETCH(ExitCode, status);
     QFETCH(QString, says);
-    for (const char *stored : {"exists-here.txt", "ä b.txt"}) {
-        QFile file(QDir(m_store.path()).filePath(QString::fromUtf8(stored)));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("hello world");
-    }
-    CliRun cli(m_home.path());
-    QCOMPARE(cli.run({"--server", m_url, "exists", name}), status);
-    QVERIFY2(cli.out().contains(says), qPrintable(cli.output()));
-    if (status == 0)
-        QVERIFY2(cli.out().contains(QLatin1String("no partial download under")), qPrintable(cli.output()));
-}
-
-// Ctrl-C mid-download stops through the reply's stop(): the chunks stay, the
-// existence query sees them, and the next run fetches only what is missing.
-// The server is scripted so that the first run is certain to be mid-way:
-// two chunks are answered, the others held until the interrupt.
-void tst_ZtcliTransfers::interruptedDownloadResumes()
-{
-    const qint64 chunk = 1024 * 1024;
-    const QByteArray content = randomBytes(6 * chunk + 123);
-    const QByteArray etag = "\"v1\"";
-    bool holdAfterTwo = true;
-    int chunksAnswered = 0;
-
+    QFETCH(qint64, largest);
+    const QByteArray content = randomBytes(4 * MiB + 5);
+    const QByteArray digest = "sha-256=:" + QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64() + ':';
+    bool holding = ending != CtrlCAtMerge && ending != FullDisk;
+    int chunks = 0;
     ScriptedServer server;
     QVERIFY(server.start());
-    server.setHandler([&](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/download/pathList"))
-            return listingOf("big.bin", content.size(), "v1");
-        if (request.path() != QLatin1String("/download"))
-            return ScriptedResponse::json("{}", 404);
-        ScriptedResponse response = ScriptedResponse::file(content, request, etag, "big.bin");
-        if (request.header("Range") != "bytes=0-1" && holdAfterTwo && ++chunksAnswered > 2)
+    serveOne(server, "r.bin", content, [&](const ScriptedRequest &request, ScriptedResponse &response) {
+        response.header("Repr-Digest", digest);
+        // Only CtrlCTwice holds the probe, only the others chunks.
+        const bool probe = request.header("Range") == "bytes=0-1";
+        if (!holding || probe != (ending == CtrlCTwice))
+            return;
+        if (ending == CtrlCTwice || (ending == CtrlC && ++chunks > 2))
             response.hold = true;
-        return response;
+        else if (ending == CtrlCTwiceAfterStop)
+            response.holdAfterBytes = 1000; // the content folder is this run's by then
+        else if (ending == Stall && request.header("Range").startsWith("bytes=1048576-"))
+            response.hold = true;
+        if (ending == Stall && response.hold)
+            holding = false; // once
     });
-
     QTemporaryDir temp;
     QTemporaryDir target;
-    const QString result = QDir(target.path()).filePath(QStringLiteral("big.bin"));
-    const QStringList args{"--server", server.baseUrl(), "--temp", temp.path(), "--chunk-size-mb", "1",
-                           "download", "big.bin", "--to", target.path()};
+    const QString result = QDir(target.path()).filePath(QStringLiteral("r.bin"));
+    const QStringList args = download(server.baseUrl(), temp.path(), "r.bin", target.path());
 
+    Terminal terminal(80);
     CliRun first(m_home.path());
-    first.start(args);
-    QTRY_VERIFY_WITH_TIMEOUT(bytesUnder(temp.path()) >= 2 * chunk && server.heldCount() > 0, 30000);
-    first.interrupt();
-    QVERIFY(first.finish(20000));
-    QCOMPARE(first.exitCode(), 130);
-    QVERIFY2(first.err().contains(QLatin1String("Stopped (20716)")), qPrintable(first.output()));
+    first.setFileSizeLimit(blocks);
+    if (ending == CtrlCTwiceAfterStop)
+        first.setStdinFile(terminal.path);
+    if (ending == CtrlCAtMerge) {
+        first.setEnv("LD_PRELOAD", ZT_INTERRUPT_SHIM);
+        first.setEnv("ZT_INTERRUPT_AT_COPY", "4");
+        first.setEnv("ASAN_OPTIONS", qEnvironmentVariable("ASAN_OPTIONS") + ":verify_asan_link_order=0");
+    }
+    first.start(options + args);
+    if (ending <= CtrlCTwiceAfterStop) {
+        QTRY_VERIFY_WITH_TIMEOUT(server.heldCount() > 0 && (ending != CtrlC || bytesUnder(temp.path()) >= 2 * MiB), 30000);
+        first.interrupt();
+        holding = false;
+    }
+    if (ending == CtrlCTwice || ending == CtrlCTwiceAfterStop) {
+        QTRY_VERIFY_WITH_TIMEOUT(first.err().contains(QLatin1String("Press Ctrl-C again")), 10000);
+        if (ending == CtrlCTwiceAfterStop) // the stop has ended the transfer: its last line is out
+            QTRY_VERIFY_WITH_TIMEOUT(first.err().contains(QLatin1String("ended at")), 10000);
+        QVERIFY(first.isRunning());
+        first.interrupt();
+        if (ending == CtrlCTwice)
+            QTRY_VERIFY_WITH_TIMEOUT(first.err().contains(says), 10000);
+        server.release();
+    }
+    QVERIFY(first.finish(60000));
+    QCOMPARE(first.exitCode(), status);
+    QVERIFY2(first.err().contains(says), qPrintable(first.output()));
+    QCOMPARE(holding, false);
+    if (status == ExitSuccess) {
+        QVERIFY(readFile(result) == content);
+        return;
+    }
     QVERIFY(!QFile::exists(result));
-    const qint64 kept = bytesUnder(temp.path());
-    QVERIFY(kept >= 2 * chunk);
+    if (ending == CtrlCTwice || ending == CtrlCTwiceAfterStop) {
+        QVERIFY2(first.err().contains(QStringLiteral("Removed the partial download in %1/").arg(temp.path())), qPrintable(first.output()));
+        QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
+    }
+    // Chunk n starts at (n - 1) MiB; each file must be a prefix of its range, as the merged part is of the file.
+    qint64 largestLeft = 0;
+    for (QDirIterator it(temp.path(), QDir::Files, QDirIterator::Subdirectories); it.hasNext();) {
+        const QString path = it.next();
+        const qint64 start = (it.fileName().toLongLong() - 1) * MiB;
+        const QByteArray kept = readFile(path);
+        QVERIFY2(start >= 0 && kept == content.mid(int(start), kept.size()) && kept.size() <= MiB + 1, qPrintable(path));
+        largestLeft = qMax<qint64>(largestLeft, kept.size());
+    }
+    if (largest >= 0)
+        QCOMPARE(largestLeft, largest);
+    const QByteArray merged = QFile::exists(result + ".ztmerge") ? readFile(result + ".ztmerge") : QByteArray();
+    QVERIFY(content.startsWith(merged));
+    QCOMPARE(merged.size() >= 3 * MiB, ending == CtrlCAtMerge);
+    CliRun ask(m_home.path());
+    if (clear) { // a merged part goes with its folder
+        QCOMPARE(ask.run({"--temp", temp.path(), "partial", "--clear"}), ExitSuccess);
+        QVERIFY(!QFile::exists(result + ".ztmerge"));
+        QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden), QStringList());
+    }
+    // Chunk files overlap by a byte, and a failed merge keeps its chunks.
+    const qint64 kept = clear ? 0 : qMin<qint64>(bytesUnder(temp.path()) + merged.size(), content.size());
+    if (kept > 0) {
+        QCOMPARE(ask.run({"--temp", temp.path(), "partial"}), ExitSuccess); // names the file, from the plugin's plan
+        QVERIFY2(ask.out().startsWith(QLatin1String("r.bin  ")) && ask.out().contains(QLatin1String(" of 4.0 MiB (")),
+                 qPrintable(ask.output()));
+        QCOMPARE(ask.run({"--server", server.baseUrl(), "--temp", temp.path(), "exists", "r.bin"}), ExitSuccess);
+        QVERIFY2(!merged.isEmpty() || ask.out().contains(QStringLiteral("; %1 bytes").arg(kept)), qPrintable(ask.output()));
+    }
 
-    CliRun exists(m_home.path());
-    QCOMPARE(exists.run({"--server", server.baseUrl(), "--temp", temp.path(), "exists", "big.bin"}), 0);
-    QVERIFY2(exists.out().contains(QStringLiteral("%1 bytes").arg(kept)), qPrintable(exists.output()));
-    QCOMPARE(exists.run({"--temp", temp.path(), "partial"}), 0); // names the file, from the plugin's plan
-    QVERIFY2(exists.out().startsWith(QLatin1String("big.bin  ")) && exists.out().contains(QLatin1String(" of 6.0 MiB (")),
-             qPrintable(exists.output()));
-
-    holdAfterTwo = false;
     const qint64 sentBefore = server.bodyBytesSent();
     CliRun second(m_home.path());
-    QCOMPARE(second.run(args), 0);
+    QCOMPARE(second.run(args), ExitSuccess);
     QVERIFY(readFile(result) == content);
     // It says how far the first run had come, from what was on disk.
     const QString resumedAt = QStringLiteral("(resumed at %1%)").arg(int(100.0 * double(kept) / content.size()));
-    QVERIFY2(second.err().contains(resumedAt), qPrintable(resumedAt + " in " + second.output()));
-    // Only the missing chunks travelled again, plus their overlap bytes, the
-    // probe's two bytes and the listing ztcli asks for before it downloads.
+    QVERIFY2(kept == 0 || !merged.isEmpty() || second.err().contains(resumedAt), qPrintable(resumedAt + " in " + second.output()));
+    // Only the missing bytes travelled again, plus the chunks' overlap bytes,
+    // the probe's two bytes and the listing ztcli asks for before it downloads.
     const qint64 resent = server.bodyBytesSent() - sentBefore;
-    QVERIFY2(resent <= content.size() - kept + 512,
-             qPrintable(QStringLiteral("resent %1 of %2 bytes").arg(resent).arg(content.size())));
-    QCOMPARE(bytesUnder(temp.path()), qint64(0)); // the merged chunks are gone
-}
-
-// Ctrl-C while the chunks are being merged stops the merge (exit 130) and
-// keeps what it merged, which "partial" counts; the next run fetches no chunk
-// again and goes on from there, and "partial --clear" drops a merged part with
-// its folder. The interrupt comes from inside ztcli, as the merge copies its
-// fourth chunk (a preloaded copy_file_range sends it), so the test never races
-// the merge.
-void tst_ZtcliTransfers::interruptedMergeResumes()
-{
-    const qint64 chunk = 1024 * 1024;
-    const QByteArray content = randomBytes(24 * chunk + 5);
-    const QByteArray digest = QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64();
-    ScriptedServer server;
-    QVERIFY(server.start());
-    server.setHandler([&](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/download/pathList"))
-            return listingOf("m.bin", content.size(), "m1");
-        return ScriptedResponse::file(content, request, "\"m1\"", "m.bin").header("Repr-Digest", "sha-256=:" + digest + ":");
-    });
-    QTemporaryDir temp;
-    QTemporaryDir target;
-    const QString result = QDir(target.path()).filePath(QStringLiteral("m.bin"));
-    const QStringList args{"--server", server.baseUrl(), "--temp", temp.path(), "--chunk-size-mb", "1",
-                           "download", "m.bin", "--to", target.path()};
-
-    const auto interrupted = [&] {
-        CliRun run(m_home.path());
-        run.setEnv("LD_PRELOAD", ZT_INTERRUPT_SHIM);
-        run.setEnv("ZT_INTERRUPT_AT_COPY", "4");
-        run.setEnv("ASAN_OPTIONS", qEnvironmentVariable("ASAN_OPTIONS") + ":verify_asan_link_order=0");
-        const int status = run.run(args);
-        return status == 130 && run.err().contains(QLatin1String("Stopped (20716)")) ? QString() : run.output();
-    };
-    QCOMPARE(interrupted(), QString());
-    QVERIFY(!QFile::exists(result));
-    const qint64 merged = QFileInfo(result + ".ztmerge").size();
-    QVERIFY2(merged >= 3 * chunk && merged < content.size(), qPrintable(QString::number(merged)));
-    CliRun partial(m_home.path());
-    QCOMPARE(partial.run({"--temp", temp.path(), "partial"}), 0);
-    QVERIFY2(partial.out().startsWith(QLatin1String("m.bin  24.0 MiB of 24.0 MiB (100%)")), qPrintable(partial.output()));
-
-    const qint64 sentBefore = server.bodyBytesSent();
-    CliRun second(m_home.path());
-    QCOMPARE(second.run(args), 0);
-    QVERIFY(readFile(result) == content);
+    QVERIFY2(resent <= content.size() - kept + 512, qPrintable(QStringLiteral("resent %1 bytes").arg(resent)));
     QVERIFY(!QFile::exists(result + ".ztmerge"));
-    // The probe's two bytes and the listing: not one chunk again.
-    QVERIFY2(server.bodyBytesSent() - sentBefore <= 512, qPrintable(QString::number(server.bodyBytesSent() - sentBefore)));
     QCOMPARE(bytesUnder(temp.path()), qint64(0));
-
-    QCOMPARE(interrupted(), QString()); // into m(1).bin this time
-    const QString again = QDir(target.path()).filePath(QStringLiteral("m(1).bin.ztmerge"));
-    QVERIFY(QFile::exists(again));
-    QCOMPARE(partial.run({"--temp", temp.path(), "partial", "--clear"}), 0);
-    QVERIFY(!QFile::exists(again));
-    QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden), QStringList());
 }
 
-// A service that stops sending mid-download: --timeout stops the transfer
-// (exit 4, resumable) and --retry runs it again, from what is on disk.
-void tst_ZtcliTransfers::stalledDownloadTimesOut_data()
-{
-    QTest::addColumn<QString>("retries");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QString>("says");
-    QTest::newRow("no retry") << "0" << 4 << "no progress for 2 s";
-    QTest::newRow("one retry") << "1" << 0 << "retrying in 1 s (1 of 1)";
-}
-
-void tst_ZtcliTransfers::stalledDownloadTimesOut()
-{
-    QFETCH(QString, retries);
-    QFETCH(int, status);
-    QFETCH(QString, says);
-    const QByteArray content = randomBytes(3 * 1024 * 1024 + 5);
-    bool held = false;
-    ScriptedServer server;
-    QVERIFY(server.start());
-    server.setHandler([&](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/download/pathList"))
-            return listingOf("s.bin", content.size(), "s");
-        ScriptedResponse response = ScriptedResponse::file(content, request, "\"s\"", "s.bin");
-        if (request.header("Range").startsWith("bytes=1048576-") && !held)
-            response.hold = held = true; // the second chunk, once
-        return response;
-    });
-    QTemporaryDir temp;
-    QTemporaryDir target;
-    CliRun cli(m_home.path());
-    QCOMPARE(cli.run({"--server", server.baseUrl(), "--temp", temp.path(), "--chunk-size-mb", "1", "--timeout", "2",
-                      "--retry", retries, "download", "s.bin", "--to", target.path()}, 60000),
-             status);
-    QVERIFY2(cli.err().contains(says), qPrintable(cli.output()));
-    QVERIFY(held);
-    if (status == 0)
-        QVERIFY(readFile(QDir(target.path()).filePath(QStringLiteral("s.bin"))) == content);
-    else
-        QVERIFY(bytesUnder(temp.path()) > 0); // kept for the next run
-}
-
-// Two Ctrl-C while the plugin still probes: the download is aborted as soon as
-// it has started, and ztcli removes the folder of partial data it promised to
-// discard, naming it. Nothing of the content is left under --temp.
 // A batch of 400 files holds more descriptors at once than the soft limit of
 // 256 that ztcli starts with here; it takes the hard limit, as a shell's 1024
 // would otherwise stop a batch of a thousand.
 void tst_ZtcliTransfers::manyFilesUnderASmallDescriptorLimit()
 {
-    QStringList names;
     QMap<QString, QByteArray> contents;
     for (int i = 0; i < 400; ++i) {
         const QString name = QStringLiteral("limit-%1.bin").arg(i, 3, 10, QLatin1Char('0'));
-        QFile stored(QDir(m_store.path()).filePath(name));
-        const QByteArray content = randomBytes(1000 + i);
-        QVERIFY(stored.open(QIODevice::WriteOnly) && stored.write(content) == content.size());
-        contents.insert(name, content);
-        names << name;
+        contents.insert(name, randomBytes(1000 + 4 * i));
+        QVERIFY(!store(name, contents.value(name)).isEmpty());
     }
     QTemporaryDir temp;
     QTemporaryDir target;
@@ -447,67 +367,16 @@ void tst_ZtcliTransfers::manyFilesUnderASmallDescriptorLimit()
     limit.rlim_cur = 256; // inherited by ztcli
     QVERIFY(::setrlimit(RLIMIT_NOFILE, &limit) == 0);
     CliRun cli(m_home.path());
-    cli.start(QStringList{"-q", "--server", m_url, "--temp", temp.path(), "download"} + names
+    cli.start(QStringList{"-q", "--server", m_url, "--temp", temp.path(), "download"} + contents.keys()
               + QStringList{"--to", target.path()});
     limit.rlim_cur = soft;
     ::setrlimit(RLIMIT_NOFILE, &limit);
     QVERIFY(cli.finish(120000));
-    QVERIFY2(cli.exitCode() == 0, qPrintable(cli.output()));
+    QVERIFY2(cli.exitCode() == ExitSuccess, qPrintable(cli.output()));
     for (auto it = contents.cbegin(); it != contents.cend(); ++it) {
         QVERIFY2(readFile(QDir(target.path()).filePath(it.key())) == it.value(), qPrintable(it.key()));
         QFile::remove(QDir(m_store.path()).filePath(it.key())); // the store stays as the other tests know it
     }
-}
-
-void tst_ZtcliTransfers::secondInterruptDiscardsThePartialDownload_data()
-{
-    QTest::addColumn<bool>("afterStop"); // the second Ctrl-C comes once the stop has ended the transfer
-    QTest::newRow("while the transfer still runs") << false;
-    QTest::newRow("after the stop, at a terminal") << true;
-}
-
-// A second Ctrl-C aborts and removes the partial data of the download: while
-// it still runs, or, for someone at a terminal, within two seconds of the
-// first one, when the stop has long ended the transfer.
-void tst_ZtcliTransfers::secondInterruptDiscardsThePartialDownload()
-{
-    QFETCH(bool, afterStop);
-    const QByteArray content = randomBytes(3 * 1024 * 1024 + 5);
-    ScriptedServer server;
-    QVERIFY(server.start());
-    server.setHandler([&](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/download/pathList"))
-            return listingOf("a.bin", content.size());
-        ScriptedResponse response = ScriptedResponse::file(content, request, "\"v1\"", "a.bin");
-        if (request.header("Range") == "bytes=0-1")
-            response.hold = !afterStop;
-        else if (afterStop)
-            response.holdAfterBytes = 1000; // the content folder is this run's by then
-        return response;
-    });
-    QTemporaryDir temp;
-    QTemporaryDir target;
-    Terminal terminal(80);
-    CliRun cli(m_home.path());
-    if (afterStop)
-        cli.setStdinFile(terminal.path);
-    cli.start({"--server", server.baseUrl(), "--temp", temp.path(), "--chunk-size-mb", "1", "download", "a.bin",
-               "--to", target.path()});
-    QTRY_VERIFY_WITH_TIMEOUT(server.heldCount() >= 1, 20000);
-    cli.interrupt();
-    QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("Press Ctrl-C again")), 10000);
-    if (afterStop) // the stop has ended the transfer: its last line is out
-        QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("ended at")), 10000);
-    QVERIFY(cli.isRunning());
-    cli.interrupt();
-    if (!afterStop)
-        QTRY_VERIFY_WITH_TIMEOUT(cli.err().contains(QLatin1String("Aborting")), 10000);
-    server.release();
-    QVERIFY(cli.finish(20000));
-    QCOMPARE(cli.exitCode(), 130);
-    QVERIFY2(cli.err().contains(QStringLiteral("Removed the partial download in %1/").arg(temp.path())),
-             qPrintable(cli.output()));
-    QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
 }
 
 void tst_ZtcliTransfers::guardedService_data()
@@ -519,8 +388,9 @@ void tst_ZtcliTransfers::guardedService_data()
 }
 
 // A service that asks for a token, or one that speaks TLS with a certificate
-// of a private authority: with the key (--token, --cacert) an upload of many
-// parts and its download go through byte for byte; without it ztcli says why.
+// of a private authority: with the key (ZT_TOKEN or --token, --cacert) an
+// upload of many parts and its download go through byte for byte; without it
+// ztcli says why.
 void tst_ZtcliTransfers::guardedService()
 {
     QFETCH(QString, guard);
@@ -529,6 +399,7 @@ void tst_ZtcliTransfers::guardedService()
     QTemporaryDir keys;
     QStringList serviceOptions{"--chunk-size", "65536"};
     QStringList key;
+    CliRun cli(m_home.path());
     if (guard == QLatin1String("token")) {
         serviceOptions << "--token" << "s3cret";
         key << "--token" << "s3cret";
@@ -536,112 +407,51 @@ void tst_ZtcliTransfers::guardedService()
         const QString cert = keys.filePath("cert.pem");
         const QString privateKey = keys.filePath("key.pem");
         QProcess openssl;
-        openssl.start("openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
-                                  "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
-                                  privateKey, "-out", cert});
+        openssl.start("openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
+                                  "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", privateKey, "-out", cert});
         QVERIFY(openssl.waitForFinished(30000) && openssl.exitCode() == 0);
         serviceOptions << "--tls-cert" << cert << "--tls-key" << privateKey;
         key << "--cacert" << cert;
     }
     FileServiceProcess service(root.path(), serviceOptions);
     QVERIFY2(service.start(), service.log().constData());
+    const QStringList server{"--server", service.baseUrl()};
+    QCOMPARE(cli.run(server + QStringList{"list"}), ExitServer);
+    QVERIFY2(cli.err().contains(refusal), qPrintable(cli.output()));
 
     const QString name = QStringLiteral("guarded-%1.bin").arg(guard);
     const QByteArray content = randomBytes(5 * 65536 + 17);
-    const QString source = writeLocal(name, content);
-    QTemporaryDir target;
-    CliRun cli(m_home.path());
-    const QStringList server{"--server", service.baseUrl()};
-    QCOMPARE(cli.run(server + QStringList{"list"}), 3);
-    QVERIFY2(cli.err().contains(refusal), qPrintable(cli.output()));
-
-    QCOMPARE(cli.run(server + key + QStringList{"upload", source}), 0);
-    QVERIFY(readFile(QDir(root.path()).filePath(name)) == content);
-    QCOMPARE(cli.run(server + key + QStringList{"download", name, "--to", target.path()}), 0);
-    QVERIFY(readFile(QDir(target.path()).filePath(name)) == content);
-}
-
-void tst_ZtcliTransfers::fullDiskThenResume_data()
-{
-    QTest::addColumn<qint64>("blocks"); // the file-size limit, in 512-byte blocks
-    QTest::addColumn<QString>("says");
-    QTest::newRow("no room for a byte") << qint64(0) << "FileError (20699)";
-    QTest::newRow("room for half a chunk") << qint64(1000) << "FileError (20699)";
-    QTest::newRow("room for every chunk, not for the merged file") << qint64(3000) << "MergeError (20735)";
-}
-
-// A write that fails for want of room (here a file-size limit, so the test
-// needs no mount and no full disk) ends the download with a code; every chunk
-// file holds only true bytes of its range, so the next run, with room again,
-// resumes from them and ends with an identical file.
-void tst_ZtcliTransfers::fullDiskThenResume()
-{
-    QFETCH(qint64, blocks);
-    QFETCH(QString, says);
-    const qint64 chunk = 1024 * 1024;
-    const QString name = QStringLiteral("full-%1.bin").arg(blocks);
-    const QByteArray content = randomBytes(3 * chunk + 77);
-    QFile stored(QDir(m_store.path()).filePath(name));
-    QVERIFY(stored.open(QIODevice::WriteOnly) && stored.write(content) == content.size());
-    stored.close();
-
-    QTemporaryDir temp;
-    QTemporaryDir target;
-    const QStringList args{"--server", m_url, "--temp", temp.path(), "--chunk-size-mb", "1",
-                           "download", name, "--to", target.path()};
-    CliRun limited(m_home.path());
-    limited.setFileSizeLimit(blocks);
-    QCOMPARE(limited.run(args), 4);
-    QVERIFY2(limited.err().contains(QStringLiteral("download of %1 failed: ").arg(name) + says), qPrintable(limited.output()));
-
-    // Chunk n starts at (n - 1) MiB; each file must be a prefix of its range.
-    qint64 largest = 0;
-    QDirIterator it(temp.path(), QDir::Files, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        const qint64 first = (it.fileName().toLongLong() - 1) * chunk;
-        const QByteArray kept = readFile(path);
-        QVERIFY2(first >= 0 && kept == content.mid(int(first), kept.size()), qPrintable(path));
-        QVERIFY(kept.size() <= chunk + 1);
-        largest = qMax<qint64>(largest, kept.size());
+    QTemporaryDir local;
+    const QString source = store(name, content, local.path());
+    if (guard == QLatin1String("token")) { // the upload takes it from the environment
+        cli.setEnv("ZT_TOKEN", "s3cret");
+        QCOMPARE(cli.run(server + QStringList{"upload", source}), ExitSuccess);
+        cli.unsetEnv("ZT_TOKEN");
+    } else {
+        QCOMPARE(cli.run(server + key + QStringList{"upload", source}), ExitSuccess);
     }
-    // The write that met the limit kept what fitted: no chunk went past it, and
-    // one reached it, or was whole when the merge was what failed.
-    QCOMPARE(largest, qMin(blocks * 512, chunk + 1));
-    const QString destination = QDir(target.path()).filePath(name);
-    QVERIFY2(!QFileInfo::exists(destination), qPrintable(QString::number(QFileInfo(destination).size())));
-
-    CliRun again(m_home.path());
-    QCOMPARE(again.run(args), 0);
-    const QString result =
-        QRegularExpression(QStringLiteral("downloaded \\S+ to (\\S+) \\(")).match(again.out()).captured(1);
-    QVERIFY2(!result.isEmpty(), qPrintable(again.output()));
-    QVERIFY(readFile(result) == content);
-    QCOMPARE(bytesUnder(temp.path()), qint64(0));
+    QVERIFY(readFile(QDir(root.path()).filePath(name)) == content);
+    QCOMPARE(cli.run(server + key + QStringList{"download", name, "--to", local.filePath("back")}), ExitSuccess);
+    QVERIFY(readFile(local.filePath("back/" + name)) == content);
 }
 
+// The demo leaves nothing behind: its work folder is gone and its service stopped.
 void tst_ZtcliTransfers::demoRunsEndToEnd()
 {
     CliRun cli(m_home.path());
-    QCOMPARE(cli.run({"demo", "--size-mb", "8"}, 300000), 0);
+    QCOMPARE(cli.run({"demo", "--size-mb", "1"}, 300000), ExitSuccess);
     const QString out = cli.out();
     QVERIFY2(out.contains(QLatin1String("all 3 files came back identical (SHA-256)")), qPrintable(cli.output()));
-    QVERIFY2(out.contains(QRegularExpression(QStringLiteral("archive\\.bin +8388608 +[0-9a-f]{16} +identical"))),
-             qPrintable(out));
-    QVERIFY(out.contains(QRegularExpression(QStringLiteral("upload +11\\.0 MiB in [0-9.]+ s, [0-9.]+ [KM]iB/s"))));
-
-    // Nothing left behind: the work folder is gone and the service stopped.
+    QVERIFY2(out.contains(QRegularExpression(QStringLiteral("archive\\.bin +1048576 +[0-9a-f]{16} +identical"))), qPrintable(out));
+    QVERIFY(out.contains(QRegularExpression(QStringLiteral("upload +4\\.0 MiB in [0-9.]+ s, [0-9.]+ [KM]iB/s"))));
     const QString work = QRegularExpression(QStringLiteral("working in (\\S+)")).match(out).captured(1);
-    QVERIFY(!work.isEmpty());
-    QVERIFY2(!QFileInfo::exists(work), qPrintable(work));
+    QVERIFY(!work.isEmpty() && !QFileInfo::exists(work));
     const QUrl service(QRegularExpression(QStringLiteral("file service at (\\S+)")).match(out).captured(1));
     QVERIFY(service.port() > 0);
     QTcpSocket probe;
     probe.connectToHost(QStringLiteral("127.0.0.1"), quint16(service.port()));
     QVERIFY(!probe.waitForConnected(2000));
 }
-
-
 
 void tst_ZtcliTransfers::barFitsANarrowTerminal_data()
 {
@@ -658,21 +468,17 @@ void tst_ZtcliTransfers::barFitsANarrowTerminal()
 {
     QFETCH(int, columns);
     const QString name = QStringLiteral("a-file-name-longer-than-the-terminal-%1.bin").arg(columns);
-    QFile stored(QDir(m_store.path()).filePath(name));
-    QVERIFY(stored.open(QIODevice::WriteOnly));
-    stored.write(randomBytes(64 * 1024 * 1024));
-    stored.close();
-
+    QVERIFY(!store(name, randomBytes(4 * MiB)).isEmpty());
     Terminal terminal(columns);
     QVERIFY(!terminal.path.isEmpty());
     QTemporaryDir target;
     CliRun cli(m_home.path());
     cli.setStderrFile(terminal.path);
-    cli.start({"--server", m_url, "--chunk-size-mb", "1", "download", name, "--to", target.path()});
+    cli.start(download(m_url, target.filePath("partial"), name, target.path()));
     QVERIFY(QTest::qWaitFor([&] { terminal.read(); return !cli.isRunning(); }, 60000));
     QVERIFY(cli.finish());
     terminal.read();
-    QCOMPARE(cli.exitCode(), 0);
+    QCOMPARE(cli.exitCode(), ExitSuccess);
 
     // The bar's row, then the summary's: no row left behind by a redraw.
     const QStringList rows = QString::fromUtf8(terminal.shown).remove(QStringLiteral("\033[K")).split('\n');
@@ -680,10 +486,8 @@ void tst_ZtcliTransfers::barFitsANarrowTerminal()
              qPrintable(rows.join(QLatin1String("<NL>"))));
     const QStringList redraws = rows.at(0).split(QLatin1Char('\r'), Qt::SkipEmptyParts);
     QVERIFY2(!redraws.isEmpty() && rows.at(0).startsWith(QLatin1Char('\r')), qPrintable(rows.at(0)));
-    for (const QString &redraw : redraws) {
-        QVERIFY2(redraw.size() <= columns && redraw.contains(QLatin1Char('%')),
-                 qPrintable(QStringLiteral("%1 columns: \"%2\"").arg(columns).arg(redraw)));
-    }
+    for (const QString &redraw : redraws)
+        QVERIFY2(redraw.size() <= columns && redraw.contains(QLatin1Char('%')), qPrintable(redraw));
 }
 
 // Elsewhere progress is whole lines, each written as it is made, about one a
@@ -692,21 +496,16 @@ void tst_ZtcliTransfers::barFitsANarrowTerminal()
 // run while they arrive.
 void tst_ZtcliTransfers::progressLinesArriveWhileItRuns()
 {
-    const int chunk = 1024 * 1024;
-    const QByteArray content = randomBytes(chunk + 4096);
+    const QByteArray content = randomBytes(MiB + 4096);
     ScriptedServer server;
     QVERIFY(server.start());
-    server.setHandler([&](const ScriptedRequest &request) {
-        if (request.path() == QLatin1String("/download/pathList"))
-            return listingOf("d.bin", content.size(), "d");
-        ScriptedResponse response = ScriptedResponse::file(content, request, "\"d\"", "d.bin");
+    serveOne(server, "d.bin", content, [](const ScriptedRequest &request, ScriptedResponse &response) {
         const QByteArray range = request.header("Range");
         if (range.startsWith("bytes=0-") && range != "bytes=0-1") {
             response.dripBytes = 16 * 1024;
             response.dripIntervalMs = 50;
         }
-        response.hold = range.startsWith("bytes=" + QByteArray::number(chunk) + "-");
-        return response;
+        response.hold = range.startsWith("bytes=" + QByteArray::number(MiB) + "-");
     });
     QTemporaryDir temp;
     QTemporaryDir target;
@@ -715,8 +514,7 @@ void tst_ZtcliTransfers::progressLinesArriveWhileItRuns()
     const auto linesSoFar = [&] { return int(cli.err().count(progressLine)); };
     QElapsedTimer clock;
     clock.start();
-    cli.start({"--server", server.baseUrl(), "--temp", temp.path(), "--chunk-size-mb", "1", "download", "d.bin",
-               "--to", target.path()});
+    cli.start(download(server.baseUrl(), temp.path(), "d.bin", target.path()));
     QTRY_VERIFY2_WITH_TIMEOUT(linesSoFar() >= 3, qPrintable(cli.err()), 30000);
     QVERIFY(cli.isRunning());
     const int lines = linesSoFar();
@@ -726,7 +524,7 @@ void tst_ZtcliTransfers::progressLinesArriveWhileItRuns()
     QTRY_COMPARE_WITH_TIMEOUT(server.heldCount(), 1, 20000);
     server.release();
     QVERIFY(cli.finish());
-    QCOMPARE(cli.exitCode(), 0);
+    QCOMPARE(cli.exitCode(), ExitSuccess);
     QVERIFY(readFile(QDir(target.path()).filePath(QStringLiteral("d.bin"))) == content);
     QVERIFY2(cli.err().endsWith(QLatin1Char('\n')) && !cli.err().contains(QLatin1Char('\r')), qPrintable(cli.err()));
 }
