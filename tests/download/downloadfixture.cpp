@@ -73,12 +73,6 @@ QByteArray DownloadFixture::digestOf(const QByteArray &name) const
     return m_digests.value(name);
 }
 
-void DownloadFixture::setContent(const QByteArray &name, const QByteArray &content)
-{
-    m_contents.insert(name, content);
-    m_digests.remove(name);
-}
-
 QString DownloadFixture::chunkFolder(const QByteArray &tag) const
 {
     const QByteArray identity = QByteArray::number(m_size) + tag;
@@ -132,10 +126,3 @@ ZTErrorCode DownloadFixture::downloadOne(const QString &destination, const QStri
     return QTest::qWaitFor([&] { return code != none; }, 30000) ? code : none;
 }
 
-QStringList DownloadFixture::namesAskedFrom(int index) const
-{
-    QStringList names;
-    for (const ScriptedRequest &r : server->requests().mid(index))
-        names << QJsonDocument::fromJson(r.body).object().value("fileName").toString();
-    return names;
-}

@@ -33,7 +33,11 @@ public:
     void serve(qint64 size);
     QByteArray contentOf(const QByteArray &name) const;
     QByteArray digestOf(const QByteArray &name) const;
-    void setContent(const QByteArray &name, const QByteArray &content);
+    void setContent(const QByteArray &name, const QByteArray &content)
+    {
+        m_contents.insert(name, content);
+        m_digests.remove(name);
+    }
     // The content folder of a file served here: its size and its tag make it.
     QString chunkFolder(const QByteArray &tag) const;
     QVariantMap batch(const QStringList &names, const QString &folder) const;
@@ -44,8 +48,6 @@ public:
     // has started. The batch's code, or -1 when it did not end in time.
     ZTErrorCode downloadOne(const QString &destination, const QString &name,
                             const std::function<void(Downloader &)> &whenStarted = nullptr);
-    // Names in the request bodies the server received from the index'th on.
-    QStringList namesAskedFrom(int index) const;
 
     TestEnvironment environment;
     QScopedPointer<QTemporaryDir> temporary; // the engine's chunk folders
