@@ -43,6 +43,8 @@ private:
     QScopedPointer<FileServiceProcess> m_service;
     QScopedPointer<Zephyrtide::Manager> m_host;
     QScopedPointer<ZTServer> m_root;
+    int m_keepAlives = 0; // of the last startDownload()
+    QPair<qint64, qint64> m_lastProgress;
 };
 
 void tst_DownloadEndToEnd::init()
@@ -94,6 +96,8 @@ qint64 tst_DownloadEndToEnd::startDownload(const QVariantMap &params, QVariantLi
     call.wait(60000);
     if (results)
         *results = call.result().value("result").toList();
+    m_keepAlives = call.keepAlives;
+    m_lastProgress = call.progress.value(call.progress.size() - 1);
     return call.finishedCount() == 1 ? call.errorCode() : -1;
 }
 
@@ -135,6 +139,10 @@ void tst_DownloadEndToEnd::sizesAroundTheChunkSizeTwice()
             QCOMPARE(sha256OfFile(path), digests.value(name.section('/', -1)));
         }
         QCOMPARE(chunkFolders(), 0); // merged and cleared
+        QVERIFY(m_keepAlives > 0);
+        QVERIFY(m_lastProgress.second > 0);
+        QEXPECT_FAIL("", "the batch's last report counts one content fetched for two folders once, its total twice", Continue);
+        QCOMPARE(m_lastProgress.first, m_lastProgress.second);
     }
 }
 
