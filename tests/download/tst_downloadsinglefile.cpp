@@ -35,8 +35,6 @@ private Q_SLOTS:
     void stoppedRunResumes();
     void mergeStoppedThenResumed_data();
     void mergeStoppedThenResumed();
-    void onlyChunkKeptWhenPlacingFails_data();
-    void onlyChunkKeptWhenPlacingFails();
     void faultyAnswerThenResume_data();
     void faultyAnswerThenResume();
     void chunkFilesLeftBehind_data();
@@ -102,51 +100,67 @@ void tst_DownloadSingleFile::sameContentTwice()
 void tst_DownloadSingleFile::stoppedRunResumes_data()
 {
     QTest::addColumn<qint64>("size");
-    QTest::addColumn<bool>("ranges"); // the server honours them
-    QTest::addColumn<bool>("stop");   // else the server cuts the chunk's answer off
+    QTest::addColumn<bool>("ranges");    // the server honours them
+    QTest::addColumn<bool>("digest");    // the server states the file's SHA-256
+    QTest::addColumn<QString>("ending"); // of the first run: "stop", "cut" (by the server), "taken" (the name)
     QTest::addColumn<ZTErrorCode>("code");
-    QTest::newRow("one small chunk, stopped: goes on from the bytes held") << 600 * 1024LL << true << true << Error::Stopped;
-    QTest::newRow("no ranges, stopped: starts over") << 3 * MiB + 77 << false << true << Error::Stopped;
-    QTest::newRow("no ranges, cut off: starts over") << 3 * MiB + 77 << false << false << Error::GeneralFailure;
+    const qint64 small = 100 * 1024, large = 3 * MiB + 77;
+    QTest::newRow("one small chunk, stopped: goes on from the bytes held") << 6 * small << true << true << "stop" << Error::Stopped;
+    QTest::newRow("no ranges, stopped: starts over") << large << false << false << "stop" << Error::Stopped;
+    QTest::newRow("no ranges, cut off: starts over") << large << false << false << "cut" << Error::GeneralFailure;
+    QTest::newRow("only chunk not placed: kept whole") << small << true << true << "taken" << Error::MergeError;
+    QTest::newRow("only chunk not placed, no digest: kept whole") << small << true << false << "taken" << Error::MergeError;
 }
 
-// The first chunk's answer stops after 100 KiB, where the run is stopped or
-// cut off. A small file of one chunk writes its plan record only when its run
-// ends short of the file, so the next run asks for the rest alone; a server
-// that ignores ranges answers a resumed chunk with the whole file, so the next
-// run starts over from byte 0, in one request, and joins the right bytes.
+// The first run ends short. A small file of one chunk writes its plan record
+// only then, so the next run asks for the rest alone; a server that ignores
+// ranges answers a resumed chunk with the whole file, so the next run starts
+// over from byte 0 and joins the right bytes. A file of one chunk is placed by
+// renaming its chunk file: when the destination's name is taken by then (a
+// folder), the chunk file is back in its folder, whole, and the next run places
+// it without fetching it again.
 void tst_DownloadSingleFile::stoppedRunResumes()
 {
     QFETCH(qint64, size);
     QFETCH(bool, ranges);
-    QFETCH(bool, stop);
+    QFETCH(bool, digest);
+    QFETCH(QString, ending);
     QFETCH(ZTErrorCode, code);
-    const qint64 sent = 100 * 1024;
+    const qint64 sent = ending == "taken" ? size : 100 * 1024; // in the chunk file after the first run
+    const QString destination = f.target->filePath("d.bin");
     f.serve(size);
     f.shape = [&, first = true](const ScriptedRequest &r, ScriptedResponse &response) mutable {
         if (!ranges)
             response = ScriptedResponse::file(f.contentOf("d.bin"), ScriptedRequest(), "\"d.bin\"");
-        if (r.header("Range") != "bytes=0-1" && std::exchange(first, false))
-            (stop ? response.holdAfterBytes : response.dropAfterBytes) = sent;
+        if (!digest)
+            DownloadFixture::dropDigest(response);
+        if (r.header("Range") == "bytes=0-1" || !std::exchange(first, false))
+            return;
+        if (ending == "taken")
+            QDir().mkpath(destination + "/inside");
+        else
+            (ending == "stop" ? response.holdAfterBytes : response.dropAfterBytes) = sent;
     };
-    const QString destination = f.target->filePath("d.bin");
     const QString folder = f.chunkFolder("d.bin");
     QCOMPARE(f.downloadOne(destination, "d.bin", [&](Downloader &downloader) {
-                 if (stop && QTest::qWaitFor([&] { return f.bytesIn(folder) == sent; }, 10000))
+                 if (ending == "stop" && QTest::qWaitFor([&] { return f.bytesIn(folder) == sent; }, 10000))
                      Q_EMIT downloader.stopAll();
              }),
              code);
     QVERIFY(QFileInfo::exists(folder + "/.plan"));
     QCOMPARE(f.bytesIn(folder), sent);
+    QVERIFY(!QFileInfo::exists(destination + ".ztmerge"));
+    QVERIFY(QDir(destination).removeRecursively());
     f.server->release();
     QVERIFY(f.server->waitUntilQuiet());
     const int before = f.server->requestCount();
     QCOMPARE(f.downloadOne(destination, "d.bin"), Error::NoError);
     const QList<ScriptedRequest> requests = f.server->requests().mid(before);
-    QCOMPARE(requests.size(), 2); // the probe, then one chunk
+    QCOMPARE(requests.size(), sent == size ? 1 : 2); // the probe, then one chunk unless it is whole
     const QByteArray from = "bytes=" + QByteArray::number(ranges ? sent : 0) + "-";
-    QVERIFY2(requests.last().header("Range").startsWith(from), requests.last().header("Range").constData());
+    QVERIFY2(sent == size || requests.last().header("Range").startsWith(from), requests.last().header("Range").constData());
     QCOMPARE(sha256OfFile(destination), f.digestOf("d.bin"));
+    QVERIFY(!QDir(folder).exists());
 }
 
 void tst_DownloadSingleFile::mergeStoppedThenResumed_data()
@@ -229,44 +243,6 @@ void tst_DownloadSingleFile::mergeStoppedThenResumed()
     QVERIFY(!QFileInfo::exists(merged));
     QVERIFY(!QDir(folder).exists());
     QVERIFY2(peak <= size + 2 * chunk, qPrintable(QStringLiteral("%1 bytes held, %2 in the file").arg(peak).arg(size)));
-}
-
-void tst_DownloadSingleFile::onlyChunkKeptWhenPlacingFails_data()
-{
-    QTest::addColumn<bool>("digest"); // the server states the file's SHA-256
-    QTest::newRow("with a digest") << true;
-    QTest::newRow("without") << false;
-}
-
-// A file of one chunk is placed by renaming its chunk file, not by a copy. When
-// the destination's name cannot be taken (a folder stands there by then), the
-// file fails with 20735 and the chunk file is back in its folder, whole: the
-// next run places it without fetching it again.
-void tst_DownloadSingleFile::onlyChunkKeptWhenPlacingFails()
-{
-    QFETCH(bool, digest);
-    const qint64 size = 100 * 1024; // one chunk of the 1 MiB ones
-    f.serve(size);
-    const QString destination = f.target->filePath("one.bin");
-    f.shape = [&, blocked = false](const ScriptedRequest &request, ScriptedResponse &response) mutable {
-        if (!digest)
-            DownloadFixture::dropDigest(response);
-        if (request.header("Range") == "bytes=0-1" || std::exchange(blocked, true))
-            return;
-        QFile::remove(destination); // the chunk's request: the name is taken meanwhile
-        QDir().mkpath(destination + "/inside");
-    };
-    QCOMPARE(f.downloadOne(destination, "one.bin"), Error::MergeError);
-    QCOMPARE(QFileInfo(f.chunkFolder("one.bin") + "/1").size(), size);
-    QVERIFY(!QFileInfo::exists(destination + ".ztmerge"));
-
-    QVERIFY(QDir(destination).removeRecursively());
-    QVERIFY(f.server->waitUntilQuiet());
-    const int before = f.server->requestCount();
-    QCOMPARE(f.downloadOne(destination, "one.bin"), Error::NoError);
-    QCOMPARE(f.server->requestCount() - before, 1); // the probe alone
-    QCOMPARE(sha256OfFile(destination), f.digestOf("one.bin"));
-    QVERIFY(!QDir(f.chunkFolder("one.bin")).exists());
 }
 
 void tst_DownloadSingleFile::faultyAnswerThenResume_data()
