@@ -1,7 +1,10 @@
 #include "download/downloadchunk.h"
+#include "logcapture.h"
+#include "core/globalmanager.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"
 
+#include <QCryptographicHash>
 #include <QFile>
 #include <QNetworkAccessManager>
 #include <QRegularExpression>
@@ -9,14 +12,19 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-// One chunk against a scripted server: how its range goes out on the wire and
-// what lands in its file.
+// One chunk against a scripted server: how its range goes out on the wire,
+// what lands in its file, and which answers it refuses.
 class tst_DownloadChunk : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
+    void initTestCase() { GlobalManager::instance(); } // registers "ZTErrorCode" for the spies
     void rangeGoesOutInWindows_data();
     void rangeGoesOutInWindows();
+    void answerRefused_data();
+    void answerRefused();
+    void httpFailure_data();
+    void httpFailure();
 
 private:
     TestEnvironment m_environment;
@@ -113,6 +121,104 @@ void tst_DownloadChunk::rangeGoesOutInWindows()
         QVERIFY2(range.second - range.first + 1 <= Window, qPrintable(QString::number(range.second)));
         next = qMin(range.second, range.first + served - 1) + 1;
     }
+}
+
+namespace {
+QByteArray reprDigest(const QByteArray &content)
+{
+    return "sha-256=:" + QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64() + ":";
+}
+} // namespace
+
+void tst_DownloadChunk::answerRefused_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QByteArray>("contentRange");
+    QTest::addColumn<QByteArray>("etag");
+    QTest::addColumn<qint64>("from");
+    QTest::addColumn<QString>("probeTag");
+    QTest::addColumn<QByteArray>("digest");   // the answer's Repr-Digest
+    QTest::addColumn<QByteArray>("probeSha"); // what the probe stated
+    QTest::addColumn<bool>("taken");
+    const QByteArray d = "\"d\"", none, range = "bytes 0-9/10";
+    QTest::newRow("206, the range asked for") << 206 << QByteArray("bytes 5-9/10") << d << qint64(5) << "d" << none << none << true;
+    QTest::newRow("206, total unknown") << 206 << QByteArray("bytes 5-9/*") << d << qint64(5) << "d" << none << none << true;
+    QTest::newRow("200 for a chunk from byte 0") << 200 << none << d << qint64(0) << "d" << none << none << true;
+    QTest::newRow("no tag at the probe: any tag") << 206 << range << QByteArray("\"e\"") << qint64(0) << "" << none << none << true;
+    QTest::newRow("200 for a chunk further on") << 200 << none << d << qint64(5) << "d" << none << none << false;
+    QTest::newRow("404") << 404 << none << d << qint64(0) << "d" << none << none << false;
+    QTest::newRow("206 from another byte") << 206 << QByteArray("bytes 4-9/10") << d << qint64(5) << "d" << none << none << false;
+    QTest::newRow("206 without Content-Range") << 206 << none << d << qint64(0) << "d" << none << none << false;
+    QTest::newRow("206, first byte not a number") << 206 << QByteArray("bytes x-9/10") << d << qint64(0) << "d" << none << none << false;
+    QTest::newRow("206, no first byte") << 206 << QByteArray("bytes /10") << d << qint64(0) << "d" << none << none << false;
+    QTest::newRow("206, last byte before the first") << 206 << QByteArray("bytes 9-0/10") << d << qint64(9) << "d" << none << none << false;
+    QTest::newRow("206, another unit") << 206 << QByteArray("items 0-9/10") << d << qint64(0) << "d" << none << none << false;
+    QTest::newRow("206, another tag") << 206 << range << QByteArray("W/\"d\"") << qint64(0) << "d" << none << none << false;
+    const QByteArray a = QCryptographicHash::hash("a", QCryptographicHash::Sha256);
+    QTest::newRow("the probe's sha-256") << 206 << range << d << qint64(0) << "d" << reprDigest("a") << a << true;
+    QTest::newRow("another sha-256") << 206 << range << d << qint64(0) << "d" << reprDigest("b") << a << false;
+    QTest::newRow("another sha-256 among other algorithms")
+        << 206 << range << d << qint64(0) << "d" << "sha-512=:AAAA:, " + reprDigest("b") << a << false;
+    QTest::newRow("only an algorithm not known here") << 206 << range << d << qint64(0) << "d" << QByteArray("sha-512=:AAAA:") << a << true;
+    QTest::newRow("no digest on the answer") << 206 << range << d << qint64(0) << "d" << none << a << true;
+    QTest::newRow("a digest, none at the probe") << 206 << range << d << qint64(0) << "d" << reprDigest("b") << none << true;
+}
+
+// The check on an answer's headers alone, before any byte may be written.
+void tst_DownloadChunk::answerRefused()
+{
+    QFETCH(int, status);
+    QFETCH(QByteArray, contentRange);
+    QFETCH(QByteArray, etag);
+    QFETCH(qint64, from);
+    QFETCH(QString, probeTag);
+    QFETCH(QByteArray, digest);
+    QFETCH(QByteArray, probeSha);
+    QFETCH(bool, taken);
+    const QString reason = DownloadChunk::refusal(status, contentRange, etag, from, probeTag, digest, probeSha);
+    QVERIFY2(reason.isEmpty() == taken, qPrintable(reason));
+}
+
+void tst_DownloadChunk::httpFailure_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::newRow("404") << 404;
+    QTest::newRow("416") << 416;
+    QTest::newRow("500") << 500;
+}
+
+// An answer refused for its status says why, and writes the chunk's failure
+// lines: the address and name, the network error and status, then the headers.
+void tst_DownloadChunk::httpFailure()
+{
+    QFETCH(int, status);
+    ScriptedServer server;
+    QVERIFY(server.start());
+    server.setHandler([&](const ScriptedRequest &) {
+        ScriptedResponse response;
+        response.status = status;
+        response.body = "<html>error page</html>";
+        return response.header("X-Why", "scripted");
+    });
+    QTemporaryDir folder;
+    LogCapture log;
+    DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
+    chunk.fileName = "c.bin";
+    QSignalSpy error(&chunk, &DownloadChunk::errorOccurred);
+    QSignalSpy finished(&chunk, &DownloadChunk::finished);
+    QVERIFY(chunk.start(folder.path(), folder.filePath("1"), server.baseUrl() + "/download", 0, 10, "e"));
+    QVERIFY(error.wait(5000));
+    QVERIFY(server.waitUntilQuiet());
+    QCOMPARE(error.count(), 1);
+    QCOMPARE(error.first().first().value<ZTErrorCode>(), Zephyrtide::Error::GeneralFailure);
+    QCOMPARE(finished.count(), 0);
+    QCOMPARE(QFileInfo(folder.filePath("1")).size(), 0); // the error page is not the file
+    QCOMPARE(log.count("chunk answer refused", QtCriticalMsg), 1);
+    QCOMPARE(log.count(QStringLiteral("http status %1").arg(status), QtCriticalMsg), 2); // the reason, and the failure line
+    QCOMPARE(log.count("errorrrrrrrrrrrrrrrr", QtCriticalMsg), 1);
+    QCOMPARE(log.count("\"c.bin\" http error QNetworkReply::", QtCriticalMsg), 1);
+    QCOMPARE(log.count("header", QtCriticalMsg), 1);
+    QCOMPARE(log.count("X-Why", QtCriticalMsg), 1);
 }
 
 QTEST_MAIN(tst_DownloadChunk)

@@ -1,20 +1,18 @@
-#include "download/downloadchunk.h"
 #include "download/downloadglobal.h"
 #include "download/downloadtask.h"
-#include "logcapture.h"
 #include "core/globalmanager.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"
 
 #include <QCryptographicHash>
 #include <QDir>
-#include <QNetworkAccessManager>
-#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
-// The probe and its header parsing, the collision names, and how one chunk
-// fails on an HTTP status, against a scripted server.
+// The probe and its header parsing against a scripted server: the size, the
+// file's name and the content folder's tag (which tells apart files of one
+// size at one address by their names when the server gives no tag), and the
+// free names a task takes beside the user's files.
 class tst_DownloadTask : public QObject
 {
     Q_OBJECT
@@ -24,8 +22,6 @@ private Q_SLOTS:
     void probeHeaders();
     void collisionNames_data();
     void collisionNames();
-    void chunkHttpFailure_data();
-    void chunkHttpFailure();
 
 private:
     TestEnvironment m_environment;
@@ -34,7 +30,7 @@ private:
 
 void tst_DownloadTask::initTestCase()
 {
-    GlobalManager::instance(); // registers "ZTErrorCode" for the spies
+    GlobalManager::instance();
     DownloadGlobal::instance()->setTemporaryStoragePath(m_dir.filePath("temporary"));
 }
 
@@ -157,48 +153,6 @@ void tst_DownloadTask::collisionNames()
     QCOMPARE(QFileInfo::exists(folder.filePath(given)), !present.isEmpty());
     if (!present.isEmpty())
         QCOMPARE(QFileInfo(folder.filePath(given)).size(), 0);
-}
-
-void tst_DownloadTask::chunkHttpFailure_data()
-{
-    QTest::addColumn<int>("status");
-    QTest::newRow("404") << 404;
-    QTest::newRow("416") << 416;
-    QTest::newRow("500") << 500;
-}
-
-// An answer refused for its status says why, and writes the chunk's failure
-// lines: the address and name, the network error and status, then the headers.
-void tst_DownloadTask::chunkHttpFailure()
-{
-    QFETCH(int, status);
-    ScriptedServer server;
-    QVERIFY(server.start());
-    server.setHandler([&](const ScriptedRequest &) {
-        ScriptedResponse response;
-        response.status = status;
-        response.body = "<html>error page</html>";
-        return response.header("X-Why", "scripted");
-    });
-    QTemporaryDir folder;
-    LogCapture log;
-    DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
-    chunk.fileName = "c.bin";
-    QSignalSpy error(&chunk, &DownloadChunk::errorOccurred);
-    QSignalSpy finished(&chunk, &DownloadChunk::finished);
-    QVERIFY(chunk.start(folder.path(), folder.filePath("1"), server.baseUrl() + "/download", 0, 10, "e"));
-    QVERIFY(error.wait(5000));
-    QVERIFY(server.waitUntilQuiet());
-    QCOMPARE(error.count(), 1);
-    QCOMPARE(error.first().first().value<ZTErrorCode>(), Zephyrtide::Error::GeneralFailure);
-    QCOMPARE(finished.count(), 0);
-    QCOMPARE(QFileInfo(folder.filePath("1")).size(), 0); // the error page is not the file
-    QCOMPARE(log.count("chunk answer refused", QtCriticalMsg), 1);
-    QCOMPARE(log.count(QStringLiteral("http status %1").arg(status), QtCriticalMsg), 2); // the reason, and the failure line
-    QCOMPARE(log.count("errorrrrrrrrrrrrrrrr", QtCriticalMsg), 1);
-    QCOMPARE(log.count("\"c.bin\" http error QNetworkReply::", QtCriticalMsg), 1);
-    QCOMPARE(log.count("header", QtCriticalMsg), 1);
-    QCOMPARE(log.count("X-Why", QtCriticalMsg), 1);
 }
 
 QTEST_MAIN(tst_DownloadTask)

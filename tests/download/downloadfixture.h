@@ -1,0 +1,64 @@
+#pragma once
+
+#include "core/zterrorcode.h"
+#include "plugin/ztserver.h"
+#include "scriptedserver.h"
+#include "testenvironment.h"
+
+#include <zephyrtide/manager.h>
+
+#include <QMap>
+#include <QScopedPointer>
+#include <QTemporaryDir>
+#include <QVariantMap>
+
+#include <functional>
+
+class Downloader;
+
+// The download engine against a scripted server, driven as a host drives it
+// (root, through its command slots) or one file at a time through a Downloader.
+// setUp() from a test's init(), tearDown() from its cleanup().
+class DownloadFixture
+{
+public:
+    static constexpr qint64 MiB = 1024 * 1024;
+
+    bool setUp(); // fresh folders, server and host; chunks of 1 MiB
+    void tearDown();
+
+    // Serves files of this size by the name the request's body asks for, with
+    // ranges, the name as ETag and the content's SHA-256; shape then changes an
+    // answer as a test needs.
+    void serve(qint64 size);
+    QByteArray contentOf(const QByteArray &name) const;
+    QByteArray digestOf(const QByteArray &name) const;
+    void setContent(const QByteArray &name, const QByteArray &content)
+    {
+        m_contents.insert(name, content);
+        m_digests.remove(name);
+    }
+    // The content folder of a file served here: its size and its tag make it.
+    QString chunkFolder(const QByteArray &tag) const;
+    QVariantMap batch(const QStringList &names, const QString &folder) const;
+    static qint64 bytesIn(const QString &folder);
+    static void dropDigest(ScriptedResponse &response);
+    static bool writeFile(const QString &path, const QByteArray &bytes);
+    // One file through a downloader of its own; whenStarted runs once the batch
+    // has started. The batch's code, or -1 when it did not end in time.
+    ZTErrorCode downloadOne(const QString &destination, const QString &name,
+                            const std::function<void(Downloader &)> &whenStarted = nullptr);
+
+    TestEnvironment environment;
+    QScopedPointer<QTemporaryDir> temporary; // the engine's chunk folders
+    QScopedPointer<QTemporaryDir> target;
+    QScopedPointer<ScriptedServer> server;
+    QScopedPointer<Zephyrtide::Manager> host;
+    QScopedPointer<ZTServer> root;
+    std::function<void(const ScriptedRequest &, ScriptedResponse &)> shape;
+
+private:
+    mutable QMap<QByteArray, QByteArray> m_contents;
+    mutable QMap<QByteArray, QByteArray> m_digests;
+    qint64 m_size = 0;
+};
