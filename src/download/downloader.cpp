@@ -220,7 +220,8 @@ void Downloader::onFinished(DownloadSingleFile *file)
         if (m_runningFiles.at(i).data() == file) {
             qCDebug(ztLog) << "remove task" << file->task->fileName;
             m_finishedTasks.append(file->task.data());
-            m_finishedSize += file->task->fileSize;
+            // Its copies are done with it: the batch's total counts every destination.
+            m_finishedSize += file->task->fileSize * (1 + file->task->sameFileTargets.size());
             forget(file);
             m_runningFiles.removeAt(i);
             break;
