@@ -69,11 +69,11 @@ bool CloudUploader::setFileItems(const QList<QSharedPointer<FileItem>> &items)
                 m_finished.insert(moved);
             onFinished();
         });
-        // The bytes-sent figure arrives narrowed to int and is only logged; the
-        // job sums the file items itself, by what the one that moved added.
+        // The job sums what its files report, by what the one that moved
+        // added; the slot gets the figure narrowed to int, and only logs it.
         connect(uploader.data(), &CloudSingleFileUploader::progress, this,
-                [this, moved](qlonglong bytesSent, qlonglong) {
-                    countProgress(moved);
+                [this, moved](qlonglong bytesSent, qlonglong bytesTotal) {
+                    countProgress(moved, qMin(bytesSent, bytesTotal));
                     onUploadProgress(int(bytesSent));
                 });
         connect(uploader.data(), &CloudSingleFileUploader::errorOccurred, this,
@@ -82,13 +82,13 @@ bool CloudUploader::setFileItems(const QList<QSharedPointer<FileItem>> &items)
     return true;
 }
 
-void CloudUploader::countProgress(FileItem *item)
+void CloudUploader::countProgress(FileItem *item, qint64 sent)
 {
     auto counted = m_counted.find(item);
     if (counted == m_counted.end())
         return;
-    m_sent += item->bytesSent - counted.value();
-    counted.value() = item->bytesSent;
+    m_sent += sent - counted.value();
+    counted.value() = sent;
 }
 
 bool CloudUploader::start()

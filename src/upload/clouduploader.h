@@ -50,7 +50,7 @@ private Q_SLOTS:
     void onErrorOccurred(ZTErrorCode error);
 
 private:
-    void countProgress(FileItem *item);
+    void countProgress(FileItem *item, qint64 sent);
     bool collectResults();
     void clear();
 
@@ -60,7 +60,7 @@ private:
     // Kept as files come and go, so that a progress report or a finished file
     // costs the same in a job of one file or of thousands.
     QSet<QString> m_identifiers;          // of the items in m_files
-    QHash<FileItem *, qint64> m_counted;  // each item's bytesSent as last added into m_sent
+    QHash<FileItem *, qint64> m_counted;  // each item's figure as last added into m_sent
     QSet<FileItem *> m_finished;          // items that reported finished in this run
     qint64 m_totalSize = 0;
     qint64 m_sent = 0;
