@@ -1,9 +1,13 @@
+#include "logcapture.h"
+#include "upload/chunkitem.h"
 #include "upload/fileitem.h"
 
 #include <QTest>
 
-// A file's form in the session cache: the keys an older version wrote and
-// reads back, and every field surviving a round trip.
+// A file's upload state: its form in the session cache (the keys an older
+// version wrote and reads back, every field surviving a round trip, the parts
+// still to send) and when its session may be reused. The uploaders' tests
+// cannot tell these faults apart from the service's own answers.
 class tst_FileItem : public QObject
 {
     Q_OBJECT
@@ -39,6 +43,56 @@ private Q_SLOTS:
         QCOMPARE(restored.source, 2u);
         QCOMPARE(restored.currentRequestTime, item.currentRequestTime);
         QCOMPARE(restored.chunks, item.chunks);
+    }
+
+    // Once the parts are built, the cache follows them: a finished part drops
+    // out and a part under way carries its bytes sent, to resume within itself.
+    void remainingChunksFollowParts()
+    {
+        FileItem item;
+        QList<QSharedPointer<ChunkItem>> parts;
+        for (int i = 1; i <= 3; ++i) {
+            parts << QSharedPointer<ChunkItem>::create();
+            parts.last()->descriptor = {{"url", QStringLiteral("http://s/p?partNumber=%1").arg(i)}};
+            item.chunks << parts.last()->descriptor;
+        }
+        QCOMPARE(item.remainingChunks(), item.chunks);
+        item.followPendingChunks(parts);
+        parts[0]->state = Upload::Finished;
+        parts[1]->bytesSent = 9;
+        const QVariantList remaining = item.remainingChunks();
+        QCOMPARE(remaining.size(), 2);
+        QCOMPARE(remaining.at(0).toMap().value("bytesSent").toLongLong(), 9LL);
+        QCOMPARE(remaining.at(1).toMap().value("url").toString(), QStringLiteral("http://s/p?partNumber=3"));
+        QVERIFY(!remaining.at(1).toMap().contains("bytesSent"));
+    }
+
+    void sessionValid_data()
+    {
+        QTest::addColumn<QString>("uploadID");
+        QTest::addColumn<int>("age");
+        QTest::addColumn<qint64>("expires");
+        QTest::addColumn<bool>("valid");
+        QTest::newRow("no session") << "" << 10 << qint64(3600) << false;
+        QTest::newRow("fresh") << "s" << 10 << qint64(3600) << true;
+        QTest::newRow("exactly at expires: kept") << "s" << 3600 << qint64(3600) << true;
+        QTest::newRow("one second past: replaced") << "s" << 3601 << qint64(3600) << false;
+        QTest::newRow("zero lifetime, same second") << "s" << 0 << qint64(0) << true;
+    }
+    void sessionValid()
+    {
+        QFETCH(QString, uploadID);
+        QFETCH(int, age);
+        QFETCH(qint64, expires);
+        QFETCH(bool, valid);
+        const QDateTime now = QDateTime::currentDateTime();
+        FileItem item;
+        item.uploadID = uploadID;
+        item.expires = expires;
+        item.currentRequestTime = now.addSecs(-age);
+        LogCapture log;
+        QCOMPARE(item.sessionValid(now), valid);
+        QCOMPARE(log.count("expires", QtDebugMsg), 1);
     }
 };
 
