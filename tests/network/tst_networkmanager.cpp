@@ -181,17 +181,6 @@ private Q_SLOTS:
         QCOMPARE(log.count("netlimit cahngggggg", QtDebugMsg), changes);
     }
 
-    void unlimitedStartsAll()
-    {
-        m_manager->setNetLimit(NetLimit::Unlimited);
-        getHeld(10);
-        QCOMPARE(m_manager->waitingCount(), 0);
-        QCOMPARE(m_manager->runningCount(), 10);
-        // Qt itself opens at most six connections per host, so the server sees six.
-        QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 6, 5000);
-        m_server->release();
-    }
-
     void bodiesArriveIntact_data()
     {
         QTest::addColumn<int>("type");
