@@ -14,15 +14,9 @@ namespace {
 // A key of the tests' own, so they can build texts the way a record is built.
 const QByteArray TestKey = QByteArray::fromHex("0f1e2d3c4b5a69788796a5b4c3d2e1f0");
 
-QString recordText(const QByteArray &plain, const QByteArray &key = TestKey)
+QString recordText(const QByteArray &plain)
 {
-    return QString::fromLatin1(Encryption::aesEncrypt(plain, key, Encryption::Aes128).toBase64());
-}
-
-bool isBase64(const QString &text)
-{
-    static const QRegularExpression base64(QStringLiteral("^[A-Za-z0-9+/]*={0,2}$"));
-    return text.size() % 4 == 0 && base64.match(text).hasMatch();
+    return QString::fromLatin1(Encryption::aesEncrypt(plain, TestKey, Encryption::Aes128).toBase64());
 }
 } // namespace
 
@@ -30,258 +24,183 @@ class tst_Encryption : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase();
+    void initTestCase() { QVERIFY2(QFileInfo(QStringLiteral(ZT_CIPHER_STUB)).isExecutable(), ZT_CIPHER_STUB); }
 
-    void aesKnownAnswers_data();
-    void aesKnownAnswers();
-    void roundTrip_data();
-    void roundTrip();
-    void refusedText_data();
-    void refusedText();
-    void paddingAfterLastBrace_data();
-    void paddingAfterLastBrace();
-    void cipherProgram_data();
-    void cipherProgram();
-    void cipherProgramFailures_data();
-    void cipherProgramFailures();
-    void cipherProgramFromEnvironment();
-};
-
-void tst_Encryption::initTestCase()
-{
-    QVERIFY2(QFileInfo(QStringLiteral(ZT_CIPHER_STUB)).isExecutable(), ZT_CIPHER_STUB);
-}
-
-// FIPS-197 Appendix C: plaintext 00112233..ff under the keys 000102.. of each length.
-void tst_Encryption::aesKnownAnswers_data()
-{
-    QTest::addColumn<int>("keySize");
-    QTest::addColumn<QByteArray>("key");
-    QTest::addColumn<QByteArray>("cipher");
-
-    const QByteArray key256 =
-        QByteArray::fromHex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");
-    const QByteArray cipher128 = QByteArray::fromHex("69c4e0d86a7b0430d8cdb78070b4c55a");
-    QTest::newRow("C.1 AES-128") << int(Encryption::Aes128) << key256.left(16) << cipher128;
-    QTest::newRow("C.2 AES-192") << int(Encryption::Aes192) << key256.left(24)
-                                 << QByteArray::fromHex("dda97ca4864cdfe06eaf70a0ec0d7191");
-    QTest::newRow("C.3 AES-256") << int(Encryption::Aes256) << key256
-                                 << QByteArray::fromHex("8ea2b7ca516745bfeafc49904b496089");
-    QTest::newRow("unknown size 7 falls back to AES-128") << 7 << key256.left(16) << cipher128;
-    QTest::newRow("size -1 falls back to AES-128") << -1 << key256.left(16) << cipher128;
-}
-
-void tst_Encryption::aesKnownAnswers()
-{
-    QFETCH(int, keySize);
-    QFETCH(QByteArray, key);
-    QFETCH(QByteArray, cipher);
-    const QByteArray plain = QByteArray::fromHex("00112233445566778899aabbccddeeff");
-
-    QCOMPARE(Encryption::aesEncrypt(plain, key, keySize).toHex(), cipher.toHex());
-    QCOMPARE(Encryption::aesDecrypt(cipher, key, keySize).toHex(), plain.toHex());
-}
-
-void tst_Encryption::roundTrip_data()
-{
-    QTest::addColumn<QVariantMap>("map");
-
-    QTest::newRow("empty") << QVariantMap();
-    QTest::newRow("strings") << QVariantMap{{"filePath", "/home/ann/report 2024.pdf"},
-                                            {"empty", ""},
-                                            {"quote", "a \"quoted\" \\ back}slash{"}};
-    QTest::newRow("numbers") << QVariantMap{{"int", 42},
-                                            {"negative", -7},
-                                            {"fraction", 3.25},
-                                            {"large", qlonglong(1) << 40}};
-    QTest::newRow("booleans") << QVariantMap{{"yes", true}, {"no", false}};
-    QTest::newRow("nested map and list") << QVariantMap{
-        {"uploadInfo",
-         QVariantMap{{"uploadID", "u-1"},
-                     {"chunks", QVariantList{QVariantMap{{"url", "http://h/p?partNumber=1"}},
-                                             QVariantList{1, "two", false}}}}},
-        {"list", QVariantList{}}};
-    QTest::newRow("unicode") << QVariantMap{{"名前", "写真 🌄"}, {"café", "Ærø"}};
-    // 48 bytes of indented JSON exactly: the text needs no padding at all.
-    QTest::newRow("whole blocks") << QVariantMap{{"abcdefghijklmnopqrstuvwxyz01234", "zz"}};
-}
-
-void tst_Encryption::roundTrip()
-{
-    QFETCH(QVariantMap, map);
-    Encryption records(TestKey);
-
-    const QString text = records.serializeDataToFile(map);
-    QVERIFY(!text.isEmpty());
-    QVERIFY2(isBase64(text), qPrintable(text));
-
-    QVariantMap back{{"stale", 1}};
-    QVERIFY(records.deserializeFileToData(text, back));
-    QCOMPARE(back, map);
-
-    // The process-wide instance, under the compiled-in key, does the same.
-    QVariantMap again;
-    QVERIFY(Encryption::instance()->deserializeFileToData(
-        Encryption::instance()->serializeDataToFile(map), again));
-    QCOMPARE(again, map);
-}
-
-void tst_Encryption::refusedText_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("logLine");
-
-    const QString emptyLine = QStringLiteral("deserializeFileToData is empty3!");
-    const QString parseLine = QStringLiteral("deserializeFileToData json parse failed");
-
-    QVariantMap big;
-    for (int i = 0; i < 20; ++i)
-        big.insert(QStringLiteral("key%1").arg(i), QVariantMap{{"nested", i}});
-    const QString good = Encryption(TestKey).serializeDataToFile(big);
-    const QByteArray goodBytes = QByteArray::fromBase64(good.toLatin1());
-
-    QTest::newRow("written under another key")
-        << Encryption(QByteArray(16, 'k')).serializeDataToFile(big) << parseLine;
-    QTest::newRow("written under the compiled-in key")
-        << Encryption::instance()->serializeDataToFile(big) << parseLine;
-    QTest::newRow("truncated mid-block") << good.left(good.size() - 10) << emptyLine;
-    // Whole blocks are gone: what is left deciphers, but its last "}" closes a
-    // nested map, so the text is not a document.
-    QTest::newRow("truncated by two blocks")
-        << QString::fromLatin1(goodBytes.left(goodBytes.size() - 32).toBase64()) << parseLine;
-    QTest::newRow("not base64") << QStringLiteral("this is not base64!") << emptyLine;
-    QTest::newRow("stray character in base64")
-        << good.left(8) + QLatin1Char('*') + good.mid(8) << emptyLine;
-    QTest::newRow("non-Latin text") << QStringLiteral("密文密文") << emptyLine;
-    QTest::newRow("empty") << QString() << emptyLine;
-    QTest::newRow("deciphers to prose") << recordText("no braces in here at all") << parseLine;
-    QTest::newRow("deciphers to broken JSON") << recordText("{\"a\": }") << parseLine;
-    QTest::newRow("deciphers to a list of maps") << recordText("[{\"a\": 1}]") << parseLine;
-}
-
-void tst_Encryption::refusedText()
-{
-    QFETCH(QString, text);
-    QFETCH(QString, logLine);
-
-    LogCapture log;
-    const QVariantMap before{{"keep", "me"}, {"n", 1}};
-    QVariantMap map = before;
-    QVERIFY(!Encryption(TestKey).deserializeFileToData(text, map));
-    QCOMPARE(map, before);
-    QCOMPARE(log.count(logLine), 1);
-}
-
-void tst_Encryption::paddingAfterLastBrace_data()
-{
-    QTest::addColumn<QByteArray>("padding");
-
-    QTest::newRow("none") << QByteArray();
-    QTest::newRow("zeros") << QByteArray(11, '\0');
-    QTest::newRow("a whole block of 0x10") << QByteArray(16, '\x10');
-    QTest::newRow("newline and spaces") << QByteArray("\n   \n");
-    QTest::newRow("bytes that are not text") << QByteArray("\xff\x01{\x80\x7f", 5);
-}
-
-void tst_Encryption::paddingAfterLastBrace()
-{
-    QFETCH(QByteArray, padding);
-    const QVariantMap map{{"uploadInfo", QVariantMap{{"uploadID", "s-9"}}}, {"n", 5}};
-    const QByteArray json = QJsonDocument::fromVariant(map).toJson();
-
-    QVariantMap back;
-    QVERIFY(Encryption(TestKey).deserializeFileToData(recordText(json + padding), back));
-    QCOMPARE(back, map);
-}
-
-void tst_Encryption::cipherProgram_data()
-{
-    QTest::addColumn<QVariant>("payload");
-    QTest::addColumn<QString>("json");
-
-    // Every whitespace character of the JSON text goes, also inside strings;
-    // a tab or newline in a value is an escape there ("\t"), which stays.
-    QTest::newRow("list") << QVariant(QVariantList{QVariantMap{{"name", "a b\tc"}}, 1, true})
-                          << QStringLiteral(R"([{"name":"ab\tc"},1,true])");
-    QTest::newRow("map") << QVariant(QVariantMap{{"z", QVariantList{"x y", 2.5}}, {"a", "line\nbreak"}})
-                         << QStringLiteral(R"({"a":"line\nbreak","z":["xy",2.5]})");
-    QTest::newRow("empty list") << QVariant(QVariantList()) << QStringLiteral("[]");
-}
-
-void tst_Encryption::cipherProgram()
-{
-    QFETCH(QVariant, payload);
-    QFETCH(QString, json);
-    const QByteArray seed("seed for the cipher program");
-
-    Encryption encryption;
-    encryption.setCipherProgram(QStringLiteral(ZT_CIPHER_STUB));
-    const QByteArray answer = payload.type() == QVariant::List
-                                  ? encryption.encrypt(seed, payload.toList())
-                                  : encryption.encrypt(seed, payload.toMap());
-
-    // md5("seed for the cipher program") as lower-case hex, then base64.
-    const QByteArray hexDigest =
-        QCryptographicHash::hash(seed, QCryptographicHash::Md5).toHex();
-    const QStringList arguments = QString::fromUtf8(answer).split(QLatin1Char('\n'));
-    QCOMPARE(arguments, QStringList({QStringLiteral("encrypt"),
-                                     QString::fromLatin1(hexDigest.toBase64()), json}));
-}
-
-void tst_Encryption::cipherProgramFailures_data()
-{
-    QTest::addColumn<QString>("program");
-    QTest::addColumn<QByteArray>("mode");
-    QTest::addColumn<bool>("encryptFail");
-
-    QTest::newRow("no path") << QString() << QByteArray() << true;
-    QTest::newRow("missing file") << QStringLiteral("/nonexistent/cipher") << QByteArray() << true;
-    QTest::newRow("a folder") << QDir::tempPath() << QByteArray() << true;
-    QTest::newRow("not executable") << QStringLiteral("plain-file") << QByteArray() << false;
-    QTest::newRow("exits without an answer") << QStringLiteral(ZT_CIPHER_STUB)
-                                             << QByteArray("silent") << false;
-}
-
-void tst_Encryption::cipherProgramFailures()
-{
-    QFETCH(QString, program);
-    QFETCH(QByteArray, mode);
-    QFETCH(bool, encryptFail);
-
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    if (program == QLatin1String("plain-file")) {
-        program = dir.filePath(QStringLiteral("cipher.txt"));
-        QFile file(program);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("not a program\n");
+    // FIPS-197 Appendix C: plaintext 00112233..ff under the keys 000102.. of each length.
+    void aesKnownAnswers_data()
+    {
+        QTest::addColumn<int>("keySize");
+        QTest::addColumn<QByteArray>("key");
+        QTest::addColumn<QByteArray>("cipher");
+        const QByteArray key = QByteArray::fromHex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");
+        const QByteArray cipher128 = QByteArray::fromHex("69c4e0d86a7b0430d8cdb78070b4c55a");
+        QTest::newRow("C.1 AES-128") << int(Encryption::Aes128) << key.left(16) << cipher128;
+        QTest::newRow("C.2 AES-192") << int(Encryption::Aes192) << key.left(24)
+                                     << QByteArray::fromHex("dda97ca4864cdfe06eaf70a0ec0d7191");
+        QTest::newRow("C.3 AES-256") << int(Encryption::Aes256) << key
+                                     << QByteArray::fromHex("8ea2b7ca516745bfeafc49904b496089");
+        QTest::newRow("unknown size 7 falls back to AES-128") << 7 << key.left(16) << cipher128;
     }
-    qputenv("ZT_CIPHER_STUB_MODE", mode);
-    const auto restore = qScopeGuard([] { qunsetenv("ZT_CIPHER_STUB_MODE"); });
+    void aesKnownAnswers()
+    {
+        QFETCH(int, keySize);
+        QFETCH(QByteArray, key);
+        QFETCH(QByteArray, cipher);
+        const QByteArray plain = QByteArray::fromHex("00112233445566778899aabbccddeeff");
+        QCOMPARE(Encryption::aesEncrypt(plain, key, keySize).toHex(), cipher.toHex());
+        QCOMPARE(Encryption::aesDecrypt(cipher, key, keySize).toHex(), plain.toHex());
+    }
 
-    LogCapture log;
-    Encryption encryption;
-    encryption.setCipherProgram(program);
-    QElapsedTimer clock;
-    clock.start();
-    QCOMPARE(encryption.encrypt("seed", QVariantList{1, 2}), QByteArray());
-    QCOMPARE(encryption.encrypt("seed", QVariantMap{{"a", 1}}), QByteArray());
-    QVERIFY(clock.elapsed() < 10000);
-    QCOMPARE(log.count(QStringLiteral("Encrypt fail")), encryptFail ? 2 : 0);
-}
+    void roundTrip_data()
+    {
+        QTest::addColumn<QVariantMap>("map");
+        QTest::newRow("empty") << QVariantMap();
+        QTest::newRow("strings") << QVariantMap{{"filePath", "/home/ann/report 2024.pdf"}, {"empty", ""},
+                                                {"quote", "a \"quoted\" \\ back}slash{"}};
+        QTest::newRow("numbers") << QVariantMap{{"int", 42}, {"negative", -7}, {"fraction", 3.25},
+                                                {"large", qlonglong(1) << 40}};
+        QTest::newRow("booleans") << QVariantMap{{"yes", true}, {"no", false}};
+        QTest::newRow("nested map and list") << QVariantMap{
+            {"uploadInfo", QVariantMap{{"uploadID", "u-1"},
+                                       {"chunks", QVariantList{QVariantMap{{"url", "http://h/p?partNumber=1"}},
+                                                               QVariantList{1, "two", false}}}}},
+            {"list", QVariantList{}}};
+        QTest::newRow("unicode") << QVariantMap{{"名前", "写真 🌄"}, {"café", "Ærø"}};
+        // 48 bytes of indented JSON exactly: the text needs no padding at all.
+        QTest::newRow("whole blocks") << QVariantMap{{"abcdefghijklmnopqrstuvwxyz01234", "zz"}};
+    }
+    void roundTrip()
+    {
+        QFETCH(QVariantMap, map);
+        const QString text = Encryption(TestKey).serializeDataToFile(map);
+        QVERIFY2(text.size() % 4 == 0 && QRegularExpression("^[A-Za-z0-9+/]+={0,2}$").match(text).hasMatch(),
+                 qPrintable(text));
+        QVariantMap back{{"stale", 1}};
+        QVERIFY(Encryption(TestKey).deserializeFileToData(text, back));
+        QCOMPARE(back, map);
+        // The process-wide instance, under the compiled-in key, does the same.
+        QVariantMap again;
+        QVERIFY(Encryption::instance()->deserializeFileToData(Encryption::instance()->serializeDataToFile(map), again));
+        QCOMPARE(again, map);
+    }
 
-void tst_Encryption::cipherProgramFromEnvironment()
-{
-    qputenv("ZT_CIPHER_PROGRAM", ZT_CIPHER_STUB);
-    const auto restore = qScopeGuard([] { qunsetenv("ZT_CIPHER_PROGRAM"); });
+    void reading_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("logLine"); // empty: read, whatever follows the last "}"
+        const QString emptyLine = QStringLiteral("deserializeFileToData is empty3!");
+        const QString parseLine = QStringLiteral("deserializeFileToData json parse failed");
+        QVariantMap big;
+        for (int i = 0; i < 20; ++i)
+            big.insert(QStringLiteral("key%1").arg(i), QVariantMap{{"nested", i}});
+        const QString good = Encryption(TestKey).serializeDataToFile(big);
+        const QByteArray goodBytes = QByteArray::fromBase64(good.toLatin1());
+        const QByteArray json = QJsonDocument::fromVariant(Padded).toJson();
 
-    Encryption fromEnvironment;
-    QCOMPARE(fromEnvironment.cipherProgram(), QStringLiteral(ZT_CIPHER_STUB));
-    QVERIFY(fromEnvironment.encrypt("seed", QVariantList{"x"}).startsWith("encrypt\n"));
+        QTest::newRow("padded with nothing") << recordText(json) << QString();
+        QTest::newRow("padded with zeros") << recordText(json + QByteArray(11, '\0')) << QString();
+        QTest::newRow("padded with a block of 0x10") << recordText(json + QByteArray(16, '\x10')) << QString();
+        QTest::newRow("padded with white space") << recordText(json + "\n   \n") << QString();
+        QTest::newRow("padded with bytes that are not text") << recordText(json + QByteArray("\xff\x01{\x80\x7f", 5))
+                                                             << QString();
+        QTest::newRow("written under another key") << Encryption(QByteArray(16, 'k')).serializeDataToFile(big)
+                                                   << parseLine;
+        QTest::newRow("written under the compiled-in key") << Encryption::instance()->serializeDataToFile(big)
+                                                           << parseLine;
+        QTest::newRow("truncated mid-block") << good.left(good.size() - 10) << emptyLine;
+        // Whole blocks are gone: what is left deciphers, but its last "}" closes
+        // a nested map, so the text is not a document.
+        QTest::newRow("truncated by two blocks")
+            << QString::fromLatin1(goodBytes.left(goodBytes.size() - 32).toBase64()) << parseLine;
+        QTest::newRow("not base64") << QStringLiteral("this is not base64!") << emptyLine;
+        QTest::newRow("stray character in base64") << good.left(8) + QLatin1Char('*') + good.mid(8) << emptyLine;
+        QTest::newRow("non-Latin text") << QStringLiteral("密文密文") << emptyLine;
+        QTest::newRow("empty") << QString() << emptyLine;
+        QTest::newRow("deciphers to prose") << recordText("no braces in here at all") << parseLine;
+        QTest::newRow("deciphers to broken JSON") << recordText("{\"a\": }") << parseLine;
+        QTest::newRow("deciphers to a list of maps") << recordText("[{\"a\": 1}]") << parseLine;
+    }
+    // A refused text leaves the map as it was and says why.
+    void reading()
+    {
+        QFETCH(QString, text);
+        QFETCH(QString, logLine);
+        LogCapture log;
+        const QVariantMap before{{"keep", "me"}, {"n", 1}};
+        QVariantMap map = before;
+        QCOMPARE(Encryption(TestKey).deserializeFileToData(text, map), logLine.isEmpty());
+        QCOMPARE(map, logLine.isEmpty() ? Padded : before);
+        if (!logLine.isEmpty())
+            QCOMPARE(log.count(logLine), 1);
+    }
 
-    qunsetenv("ZT_CIPHER_PROGRAM");
-    QCOMPARE(Encryption().cipherProgram(), QString());
-}
+    void cipherProgram_data()
+    {
+        QTest::addColumn<QVariant>("payload");
+        QTest::addColumn<QString>("json");
+        // Every whitespace character of the JSON text goes, also inside strings;
+        // a tab or newline in a value is an escape there ("\t"), which stays.
+        QTest::newRow("list") << QVariant(QVariantList{QVariantMap{{"name", "a b\tc"}}, 1, true})
+                              << QStringLiteral(R"([{"name":"ab\tc"},1,true])");
+        QTest::newRow("map") << QVariant(QVariantMap{{"z", QVariantList{"x y", 2.5}}, {"a", "line\nbreak"}})
+                             << QStringLiteral(R"({"a":"line\nbreak","z":["xy",2.5]})");
+        QTest::newRow("empty list") << QVariant(QVariantList()) << QStringLiteral("[]");
+    }
+    // The program comes from the environment; it gets "encrypt", the Base64 of
+    // the seed's lower-case hex MD5, and the compact JSON.
+    void cipherProgram()
+    {
+        QFETCH(QVariant, payload);
+        QFETCH(QString, json);
+        const QByteArray seed("seed for the cipher program");
+        qputenv("ZT_CIPHER_PROGRAM", ZT_CIPHER_STUB);
+        const auto restore = qScopeGuard([] { qunsetenv("ZT_CIPHER_PROGRAM"); });
+        Encryption encryption;
+        const QByteArray answer = payload.type() == QVariant::List ? encryption.encrypt(seed, payload.toList())
+                                                                   : encryption.encrypt(seed, payload.toMap());
+        const QByteArray hexDigest = QCryptographicHash::hash(seed, QCryptographicHash::Md5).toHex();
+        QCOMPARE(QString::fromUtf8(answer).split('\n'),
+                 QStringList({"encrypt", QString::fromLatin1(hexDigest.toBase64()), json}));
+    }
+
+    void cipherProgramFailures_data()
+    {
+        QTest::addColumn<QString>("program");
+        QTest::addColumn<QByteArray>("mode");
+        QTest::addColumn<bool>("encryptFail");
+        QTest::newRow("no path") << QString() << QByteArray() << true;
+        QTest::newRow("missing file") << QStringLiteral("/nonexistent/cipher") << QByteArray() << true;
+        QTest::newRow("a folder") << QDir::tempPath() << QByteArray() << true;
+        QTest::newRow("not executable") << QStringLiteral("plain-file") << QByteArray() << false;
+        QTest::newRow("exits without an answer") << QStringLiteral(ZT_CIPHER_STUB) << QByteArray("silent") << false;
+    }
+    void cipherProgramFailures()
+    {
+        QFETCH(QString, program);
+        QFETCH(QByteArray, mode);
+        QFETCH(bool, encryptFail);
+        QTemporaryDir dir;
+        if (program == QLatin1String("plain-file")) {
+            program = dir.filePath("cipher.txt");
+            QFile file(program);
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write("not a program\n") > 0);
+        }
+        qputenv("ZT_CIPHER_STUB_MODE", mode);
+        const auto restore = qScopeGuard([] { qunsetenv("ZT_CIPHER_STUB_MODE"); });
+        LogCapture log;
+        Encryption encryption;
+        encryption.setCipherProgram(program);
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(encryption.encrypt("seed", QVariantList{1, 2}), QByteArray());
+        QCOMPARE(encryption.encrypt("seed", QVariantMap{{"a", 1}}), QByteArray());
+        QVERIFY(clock.elapsed() < 10000);
+        QCOMPARE(log.count("Encrypt fail"), encryptFail ? 2 : 0);
+    }
+
+private:
+    const QVariantMap Padded{{"uploadInfo", QVariantMap{{"uploadID", "s-9"}}}, {"n", 5}};
+};
 
 QTEST_MAIN(tst_Encryption)
 #include "tst_encryption.moc"

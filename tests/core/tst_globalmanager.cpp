@@ -54,248 +54,203 @@ private Q_SLOTS:
     void initTestCase() { QStandardPaths::setTestModeEnabled(true); }
     void cleanup() { GlobalManager::destroy(); }
 
-    void finishDeliversOnce();
-    void failOnNullReplyLogs();
-    void answerWords_data();
-    void answerWords();
-    void networkErrorRanges_data();
-    void networkErrorRanges();
-    void requestWithoutManager();
-    void hostReplyOutcomes_data();
-    void hostReplyOutcomes();
-    void contextDestroyedWhileWaiting();
-    void requestOverHttp_data();
-    void requestOverHttp();
-    void makePath();
+    void finishDeliversOnce()
+    {
+        LogCapture log;
+        Reply reply;
+        QSignalSpy finished(&reply, &Reply::finished);
+        GlobalManager::instance()->success(&reply, QStringLiteral("first"));
+        GlobalManager::instance()->fail(&reply, Error::ParseError);
+        QCOMPARE(finished.count(), 1);
+        const QVariantMap map = finished.first().first().toMap();
+        QCOMPARE(map, QVariantMap({{"errorCode", 0}, {"result", "first"}, {"status", "success"}}));
+        QCOMPARE(log.count("already finished", QtDebugMsg), 1);
+        // Without a reply there is nothing to finish: said, not crashed on.
+        GlobalManager::instance()->fail(nullptr, Error::ParseError);
+        GlobalManager::instance()->success(nullptr, QVariant());
+        QCOMPARE(log.count("request reply is empty", QtCriticalMsg), 2);
+    }
+
+    void answerWords_data()
+    {
+        QTest::addColumn<QString>("status");
+        QTest::addColumn<QString>("result");
+        QTest::addColumn<ZTErrorCode>("code");
+        QTest::newRow("success") << "success" << "anything" << Error::NoError;
+        QTest::newRow("status containing success") << "was success" << "" << Error::NoError;
+        QTest::newRow("Success capitalised is not success") << "Success" << "" << Error::GeneralFailure;
+        QTest::newRow("unknown word") << "fail" << "quota" << Error::GeneralFailure;
+        QTest::newRow("require") << "fail" << "require" << Error::MissingParameter;
+        QTest::newRow("authErr") << "fail" << "authErr" << Error::AuthError;
+        QTest::newRow("parseErr") << "fail" << "parseErr" << Error::ParseError;
+        QTest::newRow("illegalErr") << "fail" << "illegalErr" << Error::IllegalError;
+        QTest::newRow("hasCaptcha") << "fail" << "hasCaptcha" << Error::HasCaptcha;
+        QTest::newRow("hasValidCode") << "fail" << "hasValidCode" << Error::HasValidCode;
+        QTest::newRow("notExist") << "fail" << "notExist" << Error::NotExist;
+        QTest::newRow("USERNOTEXIST in capitals: 20708, not 20712") << "fail" << "USERNOTEXIST"
+                                                                    << Error::UserNotExist;
+        QTest::newRow("notexist lower case") << "fail" << "file notexist" << Error::NotExist;
+        QTest::newRow("require beats authErr") << "fail" << "authErr require" << Error::MissingParameter;
+        QTest::newRow("authErr beats parseErr") << "fail" << "parseErr authErr" << Error::AuthError;
+        QTest::newRow("illegalErr beats notExist") << "fail" << "notExist illegalErr" << Error::IllegalError;
+    }
+    void answerWords()
+    {
+        QFETCH(QString, status);
+        QFETCH(QString, result);
+        QFETCH(ZTErrorCode, code);
+        Reply reply;
+        QSignalSpy finished(&reply, &Reply::finished);
+        GlobalManager::instance()->checkResult(&reply, {{"status", status}, {"result", result}});
+        QCOMPARE(finished.count(), 1);
+        const QVariantMap map = finished.first().first().toMap();
+        QCOMPARE(ZTErrorCode(map.value("errorCode").toInt()), code);
+        QCOMPARE(map.value("status").toString(), code == Error::NoError ? "success" : "fail");
+        QCOMPARE(map.value("result").isValid(), code == Error::NoError);
+    }
+
+    void networkErrorRanges_data()
+    {
+        QTest::addColumn<int>("error");
+        QTest::addColumn<ZTErrorCode>("code");
+        QTest::newRow("ConnectionRefused") << 1 << ZTErrorCode(20480);
+        QTest::newRow("UnknownNetworkError") << 99 << ZTErrorCode(20578);
+        QTest::newRow("100, last of the first range") << 100 << ZTErrorCode(20579);
+        QTest::newRow("ProxyConnectionRefused") << 101 << ZTErrorCode(20511);
+        QTest::newRow("200, last of the proxy range") << 200 << ZTErrorCode(20610);
+        QTest::newRow("ContentAccessDenied") << 201 << ZTErrorCode(20541);
+        QTest::newRow("300, last of the content range") << 300 << ZTErrorCode(20640);
+        QTest::newRow("ProtocolUnknownError") << 301 << ZTErrorCode(20571);
+        QTest::newRow("400, last of the protocol range") << 400 << ZTErrorCode(20670);
+        QTest::newRow("InternalServerError") << 401 << ZTErrorCode(20601);
+        QTest::newRow("UnknownServerError") << 499 << ZTErrorCode(20699);
+    }
+    void networkErrorRanges()
+    {
+        QFETCH(int, error);
+        QFETCH(ZTErrorCode, code);
+        LogCapture log;
+        QCOMPARE(GlobalManager::networkErrorCode(QNetworkReply::NetworkError(error)), code);
+        QCOMPARE(log.count("http error", QtCriticalMsg), 1);
+    }
+
+    void hostReplyOutcomes_data()
+    {
+        QTest::addColumn<int>("mode"); // -1: no host manager set
+        QTest::addColumn<ZTErrorCode>("code");
+        QTest::addColumn<QString>("logLine");
+        QTest::newRow("no manager") << -1 << Error::NoManager << "global manager is empty";
+        QTest::newRow("no reply") << int(ScriptedManager::NullReply) << Error::NoManager << "reply is nullptr";
+        QTest::newRow("failed before it was sent") << int(ScriptedManager::FailedStatus) << Error::ContentNotFound
+                                                   << "request error";
+        // Its answer went by before anyone listened: not a success without a result.
+        QTest::newRow("finished before the wait") << int(ScriptedManager::FinishedAtOnce) << Error::NoManager
+                                                  << "request error";
+    }
+    void hostReplyOutcomes()
+    {
+        QFETCH(int, mode);
+        QFETCH(ZTErrorCode, code);
+        QFETCH(QString, logLine);
+        LogCapture log;
+        ScriptedManager host{ScriptedManager::Mode(qMax(mode, 0))};
+        if (mode >= 0)
+            GlobalManager::instance()->setManager(&host);
+        QVariant result;
+        QCOMPARE(GlobalManager::instance()->request(this, result, "http://127.0.0.1:1/x", {}), code);
+        QCOMPARE(host.calls, mode >= 0 ? 1 : 0);
+        QVERIFY(!result.isValid());
+        QCOMPARE(log.count(logLine, QtCriticalMsg), 1);
+        // The host's reply is released rather than leaked.
+        QTRY_VERIFY_WITH_TIMEOUT(host.lastReply.isNull(), 5000);
+    }
+
+    void contextDestroyedWhileWaiting()
+    {
+        ScriptedManager host(ScriptedManager::NeverFinishes);
+        GlobalManager::instance()->setManager(&host);
+        auto *context = new QObject; // deleted by the timer below
+        QTimer::singleShot(50, context, [context] { context->deleteLater(); });
+        QVariant result;
+        QScopedPointer<QSignalSpy> abortSpy;
+        // The reply exists only once the request is made; watch it from inside the loop.
+        QTimer::singleShot(10, this, [&] {
+            if (host.lastReply)
+                abortSpy.reset(new QSignalSpy(host.lastReply.data(), &Reply::abort));
+        });
+        QCOMPARE(GlobalManager::instance()->request(context, result, "http://127.0.0.1:1/x", {}), Error::Aborted);
+        QVERIFY(abortSpy);
+        QCOMPARE(abortSpy->count(), 1);
+        QTRY_VERIFY_WITH_TIMEOUT(host.lastReply.isNull(), 5000);
+    }
+
+    void requestOverHttp_data()
+    {
+        QTest::addColumn<bool>("managerOnOtherThread");
+        QTest::newRow("manager on the caller's thread") << false;
+        QTest::newRow("manager on its own thread") << true;
+    }
+    void requestOverHttp()
+    {
+        QFETCH(bool, managerOnOtherThread);
+        ScriptedServer server;
+        QVERIFY(server.start());
+        server.enqueue(ScriptedResponse::json(R"({"status":"success","result":{"n":7}})"));
+        server.enqueue(ScriptedResponse::json(R"({"status":"fail","result":"notExist"})"));
+        QThread thread;
+        Manager host;
+        host.setConfigData({{"token", "secret"}});
+        if (managerOnOtherThread) {
+            host.moveToThread(&thread);
+            thread.start();
+        }
+        GlobalManager::instance()->setManager(&host);
+
+        QVariant result;
+        auto code = GlobalManager::instance()->request(this, result, server.baseUrl() + "/a", Manager::Post,
+                                                       Manager::NoEncryption, {{"X-Test", "1"}},
+                                                       {{"fileName", "a.txt"}}, {{"q", "v"}},
+                                                       Manager::UserAuthentication, 0);
+        QCOMPARE(code, Error::NoError);
+        QCOMPARE(result.toMap().value("n").toInt(), 7);
+        QCOMPARE(server.requestCount(), 1);
+        const ScriptedRequest sent = server.requests().first();
+        QCOMPARE(sent.method, QByteArray("POST"));
+        QCOMPARE(sent.target, QByteArray("/a?q=v"));
+        QCOMPARE(sent.header("X-Test"), QByteArray("1"));
+        QCOMPARE(sent.header("Authorization"), QByteArray("Bearer secret"));
+        // A kept-alive connection would hold every request's body back 40 ms.
+        QCOMPARE(sent.header("Connection"), QByteArray("close"));
+        QCOMPARE(QJsonDocument::fromJson(sent.body).object().value("fileName").toString(), QStringLiteral("a.txt"));
+
+        code = GlobalManager::instance()->request(this, result, server.baseUrl() + "/b", {});
+        QCOMPARE(code, Error::GeneralFailure);
+        QCOMPARE(result.toString(), QStringLiteral("notExist"));
+        // The plain form (listing, deleting) carries the token too.
+        QCOMPARE(server.requests().last().header("Authorization"), QByteArray("Bearer secret"));
+        if (managerOnOtherThread) {
+            // Hand the manager back before it is destroyed on this thread.
+            QThread *testThread = QThread::currentThread();
+            QMetaObject::invokeMethod(&host, [&] { host.moveToThread(testThread); }, Qt::BlockingQueuedConnection);
+            thread.quit();
+            thread.wait();
+        }
+    }
+
+    void makePath()
+    {
+        QTemporaryDir dir;
+        const QString nested = dir.path() + "/a/b/c";
+        QVERIFY(GlobalManager::makePath(nested));
+        QVERIFY(QDir(nested).exists());
+        QVERIFY(GlobalManager::makePath(nested));
+        QFile blocker(dir.path() + "/file");
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        LogCapture log;
+        QVERIFY(!GlobalManager::makePath(dir.path() + "/file/sub"));
+        QCOMPARE(log.count("path create fail", QtCriticalMsg), 1);
+    }
 };
-
-void tst_GlobalManager::finishDeliversOnce()
-{
-    LogCapture log;
-    Reply reply;
-    QSignalSpy finished(&reply, &Reply::finished);
-    GlobalManager::instance()->success(&reply, QStringLiteral("first"));
-    GlobalManager::instance()->fail(&reply, Error::ParseError);
-    QCOMPARE(finished.count(), 1);
-    const QVariantMap map = finished.first().first().toMap();
-    QCOMPARE(map.keys(), QStringList({"errorCode", "result", "status"}));
-    QCOMPARE(map.value("status").toString(), QStringLiteral("success"));
-    QCOMPARE(map.value("result").toString(), QStringLiteral("first"));
-    QCOMPARE(ZTErrorCode(map.value("errorCode").toInt()), Error::NoError);
-    QCOMPARE(log.count(QStringLiteral("already finished"), QtDebugMsg), 1);
-}
-
-void tst_GlobalManager::failOnNullReplyLogs()
-{
-    LogCapture log;
-    GlobalManager::instance()->fail(nullptr, Error::ParseError);
-    GlobalManager::instance()->success(nullptr, QVariant());
-    QCOMPARE(log.count(QStringLiteral("request reply is empty"), QtCriticalMsg), 2);
-}
-
-void tst_GlobalManager::answerWords_data()
-{
-    QTest::addColumn<QString>("status");
-    QTest::addColumn<QString>("result");
-    QTest::addColumn<ZTErrorCode>("code");
-
-    QTest::newRow("success") << "success" << "anything" << Error::NoError;
-    QTest::newRow("status containing success") << "was success" << "" << Error::NoError;
-    QTest::newRow("Success capitalised is not success") << "Success" << "" << Error::GeneralFailure;
-    QTest::newRow("unknown word") << "fail" << "quota" << Error::GeneralFailure;
-    QTest::newRow("require") << "fail" << "require" << Error::MissingParameter;
-    QTest::newRow("authErr") << "fail" << "authErr" << Error::AuthError;
-    QTest::newRow("parseErr") << "fail" << "parseErr" << Error::ParseError;
-    QTest::newRow("illegalErr") << "fail" << "illegalErr" << Error::IllegalError;
-    QTest::newRow("hasCaptcha") << "fail" << "hasCaptcha" << Error::HasCaptcha;
-    QTest::newRow("hasValidCode") << "fail" << "hasValidCode" << Error::HasValidCode;
-    QTest::newRow("notExist") << "fail" << "notExist" << Error::NotExist;
-    QTest::newRow("USERNOTEXIST in capitals: 20708, not 20712") << "fail" << "USERNOTEXIST" << Error::UserNotExist;
-    QTest::newRow("notexist lower case") << "fail" << "file notexist" << Error::NotExist;
-    QTest::newRow("require beats authErr") << "fail" << "authErr require" << Error::MissingParameter;
-    QTest::newRow("authErr beats parseErr") << "fail" << "parseErr authErr" << Error::AuthError;
-    QTest::newRow("illegalErr beats notExist") << "fail" << "notExist illegalErr" << Error::IllegalError;
-}
-
-void tst_GlobalManager::answerWords()
-{
-    QFETCH(QString, status);
-    QFETCH(QString, result);
-    QFETCH(ZTErrorCode, code);
-
-    Reply reply;
-    QSignalSpy finished(&reply, &Reply::finished);
-    GlobalManager::instance()->checkResult(&reply, {{"status", status}, {"result", result}});
-    QCOMPARE(finished.count(), 1);
-    const QVariantMap map = finished.first().first().toMap();
-    QCOMPARE(ZTErrorCode(map.value("errorCode").toInt()), code);
-    QCOMPARE(map.value("status").toString(), code == Error::NoError ? QStringLiteral("success") : QStringLiteral("fail"));
-    QCOMPARE(map.value("result").isValid(), code == Error::NoError);
-}
-
-void tst_GlobalManager::networkErrorRanges_data()
-{
-    QTest::addColumn<int>("error");
-    QTest::addColumn<ZTErrorCode>("code");
-    QTest::newRow("ConnectionRefused") << 1 << ZTErrorCode(20480);
-    QTest::newRow("UnknownNetworkError") << 99 << ZTErrorCode(20578);
-    QTest::newRow("100, last of the first range") << 100 << ZTErrorCode(20579);
-    QTest::newRow("ProxyConnectionRefused") << 101 << ZTErrorCode(20511);
-    QTest::newRow("200, last of the proxy range") << 200 << ZTErrorCode(20610);
-    QTest::newRow("ContentAccessDenied") << 201 << ZTErrorCode(20541);
-    QTest::newRow("300, last of the content range") << 300 << ZTErrorCode(20640);
-    QTest::newRow("ProtocolUnknownError") << 301 << ZTErrorCode(20571);
-    QTest::newRow("400, last of the protocol range") << 400 << ZTErrorCode(20670);
-    QTest::newRow("InternalServerError") << 401 << ZTErrorCode(20601);
-    QTest::newRow("UnknownServerError") << 499 << ZTErrorCode(20699);
-}
-
-void tst_GlobalManager::networkErrorRanges()
-{
-    QFETCH(int, error);
-    QFETCH(ZTErrorCode, code);
-    LogCapture log;
-    QCOMPARE(GlobalManager::networkErrorCode(QNetworkReply::NetworkError(error)), code);
-    QCOMPARE(log.count(QStringLiteral("http error"), QtCriticalMsg), 1);
-}
-
-void tst_GlobalManager::requestWithoutManager()
-{
-    LogCapture log;
-    ScriptedManager host(ScriptedManager::NeverFinishes);
-    QVariant result;
-    const auto code = GlobalManager::instance()->request(this, result, "http://127.0.0.1:1/x",
-                                                         Manager::Post, Manager::NoEncryption, {}, {},
-                                                         {}, Manager::NoAuthentication, 0);
-    QCOMPARE(code, Error::NoManager);
-    QCOMPARE(host.calls, 0);
-    QCOMPARE(log.count(QStringLiteral("global manager is empty"), QtCriticalMsg), 1);
-}
-
-void tst_GlobalManager::hostReplyOutcomes_data()
-{
-    QTest::addColumn<int>("mode");
-    QTest::addColumn<ZTErrorCode>("code");
-    QTest::addColumn<QString>("logLine");
-    QTest::newRow("no reply") << int(ScriptedManager::NullReply) << Error::NoManager << "reply is nullptr";
-    QTest::newRow("failed before it was sent") << int(ScriptedManager::FailedStatus) << Error::ContentNotFound
-                                               << "request error";
-    // Its answer went by before anyone listened: not a success without a result.
-    QTest::newRow("finished before the wait") << int(ScriptedManager::FinishedAtOnce) << Error::NoManager
-                                              << "request error";
-}
-
-void tst_GlobalManager::hostReplyOutcomes()
-{
-    QFETCH(int, mode);
-    QFETCH(ZTErrorCode, code);
-    QFETCH(QString, logLine);
-    LogCapture log;
-    ScriptedManager host{ScriptedManager::Mode(mode)};
-    GlobalManager::instance()->setManager(&host);
-    QVariant result;
-    QCOMPARE(GlobalManager::instance()->request(this, result, "http://127.0.0.1:1/x", {}), code);
-    QCOMPARE(host.calls, 1);
-    QVERIFY(!result.isValid());
-    QCOMPARE(log.count(logLine, QtCriticalMsg), 1);
-    // The host's reply is released rather than leaked.
-    QTRY_VERIFY_WITH_TIMEOUT(host.lastReply.isNull(), 5000);
-}
-
-void tst_GlobalManager::contextDestroyedWhileWaiting()
-{
-    ScriptedManager host(ScriptedManager::NeverFinishes);
-    GlobalManager::instance()->setManager(&host);
-    auto *context = new QObject; // deleted by the timer below
-    QTimer::singleShot(50, context, [context] { context->deleteLater(); });
-    QVariant result;
-    QSignalSpy *abortSpy = nullptr;
-    // The reply exists only once the request is made; watch it from inside the loop.
-    QTimer::singleShot(10, this, [&] {
-        if (host.lastReply)
-            abortSpy = new QSignalSpy(host.lastReply.data(), &Reply::abort);
-    });
-    const auto code = GlobalManager::instance()->request(context, result, "http://127.0.0.1:1/x", {});
-    QCOMPARE(code, Error::Aborted);
-    QVERIFY(abortSpy);
-    QCOMPARE(abortSpy->count(), 1);
-    delete abortSpy;
-    QTRY_VERIFY_WITH_TIMEOUT(host.lastReply.isNull(), 5000);
-}
-
-void tst_GlobalManager::requestOverHttp_data()
-{
-    QTest::addColumn<bool>("managerOnOtherThread");
-    QTest::newRow("manager on the caller's thread") << false;
-    QTest::newRow("manager on its own thread") << true;
-}
-
-void tst_GlobalManager::requestOverHttp()
-{
-    QFETCH(bool, managerOnOtherThread);
-    ScriptedServer server;
-    QVERIFY(server.start());
-    server.enqueue(ScriptedResponse::json(R"({"status":"success","result":{"n":7}})"));
-    server.enqueue(ScriptedResponse::json(R"({"status":"fail","result":"notExist"})"));
-
-    QThread thread;
-    Manager host;
-    host.setConfigData({{"token", "secret"}});
-    if (managerOnOtherThread) {
-        host.moveToThread(&thread);
-        thread.start();
-    }
-    GlobalManager::instance()->setManager(&host);
-
-    QVariant result;
-    auto code = GlobalManager::instance()->request(this, result, server.baseUrl() + "/a",
-                                                   Manager::Post, Manager::NoEncryption,
-                                                   {{"X-Test", "1"}}, {{"fileName", "a.txt"}},
-                                                   {{"q", "v"}}, Manager::UserAuthentication, 0);
-    QCOMPARE(code, Error::NoError);
-    QCOMPARE(result.toMap().value("n").toInt(), 7);
-    QCOMPARE(server.requestCount(), 1);
-    const ScriptedRequest sent = server.requests().first();
-    QCOMPARE(sent.method, QByteArray("POST"));
-    QCOMPARE(sent.target, QByteArray("/a?q=v"));
-    QCOMPARE(sent.header("X-Test"), QByteArray("1"));
-    QCOMPARE(sent.header("Authorization"), QByteArray("Bearer secret"));
-    // A kept-alive connection would hold every request's body back 40 ms.
-    QCOMPARE(sent.header("Connection"), QByteArray("close"));
-    QCOMPARE(QJsonDocument::fromJson(sent.body).object().value("fileName").toString(), QStringLiteral("a.txt"));
-
-    code = GlobalManager::instance()->request(this, result, server.baseUrl() + "/b", {});
-    QCOMPARE(code, Error::GeneralFailure);
-    QCOMPARE(result.toString(), QStringLiteral("notExist"));
-    // The plain form (listing, deleting) carries the token too.
-    QCOMPARE(server.requests().last().header("Authorization"), QByteArray("Bearer secret"));
-    QCOMPARE(GlobalManager::instance()->configData().value("token").toString(), QStringLiteral("secret"));
-
-    if (managerOnOtherThread) {
-        // Hand the manager back before it is destroyed on this thread.
-        QThread *testThread = QThread::currentThread();
-        QMetaObject::invokeMethod(&host, [&] { host.moveToThread(testThread); },
-                                  Qt::BlockingQueuedConnection);
-        thread.quit();
-        thread.wait();
-    }
-}
-
-void tst_GlobalManager::makePath()
-{
-    QTemporaryDir dir;
-    const QString nested = dir.path() + "/a/b/c";
-    QVERIFY(GlobalManager::makePath(nested));
-    QVERIFY(QDir(nested).exists());
-    QVERIFY(GlobalManager::makePath(nested));
-
-    QFile blocker(dir.path() + "/file");
-    QVERIFY(blocker.open(QIODevice::WriteOnly));
-    blocker.close();
-    LogCapture log;
-    QVERIFY(!GlobalManager::makePath(dir.path() + "/file/sub"));
-    QCOMPARE(log.count(QStringLiteral("path create fail"), QtCriticalMsg), 1);
-}
 
 QTEST_MAIN(tst_GlobalManager)
 #include "tst_globalmanager.moc"

@@ -10,78 +10,63 @@ class tst_FileRangeDevice : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase();
-    void readsTheRange_data();
-    void readsTheRange();
-    void refuses_data();
-    void refuses();
+    void initTestCase() { QVERIFY(writeRandomFile(m_path, m_content.size(), 7)); }
+
+    void readsTheRange_data()
+    {
+        QTest::addColumn<qint64>("offset");
+        QTest::addColumn<qint64>("length");
+        QTest::newRow("middle: stops where the file goes on") << qint64(1000) << qint64(5000);
+        QTest::newRow("the whole file") << qint64(0) << qint64(100000);
+        QTest::newRow("empty, at the end") << qint64(100000) << qint64(0);
+    }
+    void readsTheRange()
+    {
+        QFETCH(qint64, offset);
+        QFETCH(qint64, length);
+        FileRangeDevice device(m_path, offset, length);
+        QVERIFY(device.open(QIODevice::ReadOnly));
+        QCOMPARE(device.size(), length);
+        QCOMPARE(device.readAll(), m_content.mid(offset, length));
+        QVERIFY(device.atEnd());
+        // A resent body starts over; a seek is relative to the range.
+        QVERIFY(device.seek(length / 2));
+        QCOMPARE(device.readAll(), m_content.mid(offset + length / 2, length - length / 2));
+        QVERIFY(device.seek(0));
+        QCOMPARE(device.read(10), m_content.mid(offset, qMin<qint64>(10, length)));
+        QVERIFY(!device.seek(length + 1));
+        QVERIFY(!device.seek(-1));
+    }
+
+    void refuses_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<qint64>("offset");
+        QTest::addColumn<qint64>("length");
+        QTest::addColumn<int>("mode");
+        const int read = QIODevice::ReadOnly;
+        QTest::newRow("one byte past the end") << "source.bin" << qint64(90000) << qint64(10001) << read;
+        QTest::newRow("negative offset") << "source.bin" << qint64(-1) << qint64(10) << read;
+        QTest::newRow("negative length") << "source.bin" << qint64(0) << qint64(-1) << read;
+        QTest::newRow("no such file") << "gone.bin" << qint64(0) << qint64(10) << read;
+        QTest::newRow("for writing") << "source.bin" << qint64(0) << qint64(10) << int(QIODevice::ReadWrite);
+    }
+    void refuses()
+    {
+        QFETCH(QString, name);
+        QFETCH(qint64, offset);
+        QFETCH(qint64, length);
+        QFETCH(int, mode);
+        FileRangeDevice device(m_dir.filePath(name), offset, length);
+        QVERIFY(!device.open(QIODevice::OpenMode(mode)));
+        QVERIFY(!device.isOpen());
+    }
 
 private:
     QTemporaryDir m_dir;
-    QString m_path;
-    QByteArray m_content;
+    const QString m_path = m_dir.filePath("source.bin");
+    const QByteArray m_content = randomBytes(100000, 7);
 };
-
-void tst_FileRangeDevice::initTestCase()
-{
-    m_path = m_dir.filePath("source.bin");
-    m_content = randomBytes(100000, 7);
-    QVERIFY(writeRandomFile(m_path, m_content.size(), 7));
-}
-
-void tst_FileRangeDevice::readsTheRange_data()
-{
-    QTest::addColumn<qint64>("offset");
-    QTest::addColumn<qint64>("length");
-    QTest::newRow("middle: stops where the file goes on") << qint64(1000) << qint64(5000);
-    QTest::newRow("the tail") << qint64(90000) << qint64(10000);
-    QTest::newRow("the whole file") << qint64(0) << qint64(100000);
-    QTest::newRow("empty, at the end") << qint64(100000) << qint64(0);
-}
-
-void tst_FileRangeDevice::readsTheRange()
-{
-    QFETCH(qint64, offset);
-    QFETCH(qint64, length);
-    FileRangeDevice device(m_path, offset, length);
-    QVERIFY(device.open(QIODevice::ReadOnly));
-    QCOMPARE(device.size(), length);
-    QCOMPARE(device.readAll(), m_content.mid(offset, length));
-    QVERIFY(device.atEnd());
-
-    // A resent body starts over; a seek is relative to the range.
-    QVERIFY(device.seek(length / 2));
-    QCOMPARE(device.readAll(), m_content.mid(offset + length / 2, length - length / 2));
-    QVERIFY(device.seek(0));
-    QCOMPARE(device.read(10), m_content.mid(offset, qMin<qint64>(10, length)));
-    QVERIFY(!device.seek(length + 1));
-    QVERIFY(!device.seek(-1));
-}
-
-void tst_FileRangeDevice::refuses_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<qint64>("offset");
-    QTest::addColumn<qint64>("length");
-    QTest::addColumn<int>("mode");
-    const int read = QIODevice::ReadOnly;
-    QTest::newRow("one byte past the end") << "source.bin" << qint64(90000) << qint64(10001) << read;
-    QTest::newRow("negative offset") << "source.bin" << qint64(-1) << qint64(10) << read;
-    QTest::newRow("negative length") << "source.bin" << qint64(0) << qint64(-1) << read;
-    QTest::newRow("no such file") << "gone.bin" << qint64(0) << qint64(10) << read;
-    QTest::newRow("for writing") << "source.bin" << qint64(0) << qint64(10) << int(QIODevice::ReadWrite);
-}
-
-void tst_FileRangeDevice::refuses()
-{
-    QFETCH(QString, name);
-    QFETCH(qint64, offset);
-    QFETCH(qint64, length);
-    QFETCH(int, mode);
-    FileRangeDevice device(m_dir.filePath(name), offset, length);
-    QVERIFY(!device.open(QIODevice::OpenMode(mode)));
-    QVERIFY(!device.isOpen());
-}
 
 QTEST_MAIN(tst_FileRangeDevice)
 #include "tst_filerangedevice.moc"

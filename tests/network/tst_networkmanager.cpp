@@ -1,6 +1,6 @@
+#include "logcapture.h"
 #include "network/networkmanager.h"
 #include "network/networkreply.h"
-#include "logcapture.h"
 #include "randomfile.h"
 #include "scriptedserver.h"
 
@@ -13,62 +13,6 @@
 #include <QThread>
 
 using NetLimit = Zephyrtide::Manager::NetLimit;
-
-// The request queue, against a scripted server that holds or shapes its answers.
-class tst_NetworkManager : public QObject
-{
-    Q_OBJECT
-private Q_SLOTS:
-    void initTestCase() { QStandardPaths::setTestModeEnabled(true); }
-    void init();
-    void cleanup();
-
-    void waitingRequestsKeptAlive();
-    void arrivalOrder();
-    void deletedReplyLeaves_data();
-    void deletedReplyLeaves();
-    void netLimitLevels_data();
-    void netLimitLevels();
-    void unlimitedStartsAll();
-    void bodiesArriveIntact_data();
-    void bodiesArriveIntact();
-    void bodiesPreparedAheadOnAWorker();
-
-private:
-    QNetworkRequest request(int n) const { return QNetworkRequest(QUrl(m_server->baseUrl() + "/" + QString::number(n))); }
-    void getHeld(int count);
-
-    QScopedPointer<ScriptedServer> m_server;
-    QScopedPointer<NetworkManager> m_manager;
-    QList<QSharedPointer<NetworkReply>> m_replies;
-};
-
-void tst_NetworkManager::init()
-{
-    m_server.reset(new ScriptedServer);
-    QVERIFY(m_server->start());
-    m_manager.reset(new NetworkManager);
-}
-
-void tst_NetworkManager::cleanup()
-{
-    m_replies.clear();
-    m_manager.reset();
-    m_server.reset();
-}
-
-// Sends count GETs that the server holds until release().
-void tst_NetworkManager::getHeld(int count)
-{
-    m_server->setHandler([](const ScriptedRequest &) {
-        ScriptedResponse response;
-        response.body = "held";
-        response.hold = true;
-        return response;
-    });
-    for (int i = 0; i < count; ++i)
-        m_replies.append(QSharedPointer<NetworkReply>(m_manager->get(request(i))));
-}
 
 namespace {
 // Counts the timer events the event loop delivers: each live timer that fires
@@ -86,150 +30,8 @@ protected:
         return false;
     }
 };
-} // namespace
 
-// Limit 3 (four at once), 300 more wait. The fifth starts on the next turn of
-// the event loop after the first finishes, not inside its finished handler.
-// The waiting ones get a keep-alive every 4 s from one timer for all of them;
-// the running ones, the fifth too, get none.
-void tst_NetworkManager::waitingRequestsKeptAlive()
-{
-    const int waiting = 300;
-    getHeld(4 + waiting);
-    QList<QSharedPointer<QSignalSpy>> keepAlives;
-    for (const auto &reply : qAsConst(m_replies))
-        keepAlives.append(QSharedPointer<QSignalSpy>::create(reply.data(), &NetworkReply::keepAlive));
-    QCOMPARE(m_manager->runningCount(), 4);
-    QCOMPARE(m_manager->waitingCount(), waiting);
-    QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 4, 5000);
-    QVERIFY(m_replies.last()->reply() == nullptr);
-
-    TimerEventCounter timers;
-    QSignalSpy finished(m_replies.first().data(), &NetworkReply::finished);
-    m_server->release(1);
-    QVERIFY(finished.wait(5000));
-    QCOMPARE(m_manager->waitingCount(), waiting);
-    QTRY_COMPARE_WITH_TIMEOUT(m_manager->waitingCount(), waiting - 1, 5000);
-    QVERIFY(m_replies.at(4)->reply() != nullptr);
-    QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), 5, 5000);
-    QCOMPARE(m_server->maxOpenRequests(), 4);
-
-    QVERIFY(keepAlives.last()->wait(2 * NetworkManager::KeepAliveIntervalMs));
-    for (int i = 0; i < keepAlives.size(); ++i)
-        QCOMPARE(keepAlives.at(i)->count(), i < 5 ? 0 : 1);
-    QVERIFY2(timers.count < 20, qPrintable(QString::number(timers.count) + " timer events"));
-    m_server->release();
-}
-
-void tst_NetworkManager::arrivalOrder()
-{
-    m_manager->setNetLimit(Zephyrtide::Manager::Low); // two at once
-    getHeld(6);
-    QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), 2, 5000);
-    for (int started = 3; started <= 6; ++started) {
-        m_server->release(1);
-        QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), started, 5000);
-    }
-    QStringList paths;
-    for (const ScriptedRequest &r : m_server->requests())
-        paths << r.path();
-    QCOMPARE(paths, QStringList({"/0", "/1", "/2", "/3", "/4", "/5"}));
-    QCOMPARE(m_server->maxOpenRequests(), 2);
-    m_server->release();
-}
-
-void tst_NetworkManager::deletedReplyLeaves_data()
-{
-    QTest::addColumn<bool>("running");
-    QTest::newRow("the waiting one: never sent") << false;
-    QTest::newRow("a running one: cancelled, its slot taken on the next turn") << true;
-}
-
-void tst_NetworkManager::deletedReplyLeaves()
-{
-    QFETCH(bool, running);
-    getHeld(5);
-    QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 4, 5000);
-    QPointer<QNetworkReply> inner = m_replies.first()->reply();
-    (running ? m_replies.takeFirst() : m_replies.takeLast()).reset();
-    QCOMPARE(m_manager->waitingCount(), running ? 1 : 0);
-    QCOMPARE(m_manager->runningCount(), running ? 3 : 4);
-    QTRY_COMPARE_WITH_TIMEOUT(m_manager->runningCount(), 4, 5000);
-    QCOMPARE(m_manager->waitingCount(), 0);
-    QTRY_VERIFY_WITH_TIMEOUT(inner.isNull() == running, 5000);
-    QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), running ? 5 : 4, 5000);
-    m_server->release();
-    QTRY_COMPARE_WITH_TIMEOUT(m_manager->runningCount(), 0, 5000);
-    QCOMPARE(m_server->requestCount(), running ? 5 : 4);
-}
-
-void tst_NetworkManager::netLimitLevels_data()
-{
-    QTest::addColumn<QList<int>>("levels");
-    QTest::addColumn<int>("limit");
-    QTest::addColumn<int>("changes"); // "netlimit cahngggggg" lines
-    QTest::newRow("low from default: 1") << QList<int>{NetLimit::Low} << 1 << 1;
-    QTest::newRow("normal from default: 3") << QList<int>{NetLimit::Normal} << 3 << 1;
-    QTest::newRow("unlimited: 99") << QList<int>{NetLimit::Unlimited} << 99 << 1;
-    QTest::newRow("low, then high: 3") << QList<int>{NetLimit::Low, NetLimit::High} << 3 << 2;
-    QTest::newRow("unlimited, then low: 1") << QList<int>{NetLimit::Unlimited, NetLimit::Low} << 1 << 2;
-    // The level is compared with the limit itself: level 3 meets limit 3, level 1 limit 1.
-    QTest::newRow("high (3) from default 3: ignored") << QList<int>{NetLimit::High} << 3 << 0;
-    QTest::newRow("low, then normal (1): ignored") << QList<int>{NetLimit::Low, NetLimit::Normal} << 1 << 1;
-}
-
-void tst_NetworkManager::netLimitLevels()
-{
-    QFETCH(QList<int>, levels);
-    QFETCH(int, limit);
-    QFETCH(int, changes);
-    LogCapture log;
-    QCOMPARE(m_manager->netLimit(), 3);
-    for (int level : levels)
-        m_manager->setNetLimit(NetLimit(level));
-    QCOMPARE(m_manager->netLimit(), limit);
-    QCOMPARE(log.count(QStringLiteral("netlimit cahngggggg"), QtDebugMsg), changes);
-}
-
-void tst_NetworkManager::unlimitedStartsAll()
-{
-    m_manager->setNetLimit(NetLimit::Unlimited);
-    getHeld(10);
-    QCOMPARE(m_manager->waitingCount(), 0);
-    QCOMPARE(m_manager->runningCount(), 10);
-    // Qt itself opens at most six connections per host, so the server sees six.
-    QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 6, 5000);
-    m_server->release();
-}
-
-void tst_NetworkManager::bodiesArriveIntact_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::newRow("POST") << 0;
-    QTest::newRow("PUT") << 2;
-}
-
-void tst_NetworkManager::bodiesArriveIntact()
-{
-    QFETCH(int, type);
-    const QByteArray body = randomBytes(1024 * 1024 + 17, 42);
-    ScriptedRequest received;
-    m_server->setHandler([&](const ScriptedRequest &r) {
-        received = r;
-        return ScriptedResponse::json("{}");
-    });
-    QSharedPointer<NetworkReply> reply(m_manager->requestRemote(request(0), body, type));
-    QSignalSpy finished(reply.data(), &NetworkReply::finished);
-    QVERIFY(finished.wait(10000));
-    QCOMPARE(received.method, QByteArray(type == 0 ? "POST" : "PUT"));
-    QCOMPARE(QCryptographicHash::hash(received.body, QCryptographicHash::Sha256),
-             QCryptographicHash::hash(body, QCryptographicHash::Sha256));
-    // A kept-alive connection would hold every body back 40 ms (delayed ACK).
-    QCOMPARE(received.header("Connection"), QByteArray("close"));
-}
-
-namespace {
-// Counts where and how often the queue prepares it.
+// Counts how often the queue prepares it.
 class RecordingBody : public RequestBody
 {
 public:
@@ -259,37 +61,199 @@ private:
 };
 } // namespace
 
-// Bodies of the transfers next in line are prepared off the thread that moves
-// the data, once each, and only a window as wide as the transfers at once: a
-// long queue must not read a whole file ahead of the network.
-void tst_NetworkManager::bodiesPreparedAheadOnAWorker()
+// The request queue, against a scripted server that holds or shapes its answers.
+class tst_NetworkManager : public QObject
 {
-    m_manager->setNetLimit(Zephyrtide::Manager::Low); // two at once
-    getHeld(0);
-    QList<QSharedPointer<RecordingBody>> bodies;
-    for (int i = 0; i < 8; ++i) {
-        bodies.append(QSharedPointer<RecordingBody>::create());
-        m_replies.append(QSharedPointer<NetworkReply>(m_manager->requestRemote(request(i), bodies.last(), 0)));
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase() { QStandardPaths::setTestModeEnabled(true); }
+    void init()
+    {
+        m_server.reset(new ScriptedServer);
+        QVERIFY(m_server->start());
+        m_manager.reset(new NetworkManager);
     }
-    QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 2, 5000);
-    const auto preparedWindow = [&bodies] {
-        QList<int> counts;
-        for (const auto &body : bodies)
-            counts << body->record().first;
-        return counts;
-    };
-    QTRY_COMPARE_WITH_TIMEOUT(preparedWindow(), QList<int>({0, 0, 1, 1, 0, 0, 0, 0}), 5000);
-    QVERIFY(bodies.at(2)->record().second != QThread::currentThread());
-    QVERIFY(bodies.at(2)->record().second != nullptr);
+    void cleanup()
+    {
+        m_replies.clear();
+        m_manager.reset();
+        m_server.reset();
+    }
 
-    m_server->release(1);
-    QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), 3, 5000);
-    QTRY_COMPARE_WITH_TIMEOUT(preparedWindow(), QList<int>({0, 0, 1, 1, 1, 0, 0, 0}), 5000);
-    m_server->setHandler([](const ScriptedRequest &) { return ScriptedResponse::json("{}"); });
-    m_server->release();
-    QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), 8, 10000);
-    QCOMPARE(preparedWindow(), QList<int>({0, 0, 1, 1, 1, 1, 1, 1}));
-}
+    // Limit 3 (four at once), 300 more wait. The fifth starts on the next turn
+    // of the event loop after the first finishes, not inside its finished
+    // handler. The waiting ones get a keep-alive every 4 s from one timer for
+    // all of them; the running ones, the fifth too, get none.
+    void waitingRequestsKeptAlive()
+    {
+        const int waiting = 300;
+        getHeld(4 + waiting);
+        QList<QSharedPointer<QSignalSpy>> keepAlives;
+        for (const auto &reply : qAsConst(m_replies))
+            keepAlives.append(QSharedPointer<QSignalSpy>::create(reply.data(), &NetworkReply::keepAlive));
+        QCOMPARE(m_manager->runningCount(), 4);
+        QCOMPARE(m_manager->waitingCount(), waiting);
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 4, 5000);
+        QVERIFY(m_replies.last()->reply() == nullptr);
+
+        TimerEventCounter timers;
+        QSignalSpy finished(m_replies.first().data(), &NetworkReply::finished);
+        m_server->release(1);
+        QVERIFY(finished.wait(5000));
+        QCOMPARE(m_manager->waitingCount(), waiting);
+        QTRY_COMPARE_WITH_TIMEOUT(m_manager->waitingCount(), waiting - 1, 5000);
+        QVERIFY(m_replies.at(4)->reply() != nullptr);
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), 5, 5000);
+        QCOMPARE(m_server->maxOpenRequests(), 4);
+
+        QVERIFY(keepAlives.last()->wait(2 * NetworkManager::KeepAliveIntervalMs));
+        for (int i = 0; i < keepAlives.size(); ++i)
+            QCOMPARE(keepAlives.at(i)->count(), i < 5 ? 0 : 1);
+        QVERIFY2(timers.count < 20, qPrintable(QString::number(timers.count) + " timer events"));
+        m_server->release();
+    }
+
+    void arrivalOrder()
+    {
+        m_manager->setNetLimit(NetLimit::Low); // two at once
+        getHeld(6);
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), 2, 5000);
+        for (int started = 3; started <= 6; ++started) {
+            m_server->release(1);
+            QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), started, 5000);
+        }
+        QStringList paths;
+        for (const ScriptedRequest &r : m_server->requests())
+            paths << r.path();
+        QCOMPARE(paths, QStringList({"/0", "/1", "/2", "/3", "/4", "/5"}));
+        QCOMPARE(m_server->maxOpenRequests(), 2);
+        m_server->release();
+    }
+
+    void deletedReplyLeaves_data()
+    {
+        QTest::addColumn<bool>("running");
+        QTest::newRow("the waiting one: never sent") << false;
+        QTest::newRow("a running one: cancelled, its slot taken on the next turn") << true;
+    }
+    void deletedReplyLeaves()
+    {
+        QFETCH(bool, running);
+        getHeld(5);
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 4, 5000);
+        QPointer<QNetworkReply> inner = m_replies.first()->reply();
+        (running ? m_replies.takeFirst() : m_replies.takeLast()).reset();
+        QCOMPARE(m_manager->waitingCount(), running ? 1 : 0);
+        QCOMPARE(m_manager->runningCount(), running ? 3 : 4);
+        QTRY_COMPARE_WITH_TIMEOUT(m_manager->runningCount(), 4, 5000);
+        QCOMPARE(m_manager->waitingCount(), 0);
+        QTRY_VERIFY_WITH_TIMEOUT(inner.isNull() == running, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), running ? 5 : 4, 5000);
+        m_server->release();
+        QTRY_COMPARE_WITH_TIMEOUT(m_manager->runningCount(), 0, 5000);
+        QCOMPARE(m_server->requestCount(), running ? 5 : 4);
+    }
+
+    void netLimitLevels_data()
+    {
+        QTest::addColumn<QList<int>>("levels");
+        QTest::addColumn<int>("limit");
+        QTest::addColumn<int>("changes"); // "netlimit cahngggggg" lines
+        QTest::newRow("low from default: 1") << QList<int>{NetLimit::Low} << 1 << 1;
+        QTest::newRow("normal from default: 3") << QList<int>{NetLimit::Normal} << 3 << 1;
+        QTest::newRow("unlimited: 99") << QList<int>{NetLimit::Unlimited} << 99 << 1;
+        QTest::newRow("low, then high: 3") << QList<int>{NetLimit::Low, NetLimit::High} << 3 << 2;
+        QTest::newRow("unlimited, then low: 1") << QList<int>{NetLimit::Unlimited, NetLimit::Low} << 1 << 2;
+        // The level is compared with the limit itself: level 3 meets limit 3, level 1 limit 1.
+        QTest::newRow("high (3) from default 3: ignored") << QList<int>{NetLimit::High} << 3 << 0;
+        QTest::newRow("low, then normal (1): ignored") << QList<int>{NetLimit::Low, NetLimit::Normal} << 1 << 1;
+    }
+    void netLimitLevels()
+    {
+        QFETCH(QList<int>, levels);
+        QFETCH(int, limit);
+        QFETCH(int, changes);
+        LogCapture log;
+        QCOMPARE(m_manager->netLimit(), 3);
+        for (int level : levels)
+            m_manager->setNetLimit(NetLimit(level));
+        QCOMPARE(m_manager->netLimit(), limit);
+        QCOMPARE(log.count("netlimit cahngggggg", QtDebugMsg), changes);
+    }
+
+    void bodiesArriveIntact_data()
+    {
+        QTest::addColumn<int>("type");
+        QTest::newRow("POST") << 0;
+        QTest::newRow("PUT") << 2;
+    }
+    void bodiesArriveIntact()
+    {
+        QFETCH(int, type);
+        const QByteArray body = randomBytes(1024 * 1024 + 17, 42);
+        m_server->enqueue(ScriptedResponse::json("{}"));
+        QSharedPointer<NetworkReply> reply(m_manager->requestRemote(request(0), body, type));
+        QSignalSpy finished(reply.data(), &NetworkReply::finished);
+        QVERIFY(finished.wait(10000));
+        const ScriptedRequest received = m_server->requests().value(0);
+        QCOMPARE(received.method, QByteArray(type == 0 ? "POST" : "PUT"));
+        QCOMPARE(QCryptographicHash::hash(received.body, QCryptographicHash::Sha256),
+                 QCryptographicHash::hash(body, QCryptographicHash::Sha256));
+        // A kept-alive connection would hold every body back 40 ms (delayed ACK).
+        QCOMPARE(received.header("Connection"), QByteArray("close"));
+    }
+
+    // Bodies of the transfers next in line are prepared off the thread that
+    // moves the data, once each, and only a window as wide as the transfers at
+    // once: a long queue must not read a whole file ahead of the network.
+    void bodiesPreparedAheadOnAWorker()
+    {
+        m_manager->setNetLimit(NetLimit::Low); // two at once
+        getHeld(0);
+        QList<QSharedPointer<RecordingBody>> bodies;
+        for (int i = 0; i < 8; ++i) {
+            bodies.append(QSharedPointer<RecordingBody>::create());
+            m_replies.append(QSharedPointer<NetworkReply>(m_manager->requestRemote(request(i), bodies.last(), 0)));
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 2, 5000);
+        const auto preparedWindow = [&bodies] {
+            QList<int> counts;
+            for (const auto &body : bodies)
+                counts << body->record().first;
+            return counts;
+        };
+        QTRY_COMPARE_WITH_TIMEOUT(preparedWindow(), QList<int>({0, 0, 1, 1, 0, 0, 0, 0}), 5000);
+        QVERIFY(bodies.at(2)->record().second != QThread::currentThread());
+        QVERIFY(bodies.at(2)->record().second != nullptr);
+
+        m_server->release(1);
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), 3, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(preparedWindow(), QList<int>({0, 0, 1, 1, 1, 0, 0, 0}), 5000);
+        m_server->setHandler([](const ScriptedRequest &) { return ScriptedResponse::json("{}"); });
+        m_server->release();
+        QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), 8, 10000);
+        QCOMPARE(preparedWindow(), QList<int>({0, 0, 1, 1, 1, 1, 1, 1}));
+    }
+
+private:
+    QNetworkRequest request(int n) const { return QNetworkRequest(QUrl(m_server->baseUrl() + "/" + QString::number(n))); }
+    // Sends count GETs that the server holds until release().
+    void getHeld(int count)
+    {
+        m_server->setHandler([](const ScriptedRequest &) {
+            ScriptedResponse response;
+            response.body = "held";
+            response.hold = true;
+            return response;
+        });
+        for (int i = 0; i < count; ++i)
+            m_replies.append(QSharedPointer<NetworkReply>(m_manager->get(request(i))));
+    }
+
+    QScopedPointer<ScriptedServer> m_server;
+    QScopedPointer<NetworkManager> m_manager;
+    QList<QSharedPointer<NetworkReply>> m_replies;
+};
 
 QTEST_MAIN(tst_NetworkManager)
 #include "tst_networkmanager.moc"

@@ -1,7 +1,7 @@
 #include "core/globalmanager.h"
+#include "network/networkmanager.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"
-#include "network/networkmanager.h"
 #include "upload/clouduploader.h"
 #include "upload/fileitem.h"
 #include "upload/uploadglobal.h"
@@ -15,21 +15,132 @@
 
 using Zephyrtide::Error;
 
-// A job of several files against a scripted upload service: one result per
-// file, progress summed over them, one outcome per run.
+// A job of several files against a scripted upload service (parts of 4 bytes):
+// one result per file, progress summed over them, one outcome per run.
 class tst_CloudUploader : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void init()
+    {
+        m_server.reset(new ScriptedServer);
+        QVERIFY(m_server->start());
+        m_service.reset(new UploadService(m_server.data()));
+        m_host.reset(new Zephyrtide::Manager);
+        GlobalManager::instance()->setManager(m_host.data());
+        GlobalManager::instance()->setFileServiceAddress(m_server->baseUrl());
+        UploadGlobal::instance()->setManager(m_host.data());
+        UploadGlobal::instance()->removeAll();
+    }
+    void cleanup()
+    {
+        m_service.reset();
+        m_server.reset();
+        UploadGlobal::destroy();
+        GlobalManager::destroy();
+        m_host.reset();
+    }
 
-    void filesFinishOnceWithResults();
-    void refusedStarts();
-    void failingFileFailsJob();
+    void filesFinishOnceWithResults()
+    {
+        const QVariantList given = files(3);
+        CloudUploader job;
+        QVERIFY(job.setFiles(given));
+        // Each report is what the files have sent by then, each byte counted once.
+        QList<QPair<qint64, qint64>> reported;
+        connect(&job, &CloudUploader::progress, this, [&job, &reported](qint64 sent, qint64 total) {
+            qint64 sum = 0;
+            for (const auto &item : job.fileItems())
+                sum += item->bytesSent;
+            QCOMPARE(sent, sum);
+            reported << qMakePair(sent, total);
+        });
+        QSignalSpy finished(&job, &CloudUploader::finished);
+        QSignalSpy error(&job, &CloudUploader::errorOccurred);
+        QVERIFY(job.start());
+        QVERIFY(finished.wait(10000));
+        QCOMPARE(finished.count(), 1);
+        QCOMPARE(error.count(), 0);
+        QCOMPARE(m_service->requestsTo("/upload/part").size(), 3 + 3 + 3); // 9, 10, 11 bytes
+
+        QStringList paths;
+        for (const QVariant &entry : finished.first().first().toList()) {
+            const QVariantMap map = entry.toMap();
+            QCOMPARE(map.value("category").toString(), QStringLiteral("Zephyrtide")); // the host's "mine" overridden
+            QCOMPARE(map.value("dfsID").toString(), QStringLiteral("Zephyrtide"));
+            QCOMPARE(map.value("private").toBool(), map.value("filePath").toString().endsWith("f1.bin"));
+            paths << map.value("filePath").toString();
+        }
+        paths.sort();
+        QStringList givenPaths;
+        for (const QVariant &file : given)
+            givenPaths << file.toMap().value("filePath").toString();
+        QCOMPARE(paths, givenPaths);
+        // Summed over the files, never back, ending at the total.
+        QVERIFY(!reported.isEmpty());
+        for (int i = 0; i < reported.size(); ++i) {
+            QCOMPARE(reported.at(i).second, 30LL);
+            QVERIFY(i == 0 || reported.at(i).first >= reported.at(i - 1).first);
+        }
+        QCOMPARE(reported.last().first, 30LL);
+        // A finished job leaves nothing to resume.
+        QCOMPARE(UploadGlobal::instance()->readValue("uploadInfo").toMap().size(), 0);
+    }
+
+    void refusedStarts()
+    {
+        CloudUploader job;
+        QSignalSpy error(&job, &CloudUploader::errorOccurred);
+        QVERIFY(!job.setFiles({}));
+        QVERIFY(!job.start());
+        QCOMPARE(error.takeFirst().first().value<ZTErrorCode>(), Error::ParseError);
+        m_service->holdParts = true;
+        QVERIFY(job.setFiles(files(1)));
+        QVERIFY(job.start());
+        QTRY_VERIFY_WITH_TIMEOUT(m_server->heldCount() > 0, 5000);
+        QVERIFY(job.start()); // accepted: it runs already
+        QCOMPARE(error.count(), 1);
+        QCOMPARE(error.first().first().value<ZTErrorCode>(), Error::AlreadyRunning);
+        QCOMPARE(job.state(), int(CloudUploader::Running));
+        m_server->release();
+    }
+
+    // A part fails: the job reports that failure, never finished(), and keeps
+    // the file's session, less the parts that went through, for a later run.
+    void failingFileFailsJob()
+    {
+        m_service->partStatus.insert(2, 500);
+        CloudUploader job;
+        QVERIFY(job.setFiles(files(1)));
+        QSignalSpy finished(&job, &CloudUploader::finished);
+        QSignalSpy error(&job, &CloudUploader::errorOccurred);
+        job.start(); // false when the failure came while it still asked for a session
+        QTRY_COMPARE_WITH_TIMEOUT(error.count(), 1, 5000);
+        QCOMPARE(error.first().first().value<ZTErrorCode>(), ZTErrorCode(20480 + QNetworkReply::InternalServerError));
+        QCOMPARE(job.state(), int(CloudUploader::Failed));
+        QCOMPARE(job.fileItems().first()->state, Upload::Failed);
+        // Parts 1 and 3 are answered too, and end nothing more.
+        QTRY_COMPARE_WITH_TIMEOUT(UploadGlobal::instance()->networkManager()->runningCount(), 0, 5000);
+        QCOMPARE(m_service->requestsTo("/upload/part").size(), 3);
+        QCOMPARE(finished.count() + error.count(), 1);
+        QCOMPARE(m_service->requestsTo("/upload/complete").size(), 0);
+        const QVariantMap cached = UploadGlobal::instance()->getInfo(job.fileItems().first()->identifier);
+        QCOMPARE(cached.value("uploadInfo").toMap().value("chunks").toList().size(), 1);
+    }
 
 private:
-    QVariantList files(int count);
+    // count files of 9, 10, 11, ... bytes, as the host lists them.
+    QVariantList files(int count)
+    {
+        QVariantList list;
+        for (int i = 0; i < count; ++i) {
+            QFile file(m_dir.filePath(QStringLiteral("f%1.bin").arg(i)));
+            if (!file.open(QIODevice::WriteOnly) || file.write(QByteArray(9 + i, char('a' + i))) != 9 + i)
+                return {};
+            list << QVariantMap{{"filePath", file.fileName()}, {"category", "mine"}, {"private", i % 2 == 1}};
+        }
+        return list;
+    }
 
     TestEnvironment m_environment;
     QTemporaryDir m_dir;
@@ -37,135 +148,6 @@ private:
     QScopedPointer<UploadService> m_service;
     QScopedPointer<Zephyrtide::Manager> m_host;
 };
-
-void tst_CloudUploader::init()
-{
-    m_server.reset(new ScriptedServer);
-    QVERIFY(m_server->start());
-    m_service.reset(new UploadService(m_server.data()));
-    m_host.reset(new Zephyrtide::Manager);
-    GlobalManager::instance()->setManager(m_host.data());
-    GlobalManager::instance()->setFileServiceAddress(m_server->baseUrl());
-    UploadGlobal::instance()->setManager(m_host.data());
-    UploadGlobal::instance()->removeAll();
-}
-
-void tst_CloudUploader::cleanup()
-{
-    m_service.reset();
-    m_server.reset();
-    UploadGlobal::destroy();
-    GlobalManager::destroy();
-    m_host.reset();
-}
-
-// count files of 9, 10, 11, ... bytes, as the host lists them.
-QVariantList tst_CloudUploader::files(int count)
-{
-    QVariantList list;
-    for (int i = 0; i < count; ++i) {
-        QFile file(m_dir.filePath(QStringLiteral("f%1.bin").arg(i)));
-        if (!file.open(QIODevice::WriteOnly) || file.write(QByteArray(9 + i, char('a' + i))) != 9 + i)
-            return {};
-        list << QVariantMap{{"filePath", file.fileName()}, {"category", "mine"}, {"private", i % 2 == 1}};
-    }
-    return list;
-}
-
-void tst_CloudUploader::filesFinishOnceWithResults()
-{
-    const QVariantList given = files(3);
-    CloudUploader job;
-    QVERIFY(job.setFiles(given));
-    QSignalSpy progress(&job, &CloudUploader::progress);
-    // Each report is what the files have sent by then, each byte counted once.
-    QList<qint64> counted;
-    connect(&job, &CloudUploader::progress, this, [&job, &counted] {
-        qint64 sum = 0;
-        for (const auto &item : job.fileItems())
-            sum += item->bytesSent;
-        counted << sum;
-    });
-    QSignalSpy finished(&job, &CloudUploader::finished);
-    QSignalSpy error(&job, &CloudUploader::errorOccurred);
-    QVERIFY(job.start());
-    QVERIFY(finished.wait(10000));
-    QCOMPARE(finished.count(), 1);
-    QCOMPARE(error.count(), 0);
-    QCOMPARE(m_service->requestsTo("/upload/part").size(), 3 + 3 + 3); // 9, 10, 11 bytes in parts of 4
-
-    const QVariantList results = finished.first().first().toList();
-    QCOMPARE(results.size(), 3);
-    QStringList paths;
-    for (const QVariant &entry : results) {
-        const QVariantMap map = entry.toMap();
-        QCOMPARE(map.keys(), QStringList({"bucket", "category", "cdnURL", "contentType", "dfsID", "filePath",
-                                          "preview", "private"}));
-        QCOMPARE(map.value("category").toString(), QStringLiteral("Zephyrtide")); // the host's "mine" is overridden
-        QCOMPARE(map.value("dfsID").toString(), QStringLiteral("Zephyrtide"));
-        QCOMPARE(map.value("private").toBool(), map.value("filePath").toString().endsWith("f1.bin"));
-        paths << map.value("filePath").toString();
-    }
-    paths.sort();
-    QCOMPARE(paths, QStringList({given.at(0).toMap().value("filePath").toString(),
-                                 given.at(1).toMap().value("filePath").toString(),
-                                 given.at(2).toMap().value("filePath").toString()}));
-    // Summed over the files, never back, ending at the total.
-    qint64 last = 0;
-    for (int i = 0; i < progress.size(); ++i) {
-        QCOMPARE(progress.at(i).at(1).toLongLong(), 30LL);
-        QCOMPARE(progress.at(i).at(0).toLongLong(), counted.at(i));
-        QVERIFY(counted.at(i) >= last);
-        last = counted.at(i);
-    }
-    QCOMPARE(last, 30LL);
-    // A finished job leaves nothing to resume.
-    QCOMPARE(UploadGlobal::instance()->readValue("uploadInfo").toMap().size(), 0);
-}
-
-void tst_CloudUploader::refusedStarts()
-{
-    CloudUploader job;
-    QSignalSpy error(&job, &CloudUploader::errorOccurred);
-    QVERIFY(!job.setFiles({}));
-    QVERIFY(!job.start());
-    QCOMPARE(error.takeFirst().first().value<ZTErrorCode>(), Error::ParseError);
-
-    m_service->holdParts = true;
-    QVERIFY(job.setFiles(files(1)));
-    QVERIFY(job.start());
-    QTRY_VERIFY_WITH_TIMEOUT(m_server->heldCount() > 0, 5000);
-    QVERIFY(job.start()); // accepted: it runs already
-    QCOMPARE(error.count(), 1);
-    QCOMPARE(error.first().first().value<ZTErrorCode>(), Error::AlreadyRunning);
-    QCOMPARE(job.state(), int(CloudUploader::Running));
-    m_server->release();
-}
-
-// A part fails: the job reports that failure, never finished(), and keeps the
-// file's session for a later run.
-void tst_CloudUploader::failingFileFailsJob()
-{
-    m_service->partStatus.insert(2, 500);
-    CloudUploader job;
-    QVERIFY(job.setFiles(files(1)));
-    QSignalSpy finished(&job, &CloudUploader::finished);
-    QSignalSpy error(&job, &CloudUploader::errorOccurred);
-    job.start(); // false when the failure came while it still asked for a session
-    QTRY_COMPARE_WITH_TIMEOUT(error.count(), 1, 5000);
-    QCOMPARE(error.first().first().value<ZTErrorCode>(), ZTErrorCode(20480 + QNetworkReply::InternalServerError));
-    QCOMPARE(job.state(), int(CloudUploader::Failed));
-    QCOMPARE(job.fileItems().first()->state, Upload::Failed);
-    // Parts 1 and 3 are answered too, and end nothing more.
-    QTRY_COMPARE_WITH_TIMEOUT(UploadGlobal::instance()->networkManager()->runningCount(), 0, 5000);
-    QCOMPARE(m_service->requestsTo("/upload/part").size(), 3);
-    QCOMPARE(finished.count(), 0);
-    QCOMPARE(error.count(), 1);
-    QCOMPARE(m_service->requestsTo("/upload/complete").size(), 0);
-    // The session stays cached, less the parts that went through.
-    const QVariantMap cached = UploadGlobal::instance()->getInfo(job.fileItems().first()->identifier);
-    QCOMPARE(cached.value("uploadInfo").toMap().value("chunks").toList().size(), 1);
-}
 
 QTEST_MAIN(tst_CloudUploader)
 #include "tst_clouduploader.moc"
