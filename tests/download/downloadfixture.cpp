@@ -73,6 +73,12 @@ QByteArray DownloadFixture::digestOf(const QByteArray &name) const
     return m_digests.value(name);
 }
 
+void DownloadFixture::setContent(const QByteArray &name, const QByteArray &content)
+{
+    m_contents.insert(name, content);
+    m_digests.remove(name);
+}
+
 QString DownloadFixture::chunkFolder(const QByteArray &tag) const
 {
     const QByteArray identity = QByteArray::number(m_size) + tag;
@@ -87,12 +93,23 @@ QVariantMap DownloadFixture::batch(const QStringList &names, const QString &fold
     return {{"files", files}};
 }
 
+bool DownloadFixture::addTask(Downloader &downloader, const QString &destination, const QString &name) const
+{
+    auto task = QSharedPointer<DownloadTask>::create();
+    return task->isValid(destination, server->baseUrl() + "/download", name) == 0 && downloader.addTask(task);
+}
+
 qint64 DownloadFixture::bytesIn(const QString &folder)
 {
     qint64 sum = 0;
     for (const QFileInfo &file : QDir(folder).entryInfoList(QDir::Files))
         sum += file.size();
     return sum;
+}
+
+QStringList DownloadFixture::filesIn(const QString &folder)
+{
+    return QDir(folder).entryList(QDir::Files | QDir::Hidden, QDir::Name);
 }
 
 void DownloadFixture::dropDigest(ScriptedResponse &response)
@@ -114,8 +131,7 @@ ZTErrorCode DownloadFixture::downloadOne(const QString &destination, const QStri
 {
     const auto none = ZTErrorCode(-1);
     Downloader downloader;
-    auto task = QSharedPointer<DownloadTask>::create();
-    if (task->isValid(destination, server->baseUrl() + "/download", name) != 0 || !downloader.addTask(task))
+    if (!addTask(downloader, destination, name))
         return none;
     ZTErrorCode code = none;
     QObject::connect(&downloader, &Downloader::finished, &downloader, [&](ZTErrorCode status) { code = status; });

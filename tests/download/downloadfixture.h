@@ -10,7 +10,6 @@
 #include <QMap>
 #include <QScopedPointer>
 #include <QTemporaryDir>
-#include <QVariantMap>
 
 #include <functional>
 
@@ -33,21 +32,20 @@ public:
     void serve(qint64 size);
     QByteArray contentOf(const QByteArray &name) const;
     QByteArray digestOf(const QByteArray &name) const;
-    void setContent(const QByteArray &name, const QByteArray &content)
-    {
-        m_contents.insert(name, content);
-        m_digests.remove(name);
-    }
+    void setContent(const QByteArray &name, const QByteArray &content);
     // The content folder of a file served here: its size and its tag make it.
     QString chunkFolder(const QByteArray &tag) const;
     QVariantMap batch(const QStringList &names, const QString &folder) const;
-    static qint64 bytesIn(const QString &folder);
-    static void dropDigest(ScriptedResponse &response);
-    static bool writeFile(const QString &path, const QByteArray &bytes);
+    bool addTask(Downloader &downloader, const QString &destination, const QString &name) const;
     // One file through a downloader of its own; whenStarted runs once the batch
     // has started. The batch's code, or -1 when it did not end in time.
     ZTErrorCode downloadOne(const QString &destination, const QString &name,
                             const std::function<void(Downloader &)> &whenStarted = nullptr);
+
+    static qint64 bytesIn(const QString &folder);
+    static QStringList filesIn(const QString &folder); // hidden ones too, sorted
+    static void dropDigest(ScriptedResponse &response);
+    static bool writeFile(const QString &path, const QByteArray &bytes);
 
     TestEnvironment environment;
     QScopedPointer<QTemporaryDir> temporary; // the engine's chunk folders

@@ -3,71 +3,61 @@
 #include <QPointer>
 #include <QTest>
 
-// How the download engine's files share access managers: never more
-// connections on one manager than Qt opens to a host, and a manager goes
-// with its last lease.
+// How the engine's files share access managers: never more connections on one
+// manager than Qt opens to a host, and a manager goes with its last lease.
 class tst_AccessManagerPool : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void packing_data();
-    void packing();
-    void lastLeaseEndsTheManager();
-};
-
-void tst_AccessManagerPool::packing_data()
-{
-    QTest::addColumn<QList<int>>("lends"); // connections asked, in order
-    QTest::addColumn<int>("managers");
-
-    QTest::newRow("six one-chunk files share one") << QList<int>{1, 1, 1, 1, 1, 1} << 1;
-    QTest::newRow("the seventh needs another") << QList<int>{1, 1, 1, 1, 1, 1, 1} << 2;
-    QTest::newRow("a four-chunk file leaves room for two") << QList<int>{4, 1, 1} << 1;
-    QTest::newRow("two four-chunk files: one each") << QList<int>{4, 4} << 2;
-    QTest::newRow("a small file after two large ones fills the first gap") << QList<int>{4, 4, 2} << 2;
-    QTest::newRow("more than six asked counts as six") << QList<int>{9, 1} << 2;
-    QTest::newRow("none asked counts as one") << QList<int>{0, 0, 0, 0, 0, 0, 0} << 2;
-    QTest::newRow("a thousand small files: a manager per six") << QVector<int>(1000, 1).toList() << 167;
-}
-
-void tst_AccessManagerPool::packing()
-{
-    QFETCH(QList<int>, lends);
-    QFETCH(int, managers);
-
-    AccessManagerPool pool;
-    QList<QSharedPointer<QNetworkAccessManager>> leases;
-    QHash<QNetworkAccessManager *, int> lent;
-    for (int connections : lends) {
-        leases.append(pool.lend(connections));
-        lent[leases.last().data()] += qBound(1, connections, AccessManagerPool::ConnectionsPerManager);
+    void packing_data()
+    {
+        QTest::addColumn<QList<int>>("lends"); // connections asked, in order
+        QTest::addColumn<int>("managers");
+        QTest::newRow("six one-chunk files share one") << QList<int>{1, 1, 1, 1, 1, 1} << 1;
+        QTest::newRow("the seventh needs another") << QList<int>{1, 1, 1, 1, 1, 1, 1} << 2;
+        QTest::newRow("a four-chunk file leaves room for two") << QList<int>{4, 1, 1} << 1;
+        QTest::newRow("two four-chunk files: one each") << QList<int>{4, 4} << 2;
+        QTest::newRow("a small file after two large ones fills the first gap") << QList<int>{4, 4, 2} << 2;
+        QTest::newRow("more than six asked counts as six") << QList<int>{9, 1} << 2;
+        QTest::newRow("none asked counts as one") << QList<int>{0, 0, 0, 0, 0, 0, 0} << 2;
+        QTest::newRow("a thousand small files: a manager per six") << QVector<int>(1000, 1).toList() << 167;
     }
-    QCOMPARE(pool.managerCount(), managers);
-    QCOMPARE(lent.size(), managers);
-    for (auto it = lent.cbegin(); it != lent.cend(); ++it)
-        QVERIFY2(it.value() <= AccessManagerPool::ConnectionsPerManager, qPrintable(QString::number(it.value())));
-}
 
-void tst_AccessManagerPool::lastLeaseEndsTheManager()
-{
-    AccessManagerPool pool;
-    auto full = pool.lend(6);
-    auto copy = full; // as a chunk holds it
-    auto other = pool.lend(1);
-    QVERIFY(other != full);
-    QPointer<QNetworkAccessManager> first(full.data());
+    void packing()
+    {
+        QFETCH(QList<int>, lends);
+        QFETCH(int, managers);
+        AccessManagerPool pool;
+        QList<QSharedPointer<QNetworkAccessManager>> leases;
+        QHash<QNetworkAccessManager *, int> lent;
+        for (int connections : lends) {
+            leases.append(pool.lend(connections));
+            lent[leases.last().data()] += qBound(1, connections, AccessManagerPool::ConnectionsPerManager);
+        }
+        QCOMPARE(pool.managerCount(), managers);
+        QCOMPARE(lent.size(), managers);
+        for (int count : qAsConst(lent))
+            QVERIFY2(count <= AccessManagerPool::ConnectionsPerManager, qPrintable(QString::number(count)));
+    }
 
-    full.reset();
-    QCOMPARE(pool.managerCount(), 2); // a copy still holds the lease
-    copy.reset();
-    QCOMPARE(pool.managerCount(), 1);
-    QTRY_VERIFY_WITH_TIMEOUT(first.isNull(), 5000);
-
-    // The room the other lease left is lent again.
-    auto more = pool.lend(5);
-    QCOMPARE(more, other);
-    QVERIFY(pool.lend(1) != other);
-}
+    void lastLeaseEndsTheManager()
+    {
+        AccessManagerPool pool;
+        auto full = pool.lend(6);
+        auto copy = full; // as a chunk holds it
+        auto other = pool.lend(1);
+        QVERIFY(other != full);
+        QPointer<QNetworkAccessManager> first(full.data());
+        full.reset();
+        QCOMPARE(pool.managerCount(), 2); // a copy still holds the lease
+        copy.reset();
+        QCOMPARE(pool.managerCount(), 1);
+        QTRY_VERIFY_WITH_TIMEOUT(first.isNull(), 5000);
+        auto more = pool.lend(5);
+        QCOMPARE(more, other); // the room the other lease left is lent again
+        QVERIFY(pool.lend(1) != other);
+    }
+};
 
 QTEST_GUILESS_MAIN(tst_AccessManagerPool)
 #include "tst_accessmanagerpool.moc"

@@ -1,16 +1,26 @@
 #include "download/downloadchunk.h"
 #include "logcapture.h"
+#include "randomfile.h"
 #include "core/globalmanager.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"
 
 #include <QCryptographicHash>
-#include <QFile>
 #include <QNetworkAccessManager>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
+
+namespace {
+constexpr qint64 MiB = 1024 * 1024;
+constexpr qint64 Window = 8 * MiB; // the most a chunk asks for in one request
+
+QByteArray reprDigest(const QByteArray &content)
+{
+    return "sha-256=:" + QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64() + ":";
+}
+} // namespace
 
 // One chunk against a scripted server: how its range goes out on the wire,
 // what lands in its file, and which answers it refuses.
@@ -19,207 +29,164 @@ class tst_DownloadChunk : public QObject
     Q_OBJECT
 private Q_SLOTS:
     void initTestCase() { GlobalManager::instance(); } // registers "ZTErrorCode" for the spies
-    void rangeGoesOutInWindows_data();
-    void rangeGoesOutInWindows();
-    void answerRefused_data();
-    void answerRefused();
-    void httpFailure_data();
-    void httpFailure();
+    void init()
+    {
+        m_folder.reset(new QTemporaryDir); // the chunk file "1"
+        m_server.reset(new ScriptedServer);
+        QVERIFY(m_server->start());
+    }
+
+    void rangeGoesOutInWindows_data()
+    {
+        QTest::addColumn<qint64>("chunkSize");
+        QTest::addColumn<qint64>("present"); // already in the chunk file
+        QTest::addColumn<qint64>("served"); // the most the server sends for one request
+        QTest::addColumn<int>("requests");
+        const qint64 all = 1 << 30;
+        QTest::newRow("smaller than a window") << 5 * MiB << qint64(0) << all << 1;
+        QTest::newRow("exactly one window") << Window << qint64(0) << all << 2; // and the overlap byte
+        QTest::newRow("a window less its overlap byte") << Window - 1 << qint64(0) << all << 1;
+        QTest::newRow("two windows and a byte") << 2 * Window + 1 << qint64(0) << all << 3;
+        QTest::newRow("resumed: only the rest, in windows") << 2 * Window + 1 << 3 * MiB << all << 2;
+        QTest::newRow("server ends every range early") << 2 * Window << qint64(0) << 3 * MiB << 6;
+        QTest::newRow("covers its range: no request") << 5 * MiB << 5 * MiB + 1 << all << 0;
+    }
+
+    void rangeGoesOutInWindows()
+    {
+        QFETCH(qint64, chunkSize);
+        QFETCH(qint64, present);
+        QFETCH(qint64, served);
+        QFETCH(int, requests);
+        // The chunk's range within a larger file, so that its last byte is not the file's.
+        const QByteArray content = randomBytes(chunkSize + 2 * MiB);
+        const qint64 first = MiB, last = first + chunkSize - 1;
+        QList<QPair<qint64, qint64>> asked;
+        m_server->setHandler([&](const ScriptedRequest &r) {
+            const auto range = QRegularExpression("^bytes=(\\d+)-(\\d+)$").match(QString::fromLatin1(r.header("Range")));
+            asked << qMakePair(range.captured(1).toLongLong(), range.captured(2).toLongLong());
+            const qint64 from = asked.last().first, to = qMin(asked.last().second, from + served - 1);
+            ScriptedResponse response;
+            response.status = 206;
+            response.header("Content-Range", QStringLiteral("bytes %1-%2/%3").arg(from).arg(to).arg(content.size()).toLatin1());
+            response.body = content.mid(from, to - from + 1);
+            return response;
+        });
+        QFile file(m_folder->filePath("1"));
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content.mid(first, present)) == present);
+        file.close();
+        DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
+        chunk.lastChunk = false;
+        chunk.fileName = QStringLiteral("c.bin");
+        qint64 reported = 0;
+        connect(&chunk, &DownloadChunk::downloadProgress, this, [&](qlonglong delta, qlonglong) { reported += delta; });
+        QSignalSpy finished(&chunk, &DownloadChunk::finished);
+        QSignalSpy failed(&chunk, &DownloadChunk::errorOccurred);
+        // A chunk but the last asks for its overlap byte too: "last" is one past its share.
+        QVERIFY(chunk.start(m_folder->path(), file.fileName(), m_server->baseUrl() + "/download", first, last + 1, "t"));
+        QVERIFY(finished.count() == 1 || finished.wait(20000));
+        QCOMPARE(failed.count(), 0);
+        QVERIFY(file.open(QIODevice::ReadOnly) && file.readAll() == content.mid(first, chunkSize + 1));
+        QCOMPARE(reported, chunkSize + 1); // what was there, then each byte that came, once
+        QCOMPARE(asked.size(), requests);
+        // A reused connection would make every window wait for a delayed ACK.
+        QCOMPARE(m_server->connectionCount(), requests);
+        qint64 next = first + present;
+        for (const auto &range : qAsConst(asked)) {
+            QCOMPARE(range.first, next); // each request picks up where the file ends
+            QVERIFY2(range.second - range.first + 1 <= Window, qPrintable(QString::number(range.second)));
+            next = qMin(range.second, range.first + served - 1) + 1;
+        }
+    }
+
+    void answerRefused_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("contentRange");
+        QTest::addColumn<QByteArray>("etag");
+        QTest::addColumn<qint64>("from");
+        QTest::addColumn<QString>("probeTag");
+        QTest::addColumn<QByteArray>("digest");   // the answer's Repr-Digest
+        QTest::addColumn<QByteArray>("probeSha"); // what the probe stated
+        QTest::addColumn<bool>("taken");
+        const QByteArray d = "\"d\"", none, range = "bytes 0-9/10", a = QCryptographicHash::hash("a", QCryptographicHash::Sha256);
+        const qint64 z = 0, five = 5;
+        QTest::newRow("206, the range asked for") << 206 << QByteArray("bytes 5-9/10") << d << five << "d" << none << none << true;
+        QTest::newRow("206, total unknown") << 206 << QByteArray("bytes 5-9/*") << d << five << "d" << none << none << true;
+        QTest::newRow("200 for a chunk from byte 0") << 200 << none << d << z << "d" << none << none << true;
+        QTest::newRow("no tag at the probe: any tag") << 206 << range << QByteArray("\"e\"") << z << "" << none << none << true;
+        QTest::newRow("200 for a chunk further on") << 200 << none << d << five << "d" << none << none << false;
+        QTest::newRow("404") << 404 << none << d << z << "d" << none << none << false;
+        QTest::newRow("206 from another byte") << 206 << QByteArray("bytes 4-9/10") << d << five << "d" << none << none << false;
+        QTest::newRow("206 without Content-Range") << 206 << none << d << z << "d" << none << none << false;
+        QTest::newRow("206, first byte not a number") << 206 << QByteArray("bytes x-9/10") << d << z << "d" << none << none << false;
+        QTest::newRow("206, no first byte") << 206 << QByteArray("bytes /10") << d << z << "d" << none << none << false;
+        QTest::newRow("206, last byte before the first") << 206 << QByteArray("bytes 9-0/10") << d << qint64(9) << "d" << none << none << false;
+        QTest::newRow("206, another unit") << 206 << QByteArray("items 0-9/10") << d << z << "d" << none << none << false;
+        QTest::newRow("206, another tag") << 206 << range << QByteArray("W/\"d\"") << z << "d" << none << none << false;
+        QTest::newRow("the probe's sha-256") << 206 << range << d << z << "d" << reprDigest("a") << a << true;
+        QTest::newRow("another sha-256") << 206 << range << d << z << "d" << reprDigest("b") << a << false;
+        QTest::newRow("another sha-256 among other algorithms") << 206 << range << d << z << "d" << "sha-512=:AAAA:, " + reprDigest("b") << a << false;
+        QTest::newRow("only an algorithm not known here") << 206 << range << d << z << "d" << QByteArray("sha-512=:AAAA:") << a << true;
+        QTest::newRow("no digest on the answer") << 206 << range << d << z << "d" << none << a << true;
+        QTest::newRow("a digest, none at the probe") << 206 << range << d << z << "d" << reprDigest("b") << none << true;
+    }
+
+    // The check on an answer's headers alone, before any byte may be written.
+    void answerRefused()
+    {
+        QFETCH(int, status);
+        QFETCH(QByteArray, contentRange);
+        QFETCH(QByteArray, etag);
+        QFETCH(qint64, from);
+        QFETCH(QString, probeTag);
+        QFETCH(QByteArray, digest);
+        QFETCH(QByteArray, probeSha);
+        QFETCH(bool, taken);
+        const QString reason = DownloadChunk::refusal(status, contentRange, etag, from, probeTag, digest, probeSha);
+        QVERIFY2(reason.isEmpty() == taken, qPrintable(reason));
+    }
+
+    void httpFailure_data()
+    {
+        QTest::addColumn<int>("status");
+        for (int status : {404, 416, 500})
+            QTest::addRow("%d", status) << status;
+    }
+
+    // An answer refused for its status says why, and writes the chunk's failure
+    // lines: the address and name, the network error and status, then the headers.
+    void httpFailure()
+    {
+        QFETCH(int, status);
+        m_server->setHandler([&](const ScriptedRequest &) {
+            ScriptedResponse response;
+            response.status = status;
+            response.body = "<html>error page</html>";
+            return response.header("X-Why", "scripted");
+        });
+        LogCapture log;
+        DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
+        chunk.fileName = "c.bin";
+        QSignalSpy error(&chunk, &DownloadChunk::errorOccurred);
+        QSignalSpy finished(&chunk, &DownloadChunk::finished);
+        QVERIFY(chunk.start(m_folder->path(), m_folder->filePath("1"), m_server->baseUrl() + "/download", 0, 10, "e"));
+        QVERIFY(error.wait(5000) && m_server->waitUntilQuiet());
+        QCOMPARE(error.count(), 1);
+        QCOMPARE(error.first().first().value<ZTErrorCode>(), Zephyrtide::Error::GeneralFailure);
+        QCOMPARE(finished.count(), 0);
+        QCOMPARE(QFileInfo(m_folder->filePath("1")).size(), 0); // the error page is not the file
+        QCOMPARE(log.count("chunk answer refused", QtCriticalMsg), 1);
+        QCOMPARE(log.count(QStringLiteral("http status %1").arg(status), QtCriticalMsg), 2); // the reason, and the failure line
+        for (const char *line : {"errorrrrrrrrrrrrrrrr", "\"c.bin\" http error QNetworkReply::", "header", "X-Why"})
+            QVERIFY2(log.count(line, QtCriticalMsg) == 1, line);
+    }
 
 private:
     TestEnvironment m_environment;
+    QScopedPointer<ScriptedServer> m_server;
+    QScopedPointer<QTemporaryDir> m_folder;
 };
-
-namespace {
-constexpr qint64 MiB = 1024 * 1024;
-constexpr qint64 Window = 8 * MiB; // the most a chunk asks for in one request
-
-// The first and last byte of a "bytes=a-b" request header.
-QPair<qint64, qint64> askedRange(const QByteArray &header)
-{
-    const QRegularExpressionMatch match =
-        QRegularExpression(QStringLiteral("^bytes=(\\d+)-(\\d+)$")).match(QString::fromLatin1(header));
-    return match.hasMatch() ? qMakePair(match.captured(1).toLongLong(), match.captured(2).toLongLong())
-                            : qMakePair(qint64(-1), qint64(-1));
-}
-} // namespace
-
-void tst_DownloadChunk::rangeGoesOutInWindows_data()
-{
-    QTest::addColumn<qint64>("chunkSize");
-    QTest::addColumn<qint64>("present"); // already in the chunk file
-    QTest::addColumn<qint64>("served"); // the most the server sends for one request
-    QTest::addColumn<int>("requests");
-    const qint64 all = 1 << 30;
-    QTest::newRow("smaller than a window") << 5 * MiB << qint64(0) << all << 1;
-    QTest::newRow("exactly one window") << Window << qint64(0) << all << 2; // and the overlap byte
-    QTest::newRow("a window less its overlap byte") << Window - 1 << qint64(0) << all << 1;
-    QTest::newRow("two windows and a byte") << 2 * Window + 1 << qint64(0) << all << 3;
-    QTest::newRow("resumed: only the rest, in windows") << 2 * Window + 1 << 3 * MiB << all << 2;
-    QTest::newRow("server ends every range early") << 2 * Window << qint64(0) << 3 * MiB << 6;
-    QTest::newRow("covers its range: no request") << 5 * MiB << 5 * MiB + 1 << all << 0;
-}
-
-void tst_DownloadChunk::rangeGoesOutInWindows()
-{
-    QFETCH(qint64, chunkSize);
-    QFETCH(qint64, present);
-    QFETCH(qint64, served);
-    QFETCH(int, requests);
-
-    // The chunk's range within a larger file, so that its last byte is not the file's.
-    QByteArray content(chunkSize + 2 * MiB, Qt::Uninitialized);
-    for (int i = 0; i < content.size(); ++i)
-        content[i] = char((i * 31) ^ (i >> 13));
-    const qint64 first = MiB;
-    const qint64 last = first + chunkSize - 1;
-
-    ScriptedServer server;
-    QVERIFY(server.start());
-    QList<QPair<qint64, qint64>> asked;
-    server.setHandler([&](const ScriptedRequest &r) {
-        asked << askedRange(r.header("Range"));
-        QPair<qint64, qint64> sent = asked.last();
-        sent.second = qMin(sent.second, sent.first + served - 1);
-        ScriptedResponse response;
-        response.status = 206;
-        response.header("Content-Range", QStringLiteral("bytes %1-%2/%3")
-                                             .arg(sent.first).arg(sent.second).arg(content.size()).toLatin1());
-        response.body = content.mid(sent.first, sent.second - sent.first + 1);
-        return response;
-    });
-
-    QTemporaryDir folder;
-    QFile existing(folder.filePath("1"));
-    QVERIFY(existing.open(QIODevice::WriteOnly));
-    existing.write(content.mid(first, present));
-    existing.close();
-
-    DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
-    chunk.lastChunk = false;
-    chunk.fileName = QStringLiteral("c.bin");
-    qint64 reported = 0;
-    connect(&chunk, &DownloadChunk::downloadProgress, this, [&](qlonglong delta, qlonglong) { reported += delta; });
-    QSignalSpy finished(&chunk, &DownloadChunk::finished);
-    QSignalSpy failed(&chunk, &DownloadChunk::errorOccurred);
-    // A chunk but the last asks for its overlap byte too: "last" is one past its share.
-    QVERIFY(chunk.start(folder.path(), folder.filePath("1"), server.baseUrl() + "/download", first,
-                        last + 1, QStringLiteral("t")));
-    QVERIFY(finished.count() == 1 || finished.wait(20000));
-    QCOMPARE(failed.count(), 0);
-
-    QFile file(folder.filePath("1"));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QVERIFY(file.readAll() == content.mid(first, chunkSize + 1));
-    QCOMPARE(reported, chunkSize + 1); // what was there, then each byte that came, once
-    QCOMPARE(asked.size(), requests);
-    // A reused connection would make every window wait for a delayed ACK.
-    QCOMPARE(server.connectionCount(), requests);
-    qint64 next = first + present;
-    for (const auto &range : qAsConst(asked)) {
-        QCOMPARE(range.first, next); // each request picks up where the file ends
-        QVERIFY2(range.second - range.first + 1 <= Window, qPrintable(QString::number(range.second)));
-        next = qMin(range.second, range.first + served - 1) + 1;
-    }
-}
-
-namespace {
-QByteArray reprDigest(const QByteArray &content)
-{
-    return "sha-256=:" + QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64() + ":";
-}
-} // namespace
-
-void tst_DownloadChunk::answerRefused_data()
-{
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QByteArray>("contentRange");
-    QTest::addColumn<QByteArray>("etag");
-    QTest::addColumn<qint64>("from");
-    QTest::addColumn<QString>("probeTag");
-    QTest::addColumn<QByteArray>("digest");   // the answer's Repr-Digest
-    QTest::addColumn<QByteArray>("probeSha"); // what the probe stated
-    QTest::addColumn<bool>("taken");
-    const QByteArray d = "\"d\"", none, range = "bytes 0-9/10";
-    QTest::newRow("206, the range asked for") << 206 << QByteArray("bytes 5-9/10") << d << qint64(5) << "d" << none << none << true;
-    QTest::newRow("206, total unknown") << 206 << QByteArray("bytes 5-9/*") << d << qint64(5) << "d" << none << none << true;
-    QTest::newRow("200 for a chunk from byte 0") << 200 << none << d << qint64(0) << "d" << none << none << true;
-    QTest::newRow("no tag at the probe: any tag") << 206 << range << QByteArray("\"e\"") << qint64(0) << "" << none << none << true;
-    QTest::newRow("200 for a chunk further on") << 200 << none << d << qint64(5) << "d" << none << none << false;
-    QTest::newRow("404") << 404 << none << d << qint64(0) << "d" << none << none << false;
-    QTest::newRow("206 from another byte") << 206 << QByteArray("bytes 4-9/10") << d << qint64(5) << "d" << none << none << false;
-    QTest::newRow("206 without Content-Range") << 206 << none << d << qint64(0) << "d" << none << none << false;
-    QTest::newRow("206, first byte not a number") << 206 << QByteArray("bytes x-9/10") << d << qint64(0) << "d" << none << none << false;
-    QTest::newRow("206, no first byte") << 206 << QByteArray("bytes /10") << d << qint64(0) << "d" << none << none << false;
-    QTest::newRow("206, last byte before the first") << 206 << QByteArray("bytes 9-0/10") << d << qint64(9) << "d" << none << none << false;
-    QTest::newRow("206, another unit") << 206 << QByteArray("items 0-9/10") << d << qint64(0) << "d" << none << none << false;
-    QTest::newRow("206, another tag") << 206 << range << QByteArray("W/\"d\"") << qint64(0) << "d" << none << none << false;
-    const QByteArray a = QCryptographicHash::hash("a", QCryptographicHash::Sha256);
-    QTest::newRow("the probe's sha-256") << 206 << range << d << qint64(0) << "d" << reprDigest("a") << a << true;
-    QTest::newRow("another sha-256") << 206 << range << d << qint64(0) << "d" << reprDigest("b") << a << false;
-    QTest::newRow("another sha-256 among other algorithms")
-        << 206 << range << d << qint64(0) << "d" << "sha-512=:AAAA:, " + reprDigest("b") << a << false;
-    QTest::newRow("only an algorithm not known here") << 206 << range << d << qint64(0) << "d" << QByteArray("sha-512=:AAAA:") << a << true;
-    QTest::newRow("no digest on the answer") << 206 << range << d << qint64(0) << "d" << none << a << true;
-    QTest::newRow("a digest, none at the probe") << 206 << range << d << qint64(0) << "d" << reprDigest("b") << none << true;
-}
-
-// The check on an answer's headers alone, before any byte may be written.
-void tst_DownloadChunk::answerRefused()
-{
-    QFETCH(int, status);
-    QFETCH(QByteArray, contentRange);
-    QFETCH(QByteArray, etag);
-    QFETCH(qint64, from);
-    QFETCH(QString, probeTag);
-    QFETCH(QByteArray, digest);
-    QFETCH(QByteArray, probeSha);
-    QFETCH(bool, taken);
-    const QString reason = DownloadChunk::refusal(status, contentRange, etag, from, probeTag, digest, probeSha);
-    QVERIFY2(reason.isEmpty() == taken, qPrintable(reason));
-}
-
-void tst_DownloadChunk::httpFailure_data()
-{
-    QTest::addColumn<int>("status");
-    QTest::newRow("404") << 404;
-    QTest::newRow("416") << 416;
-    QTest::newRow("500") << 500;
-}
-
-// An answer refused for its status says why, and writes the chunk's failure
-// lines: the address and name, the network error and status, then the headers.
-void tst_DownloadChunk::httpFailure()
-{
-    QFETCH(int, status);
-    ScriptedServer server;
-    QVERIFY(server.start());
-    server.setHandler([&](const ScriptedRequest &) {
-        ScriptedResponse response;
-        response.status = status;
-        response.body = "<html>error page</html>";
-        return response.header("X-Why", "scripted");
-    });
-    QTemporaryDir folder;
-    LogCapture log;
-    DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
-    chunk.fileName = "c.bin";
-    QSignalSpy error(&chunk, &DownloadChunk::errorOccurred);
-    QSignalSpy finished(&chunk, &DownloadChunk::finished);
-    QVERIFY(chunk.start(folder.path(), folder.filePath("1"), server.baseUrl() + "/download", 0, 10, "e"));
-    QVERIFY(error.wait(5000));
-    QVERIFY(server.waitUntilQuiet());
-    QCOMPARE(error.count(), 1);
-    QCOMPARE(error.first().first().value<ZTErrorCode>(), Zephyrtide::Error::GeneralFailure);
-    QCOMPARE(finished.count(), 0);
-    QCOMPARE(QFileInfo(folder.filePath("1")).size(), 0); // the error page is not the file
-    QCOMPARE(log.count("chunk answer refused", QtCriticalMsg), 1);
-    QCOMPARE(log.count(QStringLiteral("http status %1").arg(status), QtCriticalMsg), 2); // the reason, and the failure line
-    QCOMPARE(log.count("errorrrrrrrrrrrrrrrr", QtCriticalMsg), 1);
-    QCOMPARE(log.count("\"c.bin\" http error QNetworkReply::", QtCriticalMsg), 1);
-    QCOMPARE(log.count("header", QtCriticalMsg), 1);
-    QCOMPARE(log.count("X-Why", QtCriticalMsg), 1);
-}
 
 QTEST_MAIN(tst_DownloadChunk)
 #include "tst_downloadchunk.moc"
