@@ -93,10 +93,12 @@ QVariantMap DownloadFixture::batch(const QStringList &names, const QString &fold
     return {{"files", files}};
 }
 
-bool DownloadFixture::addTask(Downloader &downloader, const QString &destination, const QString &name) const
+QSharedPointer<DownloadTask> DownloadFixture::addTask(Downloader &downloader, const QString &destination,
+                                                      const QString &name) const
 {
     auto task = QSharedPointer<DownloadTask>::create();
-    return task->isValid(destination, server->baseUrl() + "/download", name) == 0 && downloader.addTask(task);
+    const bool added = task->isValid(destination, server->baseUrl() + "/download", name) == 0 && downloader.addTask(task);
+    return added ? task : nullptr;
 }
 
 qint64 DownloadFixture::bytesIn(const QString &folder)

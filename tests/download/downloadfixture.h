@@ -14,6 +14,7 @@
 #include <functional>
 
 class Downloader;
+class DownloadTask;
 
 // The download engine against a scripted server, driven as a host drives it
 // (root, through its command slots) or one file at a time through a Downloader.
@@ -36,7 +37,8 @@ public:
     // The content folder of a file served here: its size and its tag make it.
     QString chunkFolder(const QByteArray &tag) const;
     QVariantMap batch(const QStringList &names, const QString &folder) const;
-    bool addTask(Downloader &downloader, const QString &destination, const QString &name) const;
+    // A task probed and added to the downloader, which shares it; null when refused.
+    QSharedPointer<DownloadTask> addTask(Downloader &downloader, const QString &destination, const QString &name) const;
     // One file through a downloader of its own; whenStarted runs once the batch
     // has started. The batch's code, or -1 when it did not end in time.
     ZTErrorCode downloadOne(const QString &destination, const QString &name,
