@@ -16,7 +16,7 @@
 #include <QRandomGenerator>
 #include <QTest>
 
-bool DownloadFixture::setUp()
+bool DownloadFixture::setUp(const QString &address)
 {
     temporary.reset(new QTemporaryDir);
     target.reset(new QTemporaryDir);
@@ -31,7 +31,7 @@ bool DownloadFixture::setUp()
     DownloadGlobal::instance()->setTemporaryStoragePath(temporary->path()); // for the runs without a host
     return server->start()
         && QMetaObject::invokeMethod(root.data(), "zt_set_manager", Q_ARG(Zephyrtide::Manager *, host.data()))
-        && HostCall(root.data(), "zt_apply_setIP", {{"ip", server->baseUrl()}}).succeeded();
+        && HostCall(root.data(), "zt_apply_setIP", {{"ip", address.isEmpty() ? server->baseUrl() : address}}).succeeded();
 }
 
 void DownloadFixture::tearDown()
@@ -89,7 +89,7 @@ QVariantMap DownloadFixture::batch(const QStringList &names, const QString &fold
 {
     QVariantList files;
     for (const QString &name : names)
-        files << QVariantMap{{"filename", name}, {"path", folder + "/" + name}};
+        files << QVariantMap{{"filename", name.section('/', -1)}, {"path", folder + "/" + name}};
     return {{"files", files}};
 }
 

@@ -24,7 +24,9 @@ class DownloadFixture
 public:
     static constexpr qint64 MiB = 1024 * 1024;
 
-    bool setUp(); // fresh folders, server and host; chunks of 1 MiB
+    // Fresh folders, server and host, chunks of 1 MiB; the host talks to the
+    // scripted server, or to the service at address.
+    bool setUp(const QString &address = QString());
     void tearDown();
 
     // Serves files of this size by the name the request's body asks for, with
@@ -36,6 +38,7 @@ public:
     void setContent(const QByteArray &name, const QByteArray &content);
     // The content folder of a file served here: its size and its tag make it.
     QString chunkFolder(const QByteArray &tag) const;
+    // A host's batch: each name, its last part as the file's, into folder.
     QVariantMap batch(const QStringList &names, const QString &folder) const;
     // A task probed and added to the downloader, which shares it; null when refused.
     QSharedPointer<DownloadTask> addTask(Downloader &downloader, const QString &destination, const QString &name) const;

@@ -1,12 +1,10 @@
+#include "downloadfixture.h"
 #include "filedigest.h"
 #include "fileserviceprocess.h"
 #include "hostcall.h"
 #include "randomfile.h"
-#include "core/zterrorcode.h"
-#include "plugin/ztserver.h"
-#include "testenvironment.h"
+#include "core/globalmanager.h"
 
-#include <zephyrtide/manager.h>
 #include <zephyrtide/reply.h>
 
 #include <QDir>
@@ -24,25 +22,17 @@ class tst_DownloadEndToEnd : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
+    void initTestCase() { GlobalManager::instance(); }
     void init()
     {
-        m_temporary.reset(new QTemporaryDir);
         m_store.reset(new QTemporaryDir);
-        m_target.reset(new QTemporaryDir);
         m_service.reset(new FileServiceProcess(m_store->path()));
         QVERIFY(m_service->start());
-        m_host.reset(new Zephyrtide::Manager);
-        m_host->setConfigData({{"startDownload", QVariantMap{{"chunkSize", 1}, {"temporaryStoragePath", m_temporary->path()}}}});
-        m_root.reset(new ZTServer);
-        QVERIFY(QMetaObject::invokeMethod(m_root.data(), "zt_set_manager", Q_ARG(Zephyrtide::Manager *, m_host.data())));
-        QVERIFY(HostCall(m_root.data(), "zt_apply_setIP", {{"ip", m_service->baseUrl()}}).succeeded());
+        QVERIFY(f.setUp(m_service->baseUrl()));
     }
-
     void cleanup()
     {
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-        m_root.reset();
-        m_host.reset();
+        f.tearDown();
         m_service.reset();
     }
 
@@ -59,7 +49,7 @@ private Q_SLOTS:
         digests.insert("same.bin", storeFile("same.bin", 3 * C + 5));
         names << "a/same.bin" << "b/same.bin";
         for (const QString &suffix : {QString(), QStringLiteral("(1)")}) {
-            const auto call = download(batch(names, "in/"));
+            const auto call = download(f.batch(names, f.target->filePath("in")));
             QCOMPARE(call->error(), Error::NoError);
             const QVariantList results = call->result().value("result").toList();
             QCOMPARE(results.size(), names.size() - 1); // the kept task of same.bin, once per further destination
@@ -70,7 +60,7 @@ private Q_SLOTS:
                 QCOMPARE(map.value("url").toString(), m_service->baseUrl() + "/download");
             }
             for (const QString &name : names) {
-                const QString path = m_target->filePath("in/" + name).replace(".bin", suffix + ".bin");
+                const QString path = f.target->filePath("in/" + name).replace(".bin", suffix + ".bin");
                 QCOMPARE(sha256OfFile(path), digests.value(name.section('/', -1)));
             }
             QCOMPARE(chunkFolders(), 0); // merged and cleared
@@ -89,9 +79,9 @@ private Q_SLOTS:
         const QMap<QString, QByteArray> digests{{"gone-mid.bin", storeFile("gone-mid.bin", 16 * C)},
                                                 {"gone-small.bin", storeFile("gone-small.bin", 2 * C + 5)},
                                                 {"gone-byte.bin", storeFile("gone-byte.bin", 1)}};
-        const auto whole = [&](const QString &name) { return sha256OfFile(m_target->filePath(name)) == digests.value(name); };
+        const auto whole = [&](const QString &name) { return sha256OfFile(f.target->filePath(name)) == digests.value(name); };
         bool killed = false;
-        const auto cut = download(batch(digests.keys()), [&](Zephyrtide::Reply *reply) {
+        const auto cut = download(f.batch(digests.keys(), f.target->path()), [&](Zephyrtide::Reply *reply) {
             connect(reply, &Zephyrtide::Reply::downloadProgress, reply, [&] {
                 if (!killed && whole("gone-small.bin") && whole("gone-byte.bin")) {
                     killed = true;
@@ -107,8 +97,8 @@ private Q_SLOTS:
 
         m_service.reset(new FileServiceProcess(m_store->path())); // the same files, at another address
         QVERIFY(m_service->start());
-        QVERIFY(HostCall(m_root.data(), "zt_apply_setIP", {{"ip", m_service->baseUrl()}}).succeeded());
-        const auto call = download(batch(digests.keys()));
+        QVERIFY(HostCall(f.root.data(), "zt_apply_setIP", {{"ip", m_service->baseUrl()}}).succeeded());
+        const auto call = download(f.batch(digests.keys(), f.target->path()));
         QCOMPARE(call->error(), Error::NoError);
         QCOMPARE(call->result().value("result").toList().size(), digests.size());
         for (const QVariant &entry : call->result().value("result").toList()) {
@@ -120,7 +110,10 @@ private Q_SLOTS:
     }
 
     // The probe takes a 404's error page for the file; its chunks then fail.
-    void unknownFile() { QCOMPARE(download(batch({"nope.bin"}))->error(), Error::GeneralFailure); }
+    void unknownFile()
+    {
+        QCOMPARE(download(f.batch({"nope.bin"}, f.target->path()))->error(), Error::GeneralFailure);
+    }
 
     // What a stopped download holds, as the host asks for it by address.
     void isExist()
@@ -129,21 +122,17 @@ private Q_SLOTS:
         const QString query = "/download?fileName=probe.bin";
         QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), 0);
         QCOMPARE(isExist(query).value("bytesTotal").toLongLong(), 8 * C);
-        const auto stopped = download(batch({"probe.bin"}), [](Zephyrtide::Reply *reply) {
+        const auto stopped = download(f.batch({"probe.bin"}, f.target->path()), [](Zephyrtide::Reply *reply) {
             connect(reply, &Zephyrtide::Reply::downloadProgress, reply, [reply](qint64 done) {
                 if (done > 0)
                     Q_EMIT reply->stop(); // eight chunks: the first report is not the last
             });
         });
         QCOMPARE(stopped->error(), Error::Stopped);
-        qint64 onDisk = 0;
-        for (const QFileInfo &folder : QDir(m_temporary->path()).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-            for (const QFileInfo &chunk : QDir(folder.filePath()).entryInfoList(QDir::Files))
-                onDisk += chunk.size();
-        }
+        const qint64 onDisk = f.bytesIn(QDir(f.temporary->path()).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot).value(0).filePath());
         QVERIFY(onDisk > 0);
         QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), onDisk);
-        QCOMPARE(download(batch({"probe.bin"}))->error(), Error::NoError); // merged, and its chunks gone
+        QCOMPARE(download(f.batch({"probe.bin"}, f.target->path()))->error(), Error::NoError); // merged, and its chunks gone
         QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), 0);
         QCOMPARE(ZTErrorCode(isExist(QString()).value("errorCode").toInt()), Error::MissingParameter);
         // A 403 to the probe: nothing to restore, the fresh task's values.
@@ -156,18 +145,10 @@ private:
         return writeRandomFile(m_store->filePath(name), size, quint32(size) + 17) ? sha256OfFile(m_store->filePath(name)) : "";
     }
 
-    QVariantMap batch(const QStringList &names, const QString &folder = QString()) const
-    {
-        QVariantList files;
-        for (const QString &name : names) // "folder/name", or the name into the target folder
-            files << QVariantMap{{"filename", name.section('/', -1)}, {"path", m_target->filePath(folder + name)}};
-        return {{"files", files}};
-    }
-
     // The call, once finished or after a bound.
     std::unique_ptr<HostCall> download(const QVariantMap &params, const std::function<void(Zephyrtide::Reply *)> &beforeCall = {})
     {
-        std::unique_ptr<HostCall> call(new HostCall(m_root.data(), "zt_apply_startDownload", params, beforeCall));
+        std::unique_ptr<HostCall> call(new HostCall(f.root.data(), "zt_apply_startDownload", params, beforeCall));
         call->wait(60000);
         return call;
     }
@@ -175,19 +156,17 @@ private:
     QVariantMap isExist(const QString &query)
     {
         QObject *command = nullptr;
-        for (QObject *child : m_root->children())
+        for (QObject *child : f.root->children())
             command = QByteArray(child->metaObject()->className()) == "StartDownload" ? child : command;
         HostCall call(command, "zt_apply_isExist", {{"url", query.isEmpty() ? query : m_service->baseUrl() + query}});
         return call.succeeded() ? call.result().value("result").toMap() : QVariantMap{{"errorCode", call.errorCode()}};
     }
 
-    int chunkFolders() const { return QDir(m_temporary->path()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(); }
+    int chunkFolders() const { return QDir(f.temporary->path()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(); }
 
-    TestEnvironment m_environment;
-    QScopedPointer<QTemporaryDir> m_temporary, m_store, m_target;
+    DownloadFixture f; // its scripted server unused
+    QScopedPointer<QTemporaryDir> m_store; // the service's files
     QScopedPointer<FileServiceProcess> m_service;
-    QScopedPointer<Zephyrtide::Manager> m_host;
-    QScopedPointer<ZTServer> m_root;
 };
 
 QTEST_MAIN(tst_DownloadEndToEnd)
