@@ -4,6 +4,7 @@
 #include "download/downloadglobal.h"
 #include "download/downloadtask.h"
 #include "hostcall.h"
+#include "randomfile.h"
 #include "plugin/ztserver.h"
 
 #include <zephyrtide/manager.h>
@@ -13,7 +14,6 @@
 #include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRandomGenerator>
 #include <QTest>
 
 bool DownloadFixture::setUp(const QString &address)
@@ -24,6 +24,7 @@ bool DownloadFixture::setUp(const QString &address)
     m_contents.clear();
     m_digests.clear();
     shape = nullptr;
+    statesDigest = true;
     DownloadGlobal::instance()->setChunkSizeInBytes(MiB);
     host.reset(new Zephyrtide::Manager);
     host->setConfigData({{"startDownload", QVariantMap{{"temporaryStoragePath", temporary->path()}}}});
@@ -49,7 +50,8 @@ void DownloadFixture::serve(qint64 size)
     server->setHandler([this](const ScriptedRequest &r) {
         const QByteArray name = QJsonDocument::fromJson(r.body).object().value("fileName").toString().toUtf8();
         ScriptedResponse response = ScriptedResponse::file(contentOf(name), r, "\"" + name + "\"", name);
-        response.header("Repr-Digest", "sha-256=:" + digestOf(name).toBase64() + ":");
+        if (statesDigest)
+            response.header("Repr-Digest", "sha-256=:" + digestOf(name).toBase64() + ":");
         if (shape)
             shape(r, response);
         return response;
@@ -58,11 +60,8 @@ void DownloadFixture::serve(qint64 size)
 
 QByteArray DownloadFixture::contentOf(const QByteArray &name) const
 {
-    if (!m_contents.contains(name)) {
-        QByteArray content(int(m_size), '\0');
-        QRandomGenerator(qHash(name)).fillRange(reinterpret_cast<quint32 *>(content.data()), content.size() / 4);
-        m_contents.insert(name, content);
-    }
+    if (!m_contents.contains(name))
+        m_contents.insert(name, randomBytes(m_size, qHash(name)));
     return m_contents.value(name);
 }
 
@@ -71,12 +70,6 @@ QByteArray DownloadFixture::digestOf(const QByteArray &name) const
     if (!m_digests.contains(name))
         m_digests.insert(name, QCryptographicHash::hash(contentOf(name), QCryptographicHash::Sha256));
     return m_digests.value(name);
-}
-
-void DownloadFixture::setContent(const QByteArray &name, const QByteArray &content)
-{
-    m_contents.insert(name, content);
-    m_digests.remove(name);
 }
 
 QString DownloadFixture::chunkFolder(const QByteArray &tag) const
@@ -107,19 +100,6 @@ qint64 DownloadFixture::bytesIn(const QString &folder)
     for (const QFileInfo &file : QDir(folder).entryInfoList(QDir::Files))
         sum += file.size();
     return sum;
-}
-
-QStringList DownloadFixture::filesIn(const QString &folder)
-{
-    return QDir(folder).entryList(QDir::Files | QDir::Hidden, QDir::Name);
-}
-
-void DownloadFixture::dropDigest(ScriptedResponse &response)
-{
-    for (int i = response.headers.size() - 1; i >= 0; --i) {
-        if (response.headers.at(i).first == "Repr-Digest")
-            response.headers.removeAt(i);
-    }
 }
 
 bool DownloadFixture::writeFile(const QString &path, const QByteArray &bytes)

@@ -7,6 +7,7 @@
 
 #include <zephyrtide/manager.h>
 
+#include <QDir>
 #include <QMap>
 #include <QScopedPointer>
 #include <QTemporaryDir>
@@ -35,7 +36,7 @@ public:
     void serve(qint64 size);
     QByteArray contentOf(const QByteArray &name) const;
     QByteArray digestOf(const QByteArray &name) const;
-    void setContent(const QByteArray &name, const QByteArray &content);
+    void setContent(const QByteArray &name, const QByteArray &content) { m_contents[name] = content; m_digests.remove(name); }
     // The content folder of a file served here: its size and its tag make it.
     QString chunkFolder(const QByteArray &tag) const;
     // A host's batch: each name, its last part as the file's, into folder.
@@ -48,8 +49,7 @@ public:
                             const std::function<void(Downloader &)> &whenStarted = nullptr);
 
     static qint64 bytesIn(const QString &folder);
-    static QStringList filesIn(const QString &folder); // hidden ones too, sorted
-    static void dropDigest(ScriptedResponse &response);
+    static QStringList filesIn(const QString &folder) { return QDir(folder).entryList(QDir::Files | QDir::Hidden, QDir::Name); }
     static bool writeFile(const QString &path, const QByteArray &bytes);
 
     TestEnvironment environment;
@@ -59,6 +59,7 @@ public:
     QScopedPointer<Zephyrtide::Manager> host;
     QScopedPointer<ZTServer> root;
     std::function<void(const ScriptedRequest &, ScriptedResponse &)> shape;
+    bool statesDigest = true; // the content's SHA-256 in each answer
 
 private:
     mutable QMap<QByteArray, QByteArray> m_contents;

@@ -56,7 +56,6 @@ private Q_SLOTS:
                 << qint64(3) << true << "" << "";
         QTest::newRow("no name anywhere") << 206 << QByteArrayList{of3, length} << "" << qint64(3) << true << "" << "";
     }
-
     void probeHeaders()
     {
         QFETCH(int, status);
@@ -107,7 +106,6 @@ private Q_SLOTS:
         QTest::newRow("no dot: trailing dot kept") << QStringList{"report"} << "report" << "report(1).";
         QTest::newRow("double suffix") << QStringList{"a.tar.gz"} << "a.tar.gz" << "a(1).tar.gz";
     }
-
     void collisionNames()
     {
         QFETCH(QStringList, present);
