@@ -31,21 +31,17 @@ private Q_SLOTS:
         QTest::addColumn<QString>("serverTag"); // before normalisation; empty: from the URL
         QTest::addColumn<QString>("fileName"); // empty: the probe fails
         const QByteArray length = "Content-Length: 2", of3 = "Content-Range: bytes 0-1/3", of9 = "Content-Range: bytes 0-1/9";
-        QTest::newRow("range then length") << 206 << QByteArrayList{"Content-Range: bytes 0-1/1000", length, "ETag: \"t1\""}
-                                           << "a.bin" << qint64(1000) << true << "t1" << "a.bin";
-        QTest::newRow("length then range") << 206 << QByteArrayList{length, "Content-Range: bytes 0-1/1000", "ETag: \"t1\""}
-                                           << "a.bin" << qint64(1000) << true << "t1" << "a.bin";
-        QTest::newRow("200: no ranges, full length") << 200 << QByteArrayList{"Content-Length: 5", "ETag: \"t2\""}
-                                                     << "a.bin" << qint64(5) << false << "t2" << "a.bin";
-        QTest::newRow("total only: */5") << 206 << QByteArrayList{"Content-Range: bytes */5", "Content-Length: 0"}
-                                         << "a.bin" << qint64(5) << true << "" << "a.bin";
-        QTest::newRow("lower-case etag honoured") << 206 << QByteArrayList{of9, length, "etag: \"low\""} << "a.bin" << qint64(9)
-                                                  << true << "low" << "a.bin";
-        QTest::newRow("weak etag loses quotes and slash") << 206 << QByteArrayList{of9, length, "ETag: W/\"x\""} << "a.bin"
-                                                          << qint64(9) << true << "Wx" << "a.bin";
-        QTest::newRow("lower-case content-length ignored: no size") << 200 << QByteArrayList{"content-length: 2"} << "a.bin"
-                                                                    << qint64(-1) << false << "" << "a.bin";
-        QTest::newRow("403") << 403 << QByteArrayList{"Content-Length: 0"} << "a.bin" << qint64(-1) << false << "" << "a.bin";
+        const QByteArray of1000 = "Content-Range: bytes 0-1/1000", t1 = "ETag: \"t1\"";
+        const QString a = "a.bin";
+        const qint64 none = -1;
+        QTest::newRow("range then length") << 206 << QByteArrayList{of1000, length, t1} << a << qint64(1000) << true << "t1" << a;
+        QTest::newRow("length then range") << 206 << QByteArrayList{length, of1000, t1} << a << qint64(1000) << true << "t1" << a;
+        QTest::newRow("200: no ranges, full length") << 200 << QByteArrayList{"Content-Length: 5", "ETag: \"t2\""} << a << qint64(5) << false << "t2" << a;
+        QTest::newRow("total only: */5") << 206 << QByteArrayList{"Content-Range: bytes */5", "Content-Length: 0"} << a << qint64(5) << true << "" << a;
+        QTest::newRow("lower-case etag honoured") << 206 << QByteArrayList{of9, length, "etag: \"low\""} << a << qint64(9) << true << "low" << a;
+        QTest::newRow("weak etag loses quotes and slash") << 206 << QByteArrayList{of9, length, "ETag: W/\"x\""} << a << qint64(9) << true << "Wx" << a;
+        QTest::newRow("lower-case content-length ignored: no size") << 200 << QByteArrayList{"content-length: 2"} << a << none << false << "" << a;
+        QTest::newRow("403") << 403 << QByteArrayList{"Content-Length: 0"} << a << none << false << "" << a;
         QTest::newRow("name from Content-Disposition, percent-encoded UTF-8")
             << 206 << QByteArrayList{of3, length, "Content-Disposition: attachment; filename=Gr%C3%BC%C3%9Fe.txt"} << ""
             << qint64(3) << true << "" << QStringLiteral("Grüße.txt");
