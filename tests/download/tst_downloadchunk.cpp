@@ -134,7 +134,8 @@ private Q_SLOTS:
         QTest::newRow("206, another tag") << Answer{206, range, "W/\"d\"", 0, "d", none, none} << false;
         QTest::newRow("the probe's sha-256") << Answer{206, range, d, 0, "d", reprDigest("a"), a} << true;
         QTest::newRow("another sha-256") << Answer{206, range, d, 0, "d", reprDigest("b"), a} << false;
-        QTest::newRow("another sha-256 among other algorithms") << Answer{206, range, d, 0, "d", "sha-512=:AAAA:, " + reprDigest("b"), a} << false;
+        QTest::newRow("another sha-256 among other algorithms")
+            << Answer{206, range, d, 0, "d", "sha-512=:AAAA:, " + reprDigest("b"), a} << false;
         QTest::newRow("only an algorithm not known here") << Answer{206, range, d, 0, "d", "sha-512=:AAAA:", a} << true;
         QTest::newRow("no digest on the answer") << Answer{206, range, d, 0, "d", none, a} << true;
         QTest::newRow("a digest, none at the probe") << Answer{206, range, d, 0, "d", reprDigest("b"), none} << true;

@@ -125,7 +125,8 @@ private Q_SLOTS:
         QTest::newRow("404 for chunk 2") << 1 << size << MiB << "404" << Error::GeneralFailure << true;
         QTest::newRow("merged file not the server's: folder goes") << 1 << size << MiB << "digest" << Error::GeneralFailure << false;
         QTest::newRow("chunks 1 and 2 cannot be opened") << 1 << size << MiB << "folders 1 2" << Error::FileError << true;
-        QTest::newRow("chunks 6 and 7 of 300 cannot be opened") << 1 << 300 * 16 * KiB - 5 << 16 * KiB << "folders 6 7" << Error::FileError << true;
+        QTest::newRow("chunks 6 and 7 of 300 cannot be opened") << 1 << 300 * 16 * KiB - 5 << 16 * KiB << "folders 6 7"
+            << Error::FileError << true;
     }
 
     // However a batch ends, Downloader::finished comes once, and from then on no

@@ -88,11 +88,13 @@ private Q_SLOTS:
         QTest::addColumn<qint64>("kept"); // bytes of it in its file after the first run
         QTest::addColumn<ZTErrorCode>("code");
         const qint64 small = 100 * 1024, large = 3 * MiB + 77;
-        QTest::newRow("one small chunk, stopped: goes on from the bytes held") << 6 * small << true << true << "stop" << 1 << small << Error::Stopped;
+        QTest::newRow("one small chunk, stopped: goes on from the bytes held") << 6 * small << true << true << "stop"
+            << 1 << small << Error::Stopped;
         QTest::newRow("no ranges, stopped: starts over") << large << false << false << "stop" << 1 << small << Error::Stopped;
         QTest::newRow("no ranges, cut off: starts over") << large << false << false << "cut" << 1 << small << Error::GeneralFailure;
         QTest::newRow("only chunk not placed: kept whole") << small << true << true << "taken" << 1 << small << Error::MergeError;
-        QTest::newRow("only chunk not placed, no digest: kept whole") << small << true << false << "taken" << 1 << small << Error::MergeError;
+        QTest::newRow("only chunk not placed, no digest: kept whole") << small << true << false << "taken" << 1 << small
+            << Error::MergeError;
         QTest::newRow("206 whose tag changed since the probe") << large << true << true << "etag" << 2 << 0LL << Error::GeneralFailure;
         QTest::newRow("cut at the first byte") << large << true << true << "cut" << 2 << 0LL << Error::GeneralFailure;
         QTest::newRow("cut mid-chunk") << large << true << true << "cut" << 2 << 300000LL << Error::GeneralFailure;
