@@ -4,6 +4,7 @@
 #include "download/downloadglobal.h"
 #include "download/downloadtask.h"
 #include "hostcall.h"
+#include "randomfile.h"
 #include "plugin/ztserver.h"
 
 #include <zephyrtide/manager.h>
@@ -13,10 +14,9 @@
 #include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRandomGenerator>
 #include <QTest>
 
-bool DownloadFixture::setUp()
+bool DownloadFixture::setUp(const QString &address)
 {
     temporary.reset(new QTemporaryDir);
     target.reset(new QTemporaryDir);
@@ -24,6 +24,7 @@ bool DownloadFixture::setUp()
     m_contents.clear();
     m_digests.clear();
     shape = nullptr;
+    statesDigest = true;
     DownloadGlobal::instance()->setChunkSizeInBytes(MiB);
     host.reset(new Zephyrtide::Manager);
     host->setConfigData({{"startDownload", QVariantMap{{"temporaryStoragePath", temporary->path()}}}});
@@ -31,7 +32,7 @@ bool DownloadFixture::setUp()
     DownloadGlobal::instance()->setTemporaryStoragePath(temporary->path()); // for the runs without a host
     return server->start()
         && QMetaObject::invokeMethod(root.data(), "zt_set_manager", Q_ARG(Zephyrtide::Manager *, host.data()))
-        && HostCall(root.data(), "zt_apply_setIP", {{"ip", server->baseUrl()}}).succeeded();
+        && HostCall(root.data(), "zt_apply_setIP", {{"ip", address.isEmpty() ? server->baseUrl() : address}}).succeeded();
 }
 
 void DownloadFixture::tearDown()
@@ -49,7 +50,8 @@ void DownloadFixture::serve(qint64 size)
     server->setHandler([this](const ScriptedRequest &r) {
         const QByteArray name = QJsonDocument::fromJson(r.body).object().value("fileName").toString().toUtf8();
         ScriptedResponse response = ScriptedResponse::file(contentOf(name), r, "\"" + name + "\"", name);
-        response.header("Repr-Digest", "sha-256=:" + digestOf(name).toBase64() + ":");
+        if (statesDigest)
+            response.header("Repr-Digest", "sha-256=:" + digestOf(name).toBase64() + ":");
         if (shape)
             shape(r, response);
         return response;
@@ -58,11 +60,8 @@ void DownloadFixture::serve(qint64 size)
 
 QByteArray DownloadFixture::contentOf(const QByteArray &name) const
 {
-    if (!m_contents.contains(name)) {
-        QByteArray content(int(m_size), '\0');
-        QRandomGenerator(qHash(name)).fillRange(reinterpret_cast<quint32 *>(content.data()), content.size() / 4);
-        m_contents.insert(name, content);
-    }
+    if (!m_contents.contains(name))
+        m_contents.insert(name, randomBytes(m_size, qHash(name)));
     return m_contents.value(name);
 }
 
@@ -83,8 +82,16 @@ QVariantMap DownloadFixture::batch(const QStringList &names, const QString &fold
 {
     QVariantList files;
     for (const QString &name : names)
-        files << QVariantMap{{"filename", name}, {"path", folder + "/" + name}};
+        files << QVariantMap{{"filename", name.section('/', -1)}, {"path", folder + "/" + name}};
     return {{"files", files}};
+}
+
+QSharedPointer<DownloadTask> DownloadFixture::addTask(Downloader &downloader, const QString &destination,
+                                                      const QString &name) const
+{
+    auto task = QSharedPointer<DownloadTask>::create();
+    const bool added = task->isValid(destination, server->baseUrl() + "/download", name) == 0 && downloader.addTask(task);
+    return added ? task : nullptr;
 }
 
 qint64 DownloadFixture::bytesIn(const QString &folder)
@@ -93,14 +100,6 @@ qint64 DownloadFixture::bytesIn(const QString &folder)
     for (const QFileInfo &file : QDir(folder).entryInfoList(QDir::Files))
         sum += file.size();
     return sum;
-}
-
-void DownloadFixture::dropDigest(ScriptedResponse &response)
-{
-    for (int i = response.headers.size() - 1; i >= 0; --i) {
-        if (response.headers.at(i).first == "Repr-Digest")
-            response.headers.removeAt(i);
-    }
 }
 
 bool DownloadFixture::writeFile(const QString &path, const QByteArray &bytes)
@@ -114,8 +113,7 @@ ZTErrorCode DownloadFixture::downloadOne(const QString &destination, const QStri
 {
     const auto none = ZTErrorCode(-1);
     Downloader downloader;
-    auto task = QSharedPointer<DownloadTask>::create();
-    if (task->isValid(destination, server->baseUrl() + "/download", name) != 0 || !downloader.addTask(task))
+    if (!addTask(downloader, destination, name))
         return none;
     ZTErrorCode code = none;
     QObject::connect(&downloader, &Downloader::finished, &downloader, [&](ZTErrorCode status) { code = status; });

@@ -7,14 +7,15 @@
 
 #include <zephyrtide/manager.h>
 
+#include <QDir>
 #include <QMap>
 #include <QScopedPointer>
 #include <QTemporaryDir>
-#include <QVariantMap>
 
 #include <functional>
 
 class Downloader;
+class DownloadTask;
 
 // The download engine against a scripted server, driven as a host drives it
 // (root, through its command slots) or one file at a time through a Downloader.
@@ -24,7 +25,9 @@ class DownloadFixture
 public:
     static constexpr qint64 MiB = 1024 * 1024;
 
-    bool setUp(); // fresh folders, server and host; chunks of 1 MiB
+    // Fresh folders, server and host, chunks of 1 MiB; the host talks to the
+    // scripted server, or to the service at address.
+    bool setUp(const QString &address = QString());
     void tearDown();
 
     // Serves files of this size by the name the request's body asks for, with
@@ -33,21 +36,21 @@ public:
     void serve(qint64 size);
     QByteArray contentOf(const QByteArray &name) const;
     QByteArray digestOf(const QByteArray &name) const;
-    void setContent(const QByteArray &name, const QByteArray &content)
-    {
-        m_contents.insert(name, content);
-        m_digests.remove(name);
-    }
+    void setContent(const QByteArray &name, const QByteArray &content) { m_contents[name] = content; m_digests.remove(name); }
     // The content folder of a file served here: its size and its tag make it.
     QString chunkFolder(const QByteArray &tag) const;
+    // A host's batch: each name, its last part as the file's, into folder.
     QVariantMap batch(const QStringList &names, const QString &folder) const;
-    static qint64 bytesIn(const QString &folder);
-    static void dropDigest(ScriptedResponse &response);
-    static bool writeFile(const QString &path, const QByteArray &bytes);
+    // A task probed and added to the downloader, which shares it; null when refused.
+    QSharedPointer<DownloadTask> addTask(Downloader &downloader, const QString &destination, const QString &name) const;
     // One file through a downloader of its own; whenStarted runs once the batch
     // has started. The batch's code, or -1 when it did not end in time.
     ZTErrorCode downloadOne(const QString &destination, const QString &name,
                             const std::function<void(Downloader &)> &whenStarted = nullptr);
+
+    static qint64 bytesIn(const QString &folder);
+    static QStringList filesIn(const QString &folder) { return QDir(folder).entryList(QDir::Files | QDir::Hidden, QDir::Name); }
+    static bool writeFile(const QString &path, const QByteArray &bytes);
 
     TestEnvironment environment;
     QScopedPointer<QTemporaryDir> temporary; // the engine's chunk folders
@@ -56,6 +59,7 @@ public:
     QScopedPointer<Zephyrtide::Manager> host;
     QScopedPointer<ZTServer> root;
     std::function<void(const ScriptedRequest &, ScriptedResponse &)> shape;
+    bool statesDigest = true; // the content's SHA-256 in each answer
 
 private:
     mutable QMap<QByteArray, QByteArray> m_contents;

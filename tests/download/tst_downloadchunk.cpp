@@ -1,225 +1,280 @@
+#include "download/accessmanagerpool.h"
+#include "download/chunkhasher.h"
 #include "download/downloadchunk.h"
 #include "logcapture.h"
+#include "randomfile.h"
 #include "core/globalmanager.h"
 #include "scriptedserver.h"
 #include "testenvironment.h"
 
 #include <QCryptographicHash>
-#include <QFile>
 #include <QNetworkAccessManager>
+#include <QPointer>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
+namespace {
+constexpr qint64 MiB = 1024 * 1024;
+constexpr qint64 Window = 8 * MiB; // the most a chunk asks for in one request
+
+QByteArray reprDigest(const QByteArray &content)
+{
+    return "sha-256=:" + QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64() + ":";
+}
+
+// An answer's headers, with the chunk's first byte and what its probe saw.
+struct Answer {
+    int status;
+    QByteArray contentRange, etag;
+    qint64 from;
+    QString probeTag;
+    QByteArray digest, probeSha; // the answer's Repr-Digest; the SHA-256 the probe stated
+};
+} // namespace
+Q_DECLARE_METATYPE(Answer)
+
 // One chunk against a scripted server: how its range goes out on the wire,
-// what lands in its file, and which answers it refuses.
+// what lands in its file, and which answers it refuses. Then what chunks lean
+// on: the access managers they share (never more connections on one than Qt
+// opens to a host; a manager goes with its last lease), and the digest of a
+// file taken from its chunk files' shares, on a pooled thread.
 class tst_DownloadChunk : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
     void initTestCase() { GlobalManager::instance(); } // registers "ZTErrorCode" for the spies
-    void rangeGoesOutInWindows_data();
-    void rangeGoesOutInWindows();
-    void answerRefused_data();
-    void answerRefused();
-    void httpFailure_data();
-    void httpFailure();
+    void init()
+    {
+        m_folder.reset(new QTemporaryDir); // the chunk file "1"
+        m_server.reset(new ScriptedServer);
+        QVERIFY(m_server->start());
+    }
+
+    void rangeGoesOutInWindows_data()
+    {
+        QTest::addColumn<qint64>("chunkSize");
+        QTest::addColumn<qint64>("present"); // already in the chunk file
+        QTest::addColumn<qint64>("served"); // the most the server sends for one request
+        QTest::addColumn<int>("requests");
+        const qint64 all = 1 << 30;
+        QTest::newRow("smaller than a window") << 5 * MiB << qint64(0) << all << 1;
+        QTest::newRow("exactly one window") << Window << qint64(0) << all << 2; // and the overlap byte
+        QTest::newRow("a window less its overlap byte") << Window - 1 << qint64(0) << all << 1;
+        QTest::newRow("two windows and a byte") << 2 * Window + 1 << qint64(0) << all << 3;
+        QTest::newRow("resumed: only the rest, in windows") << 2 * Window + 1 << 3 * MiB << all << 2;
+        QTest::newRow("server ends every range early") << 2 * Window << qint64(0) << 3 * MiB << 6;
+        QTest::newRow("covers its range: no request") << 5 * MiB << 5 * MiB + 1 << all << 0;
+    }
+    void rangeGoesOutInWindows()
+    {
+        QFETCH(qint64, chunkSize);
+        QFETCH(qint64, present);
+        QFETCH(qint64, served);
+        QFETCH(int, requests);
+        // The chunk's range within a larger file, so that its last byte is not the file's.
+        const QByteArray content = randomBytes(chunkSize + 2 * MiB);
+        const qint64 first = MiB, last = first + chunkSize - 1;
+        QList<QPair<qint64, qint64>> asked;
+        m_server->setHandler([&](const ScriptedRequest &r) {
+            const auto range = QRegularExpression("^bytes=(\\d+)-(\\d+)$").match(QString::fromLatin1(r.header("Range")));
+            asked << qMakePair(range.captured(1).toLongLong(), range.captured(2).toLongLong());
+            const qint64 from = asked.last().first, to = qMin(asked.last().second, from + served - 1);
+            ScriptedResponse response;
+            response.status = 206;
+            response.header("Content-Range", QStringLiteral("bytes %1-%2/%3").arg(from).arg(to).arg(content.size()).toLatin1());
+            response.body = content.mid(from, to - from + 1);
+            return response;
+        });
+        QFile file(m_folder->filePath("1"));
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content.mid(first, present)) == present);
+        file.close();
+        DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
+        chunk.lastChunk = false;
+        chunk.fileName = QStringLiteral("c.bin");
+        qint64 reported = 0;
+        connect(&chunk, &DownloadChunk::downloadProgress, this, [&](qlonglong delta, qlonglong) { reported += delta; });
+        QSignalSpy finished(&chunk, &DownloadChunk::finished);
+        QSignalSpy failed(&chunk, &DownloadChunk::errorOccurred);
+        // A chunk but the last asks for its overlap byte too: "last" is one past its share.
+        QVERIFY(chunk.start(m_folder->path(), file.fileName(), m_server->baseUrl() + "/download", first, last + 1, "t"));
+        QVERIFY(finished.count() == 1 || finished.wait(20000));
+        QCOMPARE(failed.count(), 0);
+        QVERIFY(file.open(QIODevice::ReadOnly) && file.readAll() == content.mid(first, chunkSize + 1));
+        QCOMPARE(reported, chunkSize + 1); // what was there, then each byte that came, once
+        QCOMPARE(asked.size(), requests);
+        // A reused connection would make every window wait for a delayed ACK.
+        QCOMPARE(m_server->connectionCount(), requests);
+        qint64 next = first + present;
+        for (const auto &range : qAsConst(asked)) {
+            QCOMPARE(range.first, next); // each request picks up where the file ends
+            QVERIFY2(range.second - range.first + 1 <= Window, qPrintable(QString::number(range.second)));
+            next = qMin(range.second, range.first + served - 1) + 1;
+        }
+    }
+
+    void answerRefused_data()
+    {
+        QTest::addColumn<Answer>("answer");
+        QTest::addColumn<bool>("taken");
+        const QByteArray d = "\"d\"", none, range = "bytes 0-9/10", a = QCryptographicHash::hash("a", QCryptographicHash::Sha256);
+        QTest::newRow("206, the range asked for") << Answer{206, "bytes 5-9/10", d, 5, "d", none, none} << true;
+        QTest::newRow("206, total unknown") << Answer{206, "bytes 5-9/*", d, 5, "d", none, none} << true;
+        QTest::newRow("200 for a chunk from byte 0") << Answer{200, none, d, 0, "d", none, none} << true;
+        QTest::newRow("no tag at the probe: any tag") << Answer{206, range, "\"e\"", 0, "", none, none} << true;
+        QTest::newRow("200 for a chunk further on") << Answer{200, none, d, 5, "d", none, none} << false;
+        QTest::newRow("404") << Answer{404, none, d, 0, "d", none, none} << false;
+        QTest::newRow("206 from another byte") << Answer{206, "bytes 4-9/10", d, 5, "d", none, none} << false;
+        QTest::newRow("206 without Content-Range") << Answer{206, none, d, 0, "d", none, none} << false;
+        QTest::newRow("206, first byte not a number") << Answer{206, "bytes x-9/10", d, 0, "d", none, none} << false;
+        QTest::newRow("206, no first byte") << Answer{206, "bytes /10", d, 0, "d", none, none} << false;
+        QTest::newRow("206, last byte before the first") << Answer{206, "bytes 9-0/10", d, 9, "d", none, none} << false;
+        QTest::newRow("206, another unit") << Answer{206, "items 0-9/10", d, 0, "d", none, none} << false;
+        QTest::newRow("206, another tag") << Answer{206, range, "W/\"d\"", 0, "d", none, none} << false;
+        QTest::newRow("the probe's sha-256") << Answer{206, range, d, 0, "d", reprDigest("a"), a} << true;
+        QTest::newRow("another sha-256") << Answer{206, range, d, 0, "d", reprDigest("b"), a} << false;
+        QTest::newRow("another sha-256 among other algorithms")
+            << Answer{206, range, d, 0, "d", "sha-512=:AAAA:, " + reprDigest("b"), a} << false;
+        QTest::newRow("only an algorithm not known here") << Answer{206, range, d, 0, "d", "sha-512=:AAAA:", a} << true;
+        QTest::newRow("no digest on the answer") << Answer{206, range, d, 0, "d", none, a} << true;
+        QTest::newRow("a digest, none at the probe") << Answer{206, range, d, 0, "d", reprDigest("b"), none} << true;
+    }
+
+    // The check on an answer's headers alone, before any byte may be written.
+    void answerRefused()
+    {
+        QFETCH(Answer, answer);
+        QFETCH(bool, taken);
+        const QString reason = DownloadChunk::refusal(answer.status, answer.contentRange, answer.etag, answer.from,
+                                                      answer.probeTag, answer.digest, answer.probeSha);
+        QVERIFY2(reason.isEmpty() == taken, qPrintable(reason));
+    }
+
+    void httpFailure_data()
+    {
+        QTest::addColumn<int>("status");
+        for (int status : {404, 416, 500})
+            QTest::addRow("%d", status) << status;
+    }
+
+    // An answer refused for its status says why, and writes the chunk's failure
+    // lines: the address and name, the network error and status, then the headers.
+    void httpFailure()
+    {
+        QFETCH(int, status);
+        m_server->setHandler([&](const ScriptedRequest &) {
+            ScriptedResponse response;
+            response.status = status;
+            response.body = "<html>error page</html>";
+            return response.header("X-Why", "scripted");
+        });
+        LogCapture log;
+        DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
+        chunk.fileName = "c.bin";
+        QSignalSpy error(&chunk, &DownloadChunk::errorOccurred);
+        QSignalSpy finished(&chunk, &DownloadChunk::finished);
+        QVERIFY(chunk.start(m_folder->path(), m_folder->filePath("1"), m_server->baseUrl() + "/download", 0, 10, "e"));
+        QVERIFY(error.wait(5000) && m_server->waitUntilQuiet());
+        QCOMPARE(error.count(), 1);
+        QCOMPARE(error.first().first().value<ZTErrorCode>(), Zephyrtide::Error::GeneralFailure);
+        QCOMPARE(finished.count(), 0);
+        QCOMPARE(QFileInfo(m_folder->filePath("1")).size(), 0); // the error page is not the file
+        QCOMPARE(log.count("chunk answer refused", QtCriticalMsg), 1);
+        QCOMPARE(log.count(QStringLiteral("http status %1").arg(status), QtCriticalMsg), 2); // the reason, and the failure line
+        for (const char *line : {"errorrrrrrrrrrrrrrrr", "\"c.bin\" http error QNetworkReply::", "header", "X-Why"})
+            QVERIFY2(log.count(line, QtCriticalMsg) == 1, line);
+    }
+
+    void packing_data()
+    {
+        QTest::addColumn<QList<int>>("lends"); // connections asked, in order
+        QTest::addColumn<int>("managers");
+        QTest::newRow("six one-chunk files share one") << QList<int>{1, 1, 1, 1, 1, 1} << 1;
+        QTest::newRow("the seventh needs another") << QList<int>{1, 1, 1, 1, 1, 1, 1} << 2;
+        QTest::newRow("a four-chunk file leaves room for two") << QList<int>{4, 1, 1} << 1;
+        QTest::newRow("two four-chunk files: one each") << QList<int>{4, 4} << 2;
+        QTest::newRow("a small file after two large ones fills the first gap") << QList<int>{4, 4, 2} << 2;
+        QTest::newRow("more than six asked counts as six") << QList<int>{9, 1} << 2;
+        QTest::newRow("none asked counts as one") << QList<int>{0, 0, 0, 0, 0, 0, 0} << 2;
+        QTest::newRow("a thousand small files: a manager per six") << QVector<int>(1000, 1).toList() << 167;
+    }
+    void packing()
+    {
+        QFETCH(QList<int>, lends);
+        QFETCH(int, managers);
+        AccessManagerPool pool;
+        QList<QSharedPointer<QNetworkAccessManager>> leases;
+        QHash<QNetworkAccessManager *, int> lent;
+        for (int connections : lends) {
+            leases.append(pool.lend(connections));
+            lent[leases.last().data()] += qBound(1, connections, AccessManagerPool::ConnectionsPerManager);
+        }
+        QCOMPARE(pool.managerCount(), managers);
+        QCOMPARE(lent.size(), managers);
+        for (int count : qAsConst(lent))
+            QVERIFY2(count <= AccessManagerPool::ConnectionsPerManager, qPrintable(QString::number(count)));
+    }
+
+    void lastLeaseEndsTheManager()
+    {
+        AccessManagerPool pool;
+        auto full = pool.lend(6);
+        auto copy = full; // as a chunk holds it
+        auto other = pool.lend(1);
+        QVERIFY(other != full);
+        QPointer<QNetworkAccessManager> first(full.data());
+        full.reset();
+        QCOMPARE(pool.managerCount(), 2); // a copy still holds the lease
+        copy.reset();
+        QCOMPARE(pool.managerCount(), 1);
+        QTRY_VERIFY_WITH_TIMEOUT(first.isNull(), 5000);
+        auto more = pool.lend(5);
+        QCOMPARE(more, other); // the room the other lease left is lent again
+        QVERIFY(pool.lend(1) != other);
+    }
+
+    void digestOfShares_data()
+    {
+        QTest::addColumn<QList<int>>("files");  // bytes in each chunk file; -1: none
+        QTest::addColumn<QList<int>>("shares"); // of each, the bytes that are the content's
+        QTest::addColumn<int>("hashed");        // shares reported; all: a digest, else none
+        const int MiB = int(::MiB);
+        QTest::newRow("three files, overlap bytes left out") << QList<int>{MiB + 1, MiB + 1, 77} << QList<int>{MiB, MiB, 77} << 3;
+        QTest::newRow("a share larger than a read block") << QList<int>{3 * MiB + 5} << QList<int>{3 * MiB + 5} << 1;
+        QTest::newRow("an empty share") << QList<int>{0, 10} << QList<int>{0, 10} << 2;
+        QTest::newRow("none") << QList<int>{} << QList<int>{} << 0;
+        QTest::newRow("second file short of its share: no digest") << QList<int>{10, 9, 10} << QList<int>{10, 10, 10} << 1;
+        QTest::newRow("first file missing: no digest") << QList<int>{-1, 10} << QList<int>{10, 10} << 0;
+    }
+    void digestOfShares()
+    {
+        QFETCH(QList<int>, files);
+        QFETCH(QList<int>, shares);
+        QFETCH(int, hashed);
+        ChunkHasher hasher;
+        QSignalSpy reports(&hasher, &ChunkHasher::hashed);
+        QSignalSpy finished(&hasher, &ChunkHasher::finished);
+        QCryptographicHash expected(QCryptographicHash::Sha256);
+        for (int i = 0; i < files.size(); ++i) {
+            const QString path = m_folder->filePath(QString::number(i + 1));
+            QVERIFY(files.at(i) < 0 || writeRandomFile(path, files.at(i), quint32(i)));
+            expected.addData(randomBytes(qMax(files.at(i), 0), quint32(i)).left(shares.at(i)));
+            hasher.add(path, shares.at(i));
+        }
+        hasher.close();
+        QVERIFY(finished.wait(10000));
+        QCOMPARE(finished.first().first().toByteArray(), hashed == files.size() ? expected.result() : QByteArray());
+        QCOMPARE(reports.count(), hashed); // every share hashed is reported, in order, before the digest
+        for (int i = 0; i < reports.count(); ++i)
+            QCOMPARE(reports.at(i).first().toInt(), i + 1);
+    }
 
 private:
     TestEnvironment m_environment;
+    QScopedPointer<ScriptedServer> m_server;
+    QScopedPointer<QTemporaryDir> m_folder;
 };
-
-namespace {
-constexpr qint64 MiB = 1024 * 1024;
-constexpr qint64 Window = 8 * MiB; // the most a chunk asks for in one request
-
-// The first and last byte of a "bytes=a-b" request header.
-QPair<qint64, qint64> askedRange(const QByteArray &header)
-{
-    const QRegularExpressionMatch match =
-        QRegularExpression(QStringLiteral("^bytes=(\\d+)-(\\d+)$")).match(QString::fromLatin1(header));
-    return match.hasMatch() ? qMakePair(match.captured(1).toLongLong(), match.captured(2).toLongLong())
-                            : qMakePair(qint64(-1), qint64(-1));
-}
-} // namespace
-
-void tst_DownloadChunk::rangeGoesOutInWindows_data()
-{
-    QTest::addColumn<qint64>("chunkSize");
-    QTest::addColumn<qint64>("present"); // already in the chunk file
-    QTest::addColumn<qint64>("served"); // the most the server sends for one request
-    QTest::addColumn<int>("requests");
-    const qint64 all = 1 << 30;
-    QTest::newRow("smaller than a window") << 5 * MiB << qint64(0) << all << 1;
-    QTest::newRow("exactly one window") << Window << qint64(0) << all << 2; // and the overlap byte
-    QTest::newRow("a window less its overlap byte") << Window - 1 << qint64(0) << all << 1;
-    QTest::newRow("two windows and a byte") << 2 * Window + 1 << qint64(0) << all << 3;
-    QTest::newRow("resumed: only the rest, in windows") << 2 * Window + 1 << 3 * MiB << all << 2;
-    QTest::newRow("server ends every range early") << 2 * Window << qint64(0) << 3 * MiB << 6;
-    QTest::newRow("covers its range: no request") << 5 * MiB << 5 * MiB + 1 << all << 0;
-}
-
-void tst_DownloadChunk::rangeGoesOutInWindows()
-{
-    QFETCH(qint64, chunkSize);
-    QFETCH(qint64, present);
-    QFETCH(qint64, served);
-    QFETCH(int, requests);
-
-    // The chunk's range within a larger file, so that its last byte is not the file's.
-    QByteArray content(chunkSize + 2 * MiB, Qt::Uninitialized);
-    for (int i = 0; i < content.size(); ++i)
-        content[i] = char((i * 31) ^ (i >> 13));
-    const qint64 first = MiB;
-    const qint64 last = first + chunkSize - 1;
-
-    ScriptedServer server;
-    QVERIFY(server.start());
-    QList<QPair<qint64, qint64>> asked;
-    server.setHandler([&](const ScriptedRequest &r) {
-        asked << askedRange(r.header("Range"));
-        QPair<qint64, qint64> sent = asked.last();
-        sent.second = qMin(sent.second, sent.first + served - 1);
-        ScriptedResponse response;
-        response.status = 206;
-        response.header("Content-Range", QStringLiteral("bytes %1-%2/%3")
-                                             .arg(sent.first).arg(sent.second).arg(content.size()).toLatin1());
-        response.body = content.mid(sent.first, sent.second - sent.first + 1);
-        return response;
-    });
-
-    QTemporaryDir folder;
-    QFile existing(folder.filePath("1"));
-    QVERIFY(existing.open(QIODevice::WriteOnly));
-    existing.write(content.mid(first, present));
-    existing.close();
-
-    DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
-    chunk.lastChunk = false;
-    chunk.fileName = QStringLiteral("c.bin");
-    qint64 reported = 0;
-    connect(&chunk, &DownloadChunk::downloadProgress, this, [&](qlonglong delta, qlonglong) { reported += delta; });
-    QSignalSpy finished(&chunk, &DownloadChunk::finished);
-    QSignalSpy failed(&chunk, &DownloadChunk::errorOccurred);
-    // A chunk but the last asks for its overlap byte too: "last" is one past its share.
-    QVERIFY(chunk.start(folder.path(), folder.filePath("1"), server.baseUrl() + "/download", first,
-                        last + 1, QStringLiteral("t")));
-    QVERIFY(finished.count() == 1 || finished.wait(20000));
-    QCOMPARE(failed.count(), 0);
-
-    QFile file(folder.filePath("1"));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QVERIFY(file.readAll() == content.mid(first, chunkSize + 1));
-    QCOMPARE(reported, chunkSize + 1); // what was there, then each byte that came, once
-    QCOMPARE(asked.size(), requests);
-    // A reused connection would make every window wait for a delayed ACK.
-    QCOMPARE(server.connectionCount(), requests);
-    qint64 next = first + present;
-    for (const auto &range : qAsConst(asked)) {
-        QCOMPARE(range.first, next); // each request picks up where the file ends
-        QVERIFY2(range.second - range.first + 1 <= Window, qPrintable(QString::number(range.second)));
-        next = qMin(range.second, range.first + served - 1) + 1;
-    }
-}
-
-namespace {
-QByteArray reprDigest(const QByteArray &content)
-{
-    return "sha-256=:" + QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64() + ":";
-}
-} // namespace
-
-void tst_DownloadChunk::answerRefused_data()
-{
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QByteArray>("contentRange");
-    QTest::addColumn<QByteArray>("etag");
-    QTest::addColumn<qint64>("from");
-    QTest::addColumn<QString>("probeTag");
-    QTest::addColumn<QByteArray>("digest");   // the answer's Repr-Digest
-    QTest::addColumn<QByteArray>("probeSha"); // what the probe stated
-    QTest::addColumn<bool>("taken");
-    const QByteArray d = "\"d\"", none, range = "bytes 0-9/10";
-    QTest::newRow("206, the range asked for") << 206 << QByteArray("bytes 5-9/10") << d << qint64(5) << "d" << none << none << true;
-    QTest::newRow("206, total unknown") << 206 << QByteArray("bytes 5-9/*") << d << qint64(5) << "d" << none << none << true;
-    QTest::newRow("200 for a chunk from byte 0") << 200 << none << d << qint64(0) << "d" << none << none << true;
-    QTest::newRow("no tag at the probe: any tag") << 206 << range << QByteArray("\"e\"") << qint64(0) << "" << none << none << true;
-    QTest::newRow("200 for a chunk further on") << 200 << none << d << qint64(5) << "d" << none << none << false;
-    QTest::newRow("404") << 404 << none << d << qint64(0) << "d" << none << none << false;
-    QTest::newRow("206 from another byte") << 206 << QByteArray("bytes 4-9/10") << d << qint64(5) << "d" << none << none << false;
-    QTest::newRow("206 without Content-Range") << 206 << none << d << qint64(0) << "d" << none << none << false;
-    QTest::newRow("206, first byte not a number") << 206 << QByteArray("bytes x-9/10") << d << qint64(0) << "d" << none << none << false;
-    QTest::newRow("206, no first byte") << 206 << QByteArray("bytes /10") << d << qint64(0) << "d" << none << none << false;
-    QTest::newRow("206, last byte before the first") << 206 << QByteArray("bytes 9-0/10") << d << qint64(9) << "d" << none << none << false;
-    QTest::newRow("206, another unit") << 206 << QByteArray("items 0-9/10") << d << qint64(0) << "d" << none << none << false;
-    QTest::newRow("206, another tag") << 206 << range << QByteArray("W/\"d\"") << qint64(0) << "d" << none << none << false;
-    const QByteArray a = QCryptographicHash::hash("a", QCryptographicHash::Sha256);
-    QTest::newRow("the probe's sha-256") << 206 << range << d << qint64(0) << "d" << reprDigest("a") << a << true;
-    QTest::newRow("another sha-256") << 206 << range << d << qint64(0) << "d" << reprDigest("b") << a << false;
-    QTest::newRow("another sha-256 among other algorithms")
-        << 206 << range << d << qint64(0) << "d" << "sha-512=:AAAA:, " + reprDigest("b") << a << false;
-    QTest::newRow("only an algorithm not known here") << 206 << range << d << qint64(0) << "d" << QByteArray("sha-512=:AAAA:") << a << true;
-    QTest::newRow("no digest on the answer") << 206 << range << d << qint64(0) << "d" << none << a << true;
-    QTest::newRow("a digest, none at the probe") << 206 << range << d << qint64(0) << "d" << reprDigest("b") << none << true;
-}
-
-// The check on an answer's headers alone, before any byte may be written.
-void tst_DownloadChunk::answerRefused()
-{
-    QFETCH(int, status);
-    QFETCH(QByteArray, contentRange);
-    QFETCH(QByteArray, etag);
-    QFETCH(qint64, from);
-    QFETCH(QString, probeTag);
-    QFETCH(QByteArray, digest);
-    QFETCH(QByteArray, probeSha);
-    QFETCH(bool, taken);
-    const QString reason = DownloadChunk::refusal(status, contentRange, etag, from, probeTag, digest, probeSha);
-    QVERIFY2(reason.isEmpty() == taken, qPrintable(reason));
-}
-
-void tst_DownloadChunk::httpFailure_data()
-{
-    QTest::addColumn<int>("status");
-    QTest::newRow("404") << 404;
-    QTest::newRow("416") << 416;
-    QTest::newRow("500") << 500;
-}
-
-// An answer refused for its status says why, and writes the chunk's failure
-// lines: the address and name, the network error and status, then the headers.
-void tst_DownloadChunk::httpFailure()
-{
-    QFETCH(int, status);
-    ScriptedServer server;
-    QVERIFY(server.start());
-    server.setHandler([&](const ScriptedRequest &) {
-        ScriptedResponse response;
-        response.status = status;
-        response.body = "<html>error page</html>";
-        return response.header("X-Why", "scripted");
-    });
-    QTemporaryDir folder;
-    LogCapture log;
-    DownloadChunk chunk(QSharedPointer<QNetworkAccessManager>::create());
-    chunk.fileName = "c.bin";
-    QSignalSpy error(&chunk, &DownloadChunk::errorOccurred);
-    QSignalSpy finished(&chunk, &DownloadChunk::finished);
-    QVERIFY(chunk.start(folder.path(), folder.filePath("1"), server.baseUrl() + "/download", 0, 10, "e"));
-    QVERIFY(error.wait(5000));
-    QVERIFY(server.waitUntilQuiet());
-    QCOMPARE(error.count(), 1);
-    QCOMPARE(error.first().first().value<ZTErrorCode>(), Zephyrtide::Error::GeneralFailure);
-    QCOMPARE(finished.count(), 0);
-    QCOMPARE(QFileInfo(folder.filePath("1")).size(), 0); // the error page is not the file
-    QCOMPARE(log.count("chunk answer refused", QtCriticalMsg), 1);
-    QCOMPARE(log.count(QStringLiteral("http status %1").arg(status), QtCriticalMsg), 2); // the reason, and the failure line
-    QCOMPARE(log.count("errorrrrrrrrrrrrrrrr", QtCriticalMsg), 1);
-    QCOMPARE(log.count("\"c.bin\" http error QNetworkReply::", QtCriticalMsg), 1);
-    QCOMPARE(log.count("header", QtCriticalMsg), 1);
-    QCOMPARE(log.count("X-Why", QtCriticalMsg), 1);
-}
 
 QTEST_MAIN(tst_DownloadChunk)
 #include "tst_downloadchunk.moc"

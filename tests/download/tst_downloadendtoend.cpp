@@ -1,222 +1,166 @@
+#include "downloadfixture.h"
 #include "filedigest.h"
 #include "fileserviceprocess.h"
 #include "hostcall.h"
-#include "core/zterrorcode.h"
-#include "plugin/ztserver.h"
-#include "testenvironment.h"
+#include "randomfile.h"
+#include "core/globalmanager.h"
 
-#include <zephyrtide/manager.h>
 #include <zephyrtide/reply.h>
 
-#include <QCryptographicHash>
 #include <QDir>
-#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <memory>
+
 using Error = Zephyrtide::Error;
+constexpr qint64 C = 1024 * 1024; // the host's chunk size
 
 // Downloads through the plugin, as a host drives them, from the reference file
-// service on loopback (chunks of 1 MiB): every file must arrive byte-identical.
+// service on loopback: every file must arrive byte-identical.
 class tst_DownloadEndToEnd : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void init();
-    void cleanup();
-    void sizesAroundTheChunkSizeTwice();
-    void serviceGoneMidBatch();
-    void unknownFile();
-    void isExist();
+    void initTestCase() { GlobalManager::instance(); }
+    void init()
+    {
+        m_store.reset(new QTemporaryDir);
+        m_service.reset(new FileServiceProcess(m_store->path()));
+        QVERIFY(m_service->start());
+        QVERIFY(f.setUp(m_service->baseUrl()));
+    }
+    void cleanup()
+    {
+        f.tearDown();
+        m_service.reset();
+    }
+
+    // Sizes about the chunk size, and one content for two folders (one transfer,
+    // copied), in one batch; the same batch again brings each file under a free name.
+    void sizesAroundTheChunkSizeTwice()
+    {
+        QMap<QString, QByteArray> digests;
+        QStringList names;
+        for (qint64 size : {qint64(0), qint64(1), C - 1, C, C + 1, 2 * C, 2 * C + 1, 5 * C + 12345}) {
+            names << QStringLiteral("f%1.bin").arg(size);
+            digests.insert(names.last(), storeFile(names.last(), size));
+        }
+        digests.insert("same.bin", storeFile("same.bin", 3 * C + 5));
+        names << "a/same.bin" << "b/same.bin";
+        for (const QString &suffix : {QString(), QStringLiteral("(1)")}) {
+            const auto call = download(f.batch(names, f.target->filePath("in")));
+            QCOMPARE(call->error(), Error::NoError);
+            const QVariantList results = call->result().value("result").toList();
+            QCOMPARE(results.size(), names.size() - 1); // the kept task of same.bin, once per further destination
+            for (const QVariant &entry : results) {
+                const QVariantMap map = entry.toMap();
+                QCOMPARE(map.keys(), QStringList({"fileSize", "filename", "path", "url"}));
+                QVERIFY2(map.value("filename").toString().contains(suffix), qPrintable(map.value("filename").toString()));
+                QCOMPARE(map.value("url").toString(), m_service->baseUrl() + "/download");
+            }
+            for (const QString &name : names) {
+                const QString path = f.target->filePath("in/" + name).replace(".bin", suffix + ".bin");
+                QCOMPARE(sha256OfFile(path), digests.value(name.section('/', -1)));
+            }
+            QCOMPARE(chunkFolders(), 0); // merged and cleared
+            QVERIFY(call->keepAlives > 0);
+            QVERIFY(!call->progress.isEmpty() && call->progress.last().second > 0);
+            QCOMPARE(call->progress.last().first, call->progress.last().second);
+        }
+    }
+
+    // Small files end before the service is killed (from the host's progress
+    // handler, once they are whole and the large one has bytes on disk), the
+    // large one is cut: the batch fails, the finished files stay whole, the host
+    // asking by address sees what the cut one holds, and the next run (at the
+    // service's new address) brings every file identical.
+    void serviceGoneMidBatch()
+    {
+        const QMap<QString, QByteArray> digests{{"gone-mid.bin", storeFile("gone-mid.bin", 16 * C)},
+                                                {"gone-small.bin", storeFile("gone-small.bin", 2 * C + 5)},
+                                                {"gone-byte.bin", storeFile("gone-byte.bin", 1)}};
+        const QString query = "/download?fileName=gone-mid.bin";
+        QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), 0);
+        QCOMPARE(isExist(query).value("bytesTotal").toLongLong(), 16 * C);
+        const auto whole = [&](const QString &name) { return sha256OfFile(f.target->filePath(name)) == digests.value(name); };
+        bool killed = false;
+        const auto cut = download(f.batch(digests.keys(), f.target->path()), [&](Zephyrtide::Reply *reply) {
+            connect(reply, &Zephyrtide::Reply::downloadProgress, reply, [&] {
+                if (!killed && whole("gone-small.bin") && whole("gone-byte.bin") && heldBytes() > 0) {
+                    killed = true;
+                    m_service->kill();
+                }
+            });
+        });
+        QVERIFY(killed);
+        QCOMPARE(cut->finishedCount(), 1);
+        QVERIFY2(cut->errorCode() > 0, qPrintable(QString::number(cut->errorCode())));
+        QCOMPARE(chunkFolders(), 1); // what came stays
+        QVERIFY(whole("gone-small.bin") && whole("gone-byte.bin"));
+
+        m_service.reset(new FileServiceProcess(m_store->path())); // the same files, at another address
+        QVERIFY(m_service->start());
+        QVERIFY(HostCall(f.root.data(), "zt_apply_setIP", {{"ip", m_service->baseUrl()}}).succeeded());
+        QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), heldBytes());
+        const auto call = download(f.batch(digests.keys(), f.target->path()));
+        QCOMPARE(call->error(), Error::NoError);
+        QCOMPARE(call->result().value("result").toList().size(), digests.size());
+        for (const QVariant &entry : call->result().value("result").toList()) {
+            const QString path = entry.toMap().value("path").toString();
+            const QString requested = entry.toMap().value("filename").toString().remove(QStringLiteral("(1)"));
+            QVERIFY2(sha256OfFile(path) == digests.value(requested), qPrintable(path));
+        }
+        QCOMPARE(chunkFolders(), 0);
+        QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), 0);
+        QCOMPARE(ZTErrorCode(isExist(QString()).value("errorCode").toInt()), Error::MissingParameter);
+        // A 403 to the probe: nothing to restore, the fresh task's values.
+        QCOMPARE(isExist("/download?fileName=..%2Fx").value("bytesTotal").toLongLong(), -1);
+    }
+
+    // The probe takes a 404's error page for the file; its chunks then fail.
+    void unknownFile()
+    {
+        QCOMPARE(download(f.batch({"nope.bin"}, f.target->path()))->error(), Error::GeneralFailure);
+    }
 
 private:
-    static constexpr qint64 C = 1024 * 1024;
-    QByteArray storeFile(const QString &name, qint64 size); // its SHA-256
-    QVariantMap batch(const QStringList &names, const QString &folder = QString()) const;
-    qint64 startDownload(const QVariantMap &params, QVariantList *results = nullptr, // its code
-                         const std::function<void(Zephyrtide::Reply *)> &beforeCall = {});
-    QVariantMap isExist(const QString &query);
-    int chunkFolders() const { return QDir(m_temporary->path()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(); }
+    QByteArray storeFile(const QString &name, qint64 size) // its SHA-256
+    {
+        return writeRandomFile(m_store->filePath(name), size, quint32(size) + 17) ? sha256OfFile(m_store->filePath(name)) : "";
+    }
 
-    TestEnvironment m_environment;
-    QScopedPointer<QTemporaryDir> m_temporary, m_store, m_target;
+    // The call, once finished or after a bound.
+    std::unique_ptr<HostCall> download(const QVariantMap &params, const std::function<void(Zephyrtide::Reply *)> &beforeCall = {})
+    {
+        std::unique_ptr<HostCall> call(new HostCall(f.root.data(), "zt_apply_startDownload", params, beforeCall));
+        call->wait(60000);
+        return call;
+    }
+
+    QVariantMap isExist(const QString &query)
+    {
+        QObject *command = nullptr;
+        for (QObject *child : f.root->children())
+            command = QByteArray(child->metaObject()->className()) == "StartDownload" ? child : command;
+        HostCall call(command, "zt_apply_isExist", {{"url", query.isEmpty() ? query : m_service->baseUrl() + query}});
+        return call.succeeded() ? call.result().value("result").toMap() : QVariantMap{{"errorCode", call.errorCode()}};
+    }
+
+    QFileInfoList chunkFolderList() const { return QDir(f.temporary->path()).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot); }
+    int chunkFolders() const { return chunkFolderList().size(); }
+    qint64 heldBytes() const
+    {
+        qint64 sum = 0;
+        for (const QFileInfo &folder : chunkFolderList())
+            sum += f.bytesIn(folder.filePath());
+        return sum;
+    }
+
+    DownloadFixture f; // its scripted server unused
+    QScopedPointer<QTemporaryDir> m_store; // the service's files
     QScopedPointer<FileServiceProcess> m_service;
-    QScopedPointer<Zephyrtide::Manager> m_host;
-    QScopedPointer<ZTServer> m_root;
-    int m_keepAlives = 0; // of the last startDownload()
-    QPair<qint64, qint64> m_lastProgress;
 };
-
-void tst_DownloadEndToEnd::init()
-{
-    m_temporary.reset(new QTemporaryDir);
-    m_store.reset(new QTemporaryDir);
-    m_target.reset(new QTemporaryDir);
-    m_service.reset(new FileServiceProcess(m_store->path()));
-    QVERIFY(m_service->start());
-    m_host.reset(new Zephyrtide::Manager);
-    m_host->setConfigData({{"startDownload", QVariantMap{{"chunkSize", 1}, {"temporaryStoragePath", m_temporary->path()}}}});
-    m_root.reset(new ZTServer);
-    QVERIFY(QMetaObject::invokeMethod(m_root.data(), "zt_set_manager", Q_ARG(Zephyrtide::Manager *, m_host.data())));
-    QVERIFY(HostCall(m_root.data(), "zt_apply_setIP", {{"ip", m_service->baseUrl()}}).succeeded());
-}
-
-void tst_DownloadEndToEnd::cleanup()
-{
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    m_root.reset();
-    m_host.reset();
-    m_service.reset();
-}
-
-QByteArray tst_DownloadEndToEnd::storeFile(const QString &name, qint64 size)
-{
-    QByteArray content(int(size), Qt::Uninitialized);
-    QRandomGenerator generator(quint32(size) + 17);
-    for (int i = 0; i < content.size(); ++i)
-        content[i] = char(generator.generate());
-    QFile file(m_store->filePath(name));
-    if (file.open(QIODevice::WriteOnly))
-        file.write(content);
-    return QCryptographicHash::hash(content, QCryptographicHash::Sha256);
-}
-
-QVariantMap tst_DownloadEndToEnd::batch(const QStringList &names, const QString &folder) const
-{
-    QVariantList files;
-    for (const QString &name : names) // "folder/name", or the name into the target folder
-        files << QVariantMap{{"filename", name.section('/', -1)}, {"path", m_target->filePath(folder + name)}};
-    return {{"files", files}};
-}
-
-qint64 tst_DownloadEndToEnd::startDownload(const QVariantMap &params, QVariantList *results,
-                                           const std::function<void(Zephyrtide::Reply *)> &beforeCall)
-{
-    HostCall call(m_root.data(), "zt_apply_startDownload", params, beforeCall);
-    call.wait(60000);
-    if (results)
-        *results = call.result().value("result").toList();
-    m_keepAlives = call.keepAlives;
-    m_lastProgress = call.progress.value(call.progress.size() - 1);
-    return call.finishedCount() == 1 ? call.errorCode() : -1;
-}
-
-QVariantMap tst_DownloadEndToEnd::isExist(const QString &query)
-{
-    QObject *command = nullptr;
-    for (QObject *child : m_root->children()) {
-        if (QByteArray(child->metaObject()->className()) == "StartDownload")
-            command = child;
-    }
-    HostCall call(command, "zt_apply_isExist", {{"url", query.isEmpty() ? query : m_service->baseUrl() + query}});
-    return call.succeeded() ? call.result().value("result").toMap() : QVariantMap{{"errorCode", call.errorCode()}};
-}
-
-// Sizes about the chunk size, and one content for two folders (one transfer,
-// copied), in one batch; the same batch again brings each file under a free name.
-void tst_DownloadEndToEnd::sizesAroundTheChunkSizeTwice()
-{
-    QMap<QString, QByteArray> digests;
-    QStringList names;
-    for (qint64 size : {qint64(0), qint64(1), C - 1, C, C + 1, 2 * C, 2 * C + 1, 5 * C + 12345}) {
-        names << QStringLiteral("f%1.bin").arg(size);
-        digests.insert(names.last(), storeFile(names.last(), size));
-    }
-    digests.insert("same.bin", storeFile("same.bin", 3 * C + 5));
-    names << "a/same.bin" << "b/same.bin";
-    for (const QString &suffix : {QString(), QStringLiteral("(1)")}) {
-        QVariantList results;
-        QCOMPARE(ZTErrorCode(startDownload(batch(names, "in/"), &results)), Error::NoError);
-        QCOMPARE(results.size(), names.size() - 1); // the kept task of same.bin, once per further destination
-        for (const QVariant &entry : results) {
-            const QVariantMap map = entry.toMap();
-            QCOMPARE(map.keys(), QStringList({"fileSize", "filename", "path", "url"}));
-            QVERIFY2(map.value("filename").toString().contains(suffix), qPrintable(map.value("filename").toString()));
-            QCOMPARE(map.value("url").toString(), m_service->baseUrl() + "/download");
-        }
-        for (const QString &name : names) {
-            const QString path = m_target->filePath("in/" + name).replace(".bin", suffix + ".bin");
-            QCOMPARE(sha256OfFile(path), digests.value(name.section('/', -1)));
-        }
-        QCOMPARE(chunkFolders(), 0); // merged and cleared
-        QVERIFY(m_keepAlives > 0);
-        QVERIFY(m_lastProgress.second > 0);
-        QCOMPARE(m_lastProgress.first, m_lastProgress.second);
-    }
-}
-
-// Small files end before the service is killed (from the host's progress
-// handler, at the first report after they are whole), the large one is cut:
-// the batch fails, the finished files stay whole, and the next run (at the
-// service's new address) brings every file identical.
-void tst_DownloadEndToEnd::serviceGoneMidBatch()
-{
-    const QMap<QString, QByteArray> digests{{"gone-mid.bin", storeFile("gone-mid.bin", 16 * C)},
-                                            {"gone-small.bin", storeFile("gone-small.bin", 2 * C + 5)},
-                                            {"gone-byte.bin", storeFile("gone-byte.bin", 1)}};
-    const auto whole = [&](const QString &name) { return sha256OfFile(m_target->filePath(name)) == digests.value(name); };
-    bool killed = false;
-    const qint64 code = startDownload(batch(digests.keys()), nullptr, [&](Zephyrtide::Reply *reply) {
-        connect(reply, &Zephyrtide::Reply::downloadProgress, reply, [&] {
-            if (!killed && whole("gone-small.bin") && whole("gone-byte.bin")) {
-                killed = true;
-                m_service->kill();
-            }
-        });
-    });
-    QVERIFY(killed);
-    QVERIFY2(code > 0, qPrintable(QString::number(code)));
-    QCOMPARE(chunkFolders(), 1); // what came stays
-    QVERIFY(whole("gone-small.bin") && whole("gone-byte.bin"));
-
-    // The service comes back over the same files, at another address.
-    m_service.reset(new FileServiceProcess(m_store->path()));
-    QVERIFY(m_service->start());
-    HostCall ip(m_root.data(), "zt_apply_setIP", {{"ip", m_service->baseUrl()}});
-    QVariantList results;
-    QCOMPARE(ZTErrorCode(startDownload(batch(digests.keys()), &results)), Error::NoError);
-    QCOMPARE(results.size(), digests.size());
-    for (const QVariant &entry : results) {
-        const QString path = entry.toMap().value("path").toString();
-        const QString requested = entry.toMap().value("filename").toString().remove(QStringLiteral("(1)"));
-        QVERIFY2(sha256OfFile(path) == digests.value(requested), qPrintable(path));
-    }
-    QCOMPARE(chunkFolders(), 0);
-}
-
-// The probe takes a 404's error page for the file; its chunks then fail.
-void tst_DownloadEndToEnd::unknownFile()
-{
-    QCOMPARE(ZTErrorCode(startDownload(batch({"nope.bin"}))), Error::GeneralFailure);
-}
-
-// What a stopped download holds, as the host asks for it by address.
-void tst_DownloadEndToEnd::isExist()
-{
-    storeFile("probe.bin", 8 * C);
-    const QString query = "/download?fileName=probe.bin";
-    QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), 0);
-    QCOMPARE(isExist(query).value("bytesTotal").toLongLong(), 8 * C);
-    const qint64 stopped = startDownload(batch({"probe.bin"}), nullptr, [](Zephyrtide::Reply *reply) {
-        connect(reply, &Zephyrtide::Reply::downloadProgress, reply, [reply](qint64 done) {
-            if (done > 0)
-                Q_EMIT reply->stop(); // eight chunks: the first report is not the last
-        });
-    });
-    QCOMPARE(ZTErrorCode(stopped), Error::Stopped);
-    const QString folder = QDir(m_temporary->path()).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot).value(0).filePath();
-    qint64 onDisk = 0;
-    for (const QFileInfo &chunk : QDir(folder).entryInfoList(QDir::Files))
-        onDisk += chunk.size();
-    QVERIFY(onDisk > 0);
-    QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), onDisk);
-    // Once the download completes, its chunks are merged and gone.
-    QCOMPARE(ZTErrorCode(startDownload(batch({"probe.bin"}))), Error::NoError);
-    QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), 0);
-    QCOMPARE(ZTErrorCode(isExist(QString()).value("errorCode").toInt()), Error::MissingParameter);
-    // A 403 to the probe: nothing to restore, the fresh task's values.
-    QCOMPARE(isExist("/download?fileName=..%2Fx").value("bytesTotal").toLongLong(), -1);
-}
 
 QTEST_MAIN(tst_DownloadEndToEnd)
 #include "tst_downloadendtoend.moc"

@@ -5,6 +5,7 @@
 #include "downloadfixture.h"
 #include "filedigest.h"
 #include "hostcall.h"
+#include "network/networkmanager.h"
 #include "core/globalmanager.h"
 
 #include <zephyrtide/reply.h>
@@ -14,6 +15,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QStorageInfo>
@@ -23,11 +25,12 @@
 #include <memory>
 
 using Error = Zephyrtide::Error;
-constexpr qint64 MiB = DownloadFixture::MiB;
+constexpr qint64 MiB = DownloadFixture::MiB, KiB = 1024;
 
-// A batch's life: stopped and started again at once, every way it ends (once,
-// with no chunk file changing after), the host's time-out in the middle of a
-// call, and the room a resumed batch asks for.
+// A batch's life: its files probed several at a time (never more than the
+// download queue's limit, decided in the files' order), stopped and started
+// again at once, every way it ends (once, with no chunk file changing after),
+// the host's time-out in the middle of a call, and the room a resumed batch asks for.
 class tst_Downloader : public QObject
 {
     Q_OBJECT
@@ -39,286 +42,336 @@ private Q_SLOTS:
     }
     void init() { QVERIFY(f.setUp()); }
     void cleanup() { f.tearDown(); }
-    void stopThenRestartAtOnce_data();
-    void stopThenRestartAtOnce();
-    void batchEndsOnce_data();
-    void batchEndsOnce();
-    void hostTimeOut_data();
-    void hostTimeOut();
-    void roomForWhatIsLeft_data();
-    void roomForWhatIsLeft();
+
+    void stopThenRestartAtOnce_data()
+    {
+        QTest::addColumn<qint64>("size");
+        QTest::addColumn<qint64>("chunkSize");
+        QTest::addColumn<int>("stops"); // each at a tenth more than the one before
+        QTest::addColumn<qint64>("restartChunkSize"); // the host's chunk size for the last run
+        QTest::addColumn<QString>("twist"); // "abort": the host's, which keeps the chunks as a stop does;
+                                            // "changed": the file rewritten on the server before the last run, same tag
+        QTest::newRow("256 chunks of 16 KiB") << 4 * MiB << 16 * KiB << 1 << 16 * KiB << "";
+        QTest::newRow("stopped and restarted three times") << 4 * MiB + 5 << 256 * KiB << 3 << 256 * KiB << "";
+        QTest::newRow("aborted, then restarted") << 4 * MiB << 256 * KiB << 1 << 256 * KiB << "abort";
+        QTest::newRow("restarted in chunks three times as large") << 4 * MiB + 5 << 256 * KiB << 1 << 768 * KiB << "";
+        QTest::newRow("restarted in chunks a quarter as large") << 4 * MiB + 5 << 256 * KiB << 1 << 64 * KiB << "";
+        QTest::newRow("restarted after the file changed, same tag") << 4 * MiB << 256 * KiB << 1 << 256 * KiB << "changed";
+    }
+
+    // The host stops the reply from its progress handler at a tenth and starts the
+    // same batch again at once: the stopped run falls silent (no more progress, so
+    // no chunk running) while the new one writes the same chunk files.
+    void stopThenRestartAtOnce()
+    {
+        QFETCH(qint64, size);
+        QFETCH(qint64, chunkSize);
+        QFETCH(int, stops);
+        QFETCH(qint64, restartChunkSize);
+        QFETCH(QString, twist);
+        DownloadGlobal::instance()->setChunkSizeInBytes(chunkSize);
+        f.serve(size);
+        const QVariantMap params = f.batch({"big.bin"}, f.target->path());
+        struct Stopped { std::unique_ptr<HostCall> call; int reports = 0; int reportsAtStop = -1; };
+        std::vector<Stopped> runs(stops);
+        for (int round = 1; round <= stops; ++round) {
+            Stopped &run = runs[round - 1];
+            run.call.reset(new HostCall(f.root.data(), "zt_apply_startDownload", params, [&](Zephyrtide::Reply *reply) {
+                connect(reply, &Zephyrtide::Reply::downloadProgress, reply, [&run, &twist, round, reply](qint64 done, qint64 total) {
+                    ++run.reports;
+                    if (run.reportsAtStop >= 0 || done < total / 10 * round)
+                        return;
+                    run.reportsAtStop = run.reports;
+                    twist == "abort" ? Q_EMIT reply->abort() : Q_EMIT reply->stop();
+                });
+            }));
+            QVERIFY(QTest::qWaitFor([&] { return run.reportsAtStop >= 0; }, 30000));
+            QCOMPARE(run.call->error(), Error::Stopped);
+        }
+        DownloadGlobal::instance()->setChunkSizeInBytes(restartChunkSize);
+        if (twist == "changed") {
+            QByteArray content = f.contentOf("big.bin");
+            std::reverse(content.begin(), content.end());
+            f.setContent("big.bin", content);
+        }
+        HostCall last(f.root.data(), "zt_apply_startDownload", params);
+        last.wait(60000);
+        QCOMPARE(last.error(), Error::NoError);
+        QCOMPARE(sha256OfFile(f.target->filePath("big.bin")), f.digestOf("big.bin"));
+        for (const Stopped &run : runs) // the last run's end is later than any report a stopped one still had
+            QCOMPARE(run.reports, run.reportsAtStop);
+        QCOMPARE(QDir(f.temporary->path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
+        // The host configured its own temporary folder: none is made in the (test's own) documents.
+        const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
+        QVERIFY(documents.startsWith(f.environment.homePath()) && !QFileInfo::exists(documents + "/Zephyrtide"));
+    }
+
+    void batchEndsOnce_data()
+    {
+        QTest::addColumn<int>("files");
+        QTest::addColumn<qint64>("size"); // of each file
+        QTest::addColumn<qint64>("chunkSize");
+        QTest::addColumn<QString>("ending"); // what befalls the batch once a chunk has come, chunk 2 held
+        QTest::addColumn<ZTErrorCode>("code");
+        QTest::addColumn<bool>("chunksKept");
+        const qint64 size = 4 * MiB + 77;
+        QTest::newRow("all arrive") << 2 << size << MiB << "" << Error::NoError << false;
+        QTest::newRow("three empty files") << 3 << qint64(0) << MiB << "" << Error::NoError << false;
+        QTest::newRow("stopAll") << 1 << size << MiB << "stopAll" << Error::Stopped << true;
+        QTest::newRow("stopAll twice") << 1 << size << MiB << "stopAll stopAll" << Error::Stopped << true;
+        QTest::newRow("abortAll keeps the chunks") << 1 << size << MiB << "abortAll" << Error::Stopped << true;
+        QTest::newRow("abort of the task deletes them") << 1 << size << MiB << "abort stopAll" << Error::Aborted << false;
+        QTest::newRow("stop of the task") << 1 << size << MiB << "stop" << Error::Stopped << true;
+        QTest::newRow("404 for chunk 2") << 1 << size << MiB << "404" << Error::GeneralFailure << true;
+        QTest::newRow("merged file not the server's: folder goes") << 1 << size << MiB << "digest" << Error::GeneralFailure << false;
+        QTest::newRow("chunks 1 and 2 cannot be opened") << 1 << size << MiB << "folders 1 2" << Error::FileError << true;
+        QTest::newRow("chunks 6 and 7 of 300 cannot be opened") << 1 << 300 * 16 * KiB - 5 << 16 * KiB << "folders 6 7"
+            << Error::FileError << true;
+    }
+
+    // However a batch ends, Downloader::finished comes once, and from then on no
+    // chunk file changes. Cancels come from a progress handler, as a host's do.
+    // The user's f0.bin is in the folder, so the batch reserves f0(1).bin for the
+    // first file: a batch that brings no file gives that name up, and leaves the
+    // user's file alone.
+    void batchEndsOnce()
+    {
+        QFETCH(int, files);
+        QFETCH(qint64, size);
+        QFETCH(qint64, chunkSize);
+        QFETCH(QString, ending);
+        QFETCH(ZTErrorCode, code);
+        QFETCH(bool, chunksKept);
+        DownloadGlobal::instance()->setChunkSizeInBytes(chunkSize);
+        f.serve(size);
+        QVERIFY(f.writeFile(f.target->filePath("f0.bin"), "mine"));
+        const QByteArray second = "bytes=" + QByteArray::number(chunkSize) + "-";
+        const QStringList steps = ending.split(' ');
+        const QString folder = f.chunkFolder("f0.bin");
+        f.shape = [&](const ScriptedRequest &r, ScriptedResponse &response) {
+            if (ending == "digest")
+                response.headers.last().second = "sha-256=:" + f.digestOf("other").toBase64() + ":";
+            if (r.header("Range").startsWith(second) && ending == "404")
+                response = ScriptedResponse::json("{}", 404);
+            response.hold = r.header("Range").startsWith(second) && (ending.contains("stop") || ending.contains("abort"));
+        };
+        Downloader downloader;
+        QStringList names;
+        QList<QSharedPointer<DownloadTask>> tasks;
+        for (int i = 0; i < files; ++i) {
+            names << QStringLiteral("f%1.bin").arg(i);
+            tasks << f.addTask(downloader, f.target->filePath(names.last()), names.last());
+            QVERIFY(tasks.last());
+        }
+        for (const QString &number : steps.mid(1)) // chunk files that cannot be opened
+            QVERIFY(steps.first() != "folders" || QDir().mkpath(folder + "/" + number));
+        DownloadTask *first = tasks.first().data();
+        const QMap<QString, std::function<void()>> act{{"stopAll", [&] { Q_EMIT downloader.stopAll(); }},
+                                                      {"abortAll", [&] { Q_EMIT downloader.abortAll(); }},
+                                                      {"stop", [&] { Q_EMIT downloader.stop(first); }},
+                                                      {"abort", [&] { Q_EMIT downloader.abort(first); }}};
+        connect(&downloader, &Downloader::progress, this, [&, acted = false](qlonglong done) mutable {
+            for (const QString &step : steps) {
+                if (!acted && done >= chunkSize && act.contains(step))
+                    act.value(step)();
+            }
+            acted = acted || done >= chunkSize;
+        });
+        QSignalSpy finished(&downloader, &Downloader::finished);
+        qint64 keptAtEnd = -1;
+        connect(&downloader, &Downloader::finished, this, [&] { keptAtEnd = keptAtEnd < 0 ? f.bytesIn(folder) : keptAtEnd; });
+        QCOMPARE(downloader.start(), Error::NoError);
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() > 0, 20000);
+        f.server->release();
+        // A later download through the same loop: what the batch still had coming has come by its end.
+        f.shape = nullptr;
+        DownloadGlobal::instance()->setChunkSizeInBytes(MiB);
+        QCOMPARE(f.downloadOne(f.target->filePath("later/z"), "z"), Error::NoError);
+        QCOMPARE(finished.count(), 1);
+        QCOMPARE(finished.first().first().value<ZTErrorCode>(), code);
+        QCOMPARE(QDir(folder).exists(), chunksKept);
+        QCOMPARE(f.bytesIn(folder), keptAtEnd);
+        QCOMPARE(sha256OfFile(f.target->filePath("f0.bin")), QCryptographicHash::hash("mine", QCryptographicHash::Sha256));
+        QStringList arrived = names.mid(1) << "f0(1).bin" << "f0.bin";
+        arrived.sort();
+        QCOMPARE(f.filesIn(f.target->path()), code == Error::NoError ? arrived : QStringList{"f0.bin"});
+        for (int i = 0; code == Error::NoError && i < files; ++i)
+            QCOMPARE(sha256OfFile(f.target->filePath(i == 0 ? "f0(1).bin" : names.at(i))), f.digestOf(names.at(i).toUtf8()));
+    }
+
+    void hostTimeOut_data()
+    {
+        QTest::addColumn<QStringList>("files");
+        QTest::addColumn<int>("at"); // the request during which the host gives up
+        QTest::newRow("the only file's probe") << QStringList{"a.bin"} << 1;
+        QTest::newRow("the second file's probe") << QStringList{"a.bin", "b.bin"} << 2;
+        QTest::newRow("four chunks running") << QStringList{"a.bin"} << 5; // the probe, then chunks 1 to 4
+    }
+
+    // The host finishes the reply with its time-out code while the plugin waits in
+    // the call, or while transfers run: no crash, and no request stays in flight.
+    void hostTimeOut()
+    {
+        QFETCH(QStringList, files);
+        QFETCH(int, at);
+        f.serve(3 * MiB + 77);
+        Zephyrtide::Reply *hostReply = nullptr;
+        int asked = -1; // requests made when the host gave up
+        f.shape = [&](const ScriptedRequest &r, ScriptedResponse &response) {
+            if (f.server->requestCount() == at) {
+                QMetaObject::invokeMethod(this, [&] {
+                    asked = f.server->requestCount();
+                    GlobalManager::instance()->finish(hostReply, "fail", {}, Error::Timeout);
+                }, Qt::QueuedConnection);
+            }
+            response.hold = f.server->requestCount() == at || r.header("Range") != "bytes=0-1"; // chunks wait
+        };
+        QElapsedTimer clock;
+        clock.start();
+        HostCall call(f.root.data(), "zt_apply_startDownload", f.batch(files, f.target->path()),
+                      [&](Zephyrtide::Reply *reply) { hostReply = reply; });
+        // A probe the host no longer waits for is given up, not left to its own 30 s transfer time-out.
+        QVERIFY2(clock.elapsed() < 15000, qPrintable(QString::number(clock.elapsed())));
+        QTRY_VERIFY_WITH_TIMEOUT(asked >= 0, 10000);
+        QCOMPARE(call.finishedCount(), 1);
+        QCOMPARE(call.error(), Error::Timeout);
+        QTRY_COMPARE_WITH_TIMEOUT(f.server->openRequests(), 0, 10000);
+        f.shape = nullptr;
+        QCOMPARE(f.downloadOne(f.target->filePath("later/z"), "z"), Error::NoError);
+        for (const ScriptedRequest &r : f.server->requests().mid(asked)) // only the later run's
+            QVERIFY2(r.body.contains("\"z\""), r.body.constData());
+    }
+
+    void roomForWhatIsLeft_data()
+    {
+        QTest::addColumn<int>("chunkFiles"); // of the file's eight chunks, the first ones on disk
+        QTest::addColumn<int>("merged"); // of those, the ones a stopped merge holds instead
+        QTest::addColumn<ZTErrorCode>("code");
+        QTest::newRow("nothing on disk: refused, saying what it needs") << 0 << 0 << Error::NotEnoughDiskSpace;
+        QTest::newRow("seven chunks on disk: started") << 7 << 0 << Error::NoError;
+        QTest::newRow("five chunks merged, two on disk: started") << 7 << 5 << Error::NoError;
+    }
+
+    // A file a tenth larger than the free space fits when most of it is on disk
+    // already: the check asks for what is left and two chunks for the merge. The
+    // chunk files and the merged part are sparse, so they take no room themselves.
+    void roomForWhatIsLeft()
+    {
+        QFETCH(int, chunkFiles);
+        QFETCH(int, merged);
+        QFETCH(ZTErrorCode, code);
+        const qint64 free = QStorageInfo(f.temporary->path()).bytesFree();
+        QVERIFY(QStorageInfo(f.target->path()).rootPath() == QStorageInfo(f.temporary->path()).rootPath());
+        const qint64 chunk = (free + free / 10) / 8 + 1, size = 8 * chunk;
+        f.serve(size); // for the content folder's name; the answers are these, and no chunk comes:
+        f.server->setHandler([&](const ScriptedRequest &r) {
+            ScriptedResponse response;
+            response.status = 206;
+            response.body = "ab";
+            response.header("Content-Range", "bytes 0-1/" + QByteArray::number(size)).header("ETag", "\"s.bin\"");
+            response.hold = r.header("Range") != "bytes=0-1";
+            return response;
+        });
+        const QString folder = f.chunkFolder("s.bin"), destination = f.target->filePath("s.bin");
+        QVERIFY(DownloadSingleFile::recordPlan(folder, chunk, QByteArray()));
+        for (int i = merged + 1; i <= chunkFiles; ++i) {
+            QFile file(folder + "/" + QString::number(i));
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.resize(chunk + 1));
+        }
+        QFile part(destination + ".ztmerge");
+        QVERIFY(merged == 0 || (part.open(QIODevice::WriteOnly) && part.resize(merged * chunk)));
+        const QJsonObject fields{{"path", part.fileName()}, {"chunkSize", chunk}, {"sha256", ""}, {"mergedBytes", merged * chunk}};
+        QVERIFY(merged == 0 || f.writeFile(folder + "/.merge", QJsonDocument(fields).toJson()));
+        if (code != Error::NoError)
+            QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(QStringLiteral("^size error .* needs %1 bytes on .* where \\d+ are free$")
+                                                                       .arg(size + 2 * chunk)));
+        Downloader downloader;
+        QVERIFY(f.addTask(downloader, destination, "s.bin"));
+        const ZTErrorCode started = downloader.start();
+        Q_EMIT downloader.stopAll(); // before the merge of sparse chunks could begin
+        QCOMPARE(started, code);
+    }
+
+    void probesOfABatch_data()
+    {
+        QTest::addColumn<int>("files"); // f1.bin to fN.bin; the user's f1.bin is there already
+        QTest::addColumn<Zephyrtide::Manager::NetLimit>("limit");
+        QTest::addColumn<int>("refused"); // the file whose probe is answered 403; 0 for none
+        QTest::addColumn<int>("unmade"); // the file whose folder cannot be made; 0 for none
+        QTest::addColumn<int>("probes"); // that reach the server
+        QTest::addColumn<int>("atOnce"); // the most in flight
+        QTest::addColumn<ZTErrorCode>("code");
+        const auto normal = Zephyrtide::Manager::Normal;
+        QTest::newRow("12 files, four at a time") << 12 << normal << 0 << 0 << 12 << 4 << Error::NoError;
+        QTest::newRow("12 files, two at a time") << 12 << Zephyrtide::Manager::Low << 0 << 0 << 12 << 2 << Error::NoError;
+        QTest::newRow("one file") << 1 << normal << 0 << 0 << 1 << 1 << Error::NoError;
+        QTest::newRow("file 3 refused: 20695 for all") << 12 << normal << 3 << 0 << 12 << 4 << Error::ParseError;
+        // The first file that cannot run decides, as when probed one by one; none is sent after a folder fails.
+        QTest::newRow("file 3 refused, file 7's folder: 20695") << 12 << normal << 3 << 7 << 6 << 4 << Error::ParseError;
+        QTest::newRow("file 3's folder, file 2 refused: 20695") << 12 << normal << 2 << 3 << 2 << 2 << Error::ParseError;
+        QTest::newRow("file 3's folder, file 7 refused: 20699") << 12 << normal << 7 << 3 << 2 << 2 << Error::FileError;
+    }
+
+    // Each probe is held until as many as may be in flight have come (or the last
+    // one has): probes sent one after the other would wait for an answer that
+    // never comes. A batch that fails leaves the user's folder as it was; one that
+    // arrives brings every file, f1.bin under a free name.
+    void probesOfABatch()
+    {
+        QFETCH(int, files);
+        QFETCH(Zephyrtide::Manager::NetLimit, limit);
+        QFETCH(int, refused);
+        QFETCH(int, unmade);
+        QFETCH(int, probes);
+        QFETCH(int, atOnce);
+        QFETCH(ZTErrorCode, code);
+        NetworkManager &queue = *DownloadGlobal::instance()->networkManager();
+        queue.setNetLimit(limit);
+        const auto restore = qScopeGuard([&] { queue.setNetLimit(Zephyrtide::Manager::High); });
+        f.serve(10 * 1024 + 3);
+        QVERIFY(f.writeFile(f.target->filePath("f1.bin"), "mine"));
+        QVERIFY(f.writeFile(f.target->filePath("blocker"), "")); // where a folder should be
+        int seen = 0, mostOpen = 0;
+        f.shape = [&](const ScriptedRequest &r, ScriptedResponse &response) {
+            if (r.header("Range") != "bytes=0-1")
+                return; // a chunk
+            mostOpen = qMax(mostOpen, f.server->openRequests());
+            if (refused > 0 && r.body.contains("\"f" + QByteArray::number(refused) + ".bin\""))
+                response = ScriptedResponse::json("{}", 403);
+            response.hold = true;
+            if (++seen == probes || f.server->heldCount() + 1 == queue.netLimit() + 1)
+                QMetaObject::invokeMethod(f.server.data(), [this] { f.server->release(); }, Qt::QueuedConnection);
+        };
+        QVariantList list;
+        QStringList arrived{"blocker", "f1.bin"};
+        for (int i = 1; i <= files; ++i) {
+            const QString name = QStringLiteral("f%1.bin").arg(i);
+            list << QVariantMap{{"filename", name}, {"path", f.target->filePath(i == unmade ? "blocker/" + name : name)}};
+            arrived << (i == 1 ? "f1(1).bin" : name);
+        }
+        arrived.sort();
+        HostCall call(f.root.data(), "zt_apply_startDownload", {{"files", list}});
+        call.wait();
+        QCOMPARE(call.finishedCount(), 1);
+        QCOMPARE(call.error(), code);
+        QCOMPARE(seen, probes);
+        QCOMPARE(mostOpen, atOnce);
+        QCOMPARE(sha256OfFile(f.target->filePath("f1.bin")), QCryptographicHash::hash("mine", QCryptographicHash::Sha256));
+        QCOMPARE(f.filesIn(f.target->path()), code == Error::NoError ? arrived : QStringList({"blocker", "f1.bin"}));
+        QStringList paths;
+        for (const QVariant &entry : call.result().value("result").toList())
+            paths << entry.toMap().value("path").toString();
+        QCOMPARE(paths.size(), code == Error::NoError ? files : 0);
+        for (int i = 1; i <= paths.size(); ++i) {
+            const QString path = f.target->filePath(i == 1 ? "f1(1).bin" : QStringLiteral("f%1.bin").arg(i));
+            QCOMPARE(paths.count(path), 1);
+            QCOMPARE(sha256OfFile(path), f.digestOf("f" + QByteArray::number(i) + ".bin"));
+        }
+    }
 
 private:
     DownloadFixture f;
 };
-
-void tst_Downloader::stopThenRestartAtOnce_data()
-{
-    QTest::addColumn<qint64>("size");
-    QTest::addColumn<qint64>("chunkSize");
-    QTest::addColumn<int>("stops"); // each at a tenth more than the one before
-    QTest::addColumn<bool>("abort"); // the host's abort, which keeps the chunks as a stop does
-    QTest::addColumn<qint64>("restartChunkSize"); // the host's chunk size for the last run
-    QTest::addColumn<bool>("changed"); // the file is rewritten on the server before the last run, same tag
-    const qint64 k = 1024;
-    QTest::newRow("256 chunks of 16 KiB") << 4 * MiB << 16 * k << 1 << false << 16 * k << false;
-    QTest::newRow("stopped and restarted three times") << 4 * MiB + 5 << 256 * k << 3 << false << 256 * k << false;
-    QTest::newRow("aborted, then restarted") << 4 * MiB << 256 * k << 1 << true << 256 * k << false;
-    QTest::newRow("restarted in chunks three times as large") << 4 * MiB + 5 << 256 * k << 1 << false << 768 * k << false;
-    QTest::newRow("restarted in chunks a quarter as large") << 4 * MiB + 5 << 256 * k << 1 << false << 64 * k << false;
-    QTest::newRow("restarted after the file changed, same tag") << 4 * MiB << 256 * k << 1 << false << 256 * k << true;
-}
-
-// The host stops the reply from its progress handler at a tenth and starts the
-// same batch again at once: the stopped run falls silent (no more progress, so
-// no chunk running) while the new one writes the same chunk files.
-void tst_Downloader::stopThenRestartAtOnce()
-{
-    QFETCH(qint64, size);
-    QFETCH(qint64, chunkSize);
-    QFETCH(int, stops);
-    QFETCH(bool, abort);
-    QFETCH(qint64, restartChunkSize);
-    QFETCH(bool, changed);
-    DownloadGlobal::instance()->setChunkSizeInBytes(chunkSize);
-    f.serve(size);
-    const QVariantMap params = f.batch({"big.bin"}, f.target->path());
-    struct Stopped { std::unique_ptr<HostCall> call; int reports = 0; int reportsAtStop = -1; };
-    std::vector<Stopped> runs(stops);
-    for (int round = 1; round <= stops; ++round) {
-        Stopped &run = runs[round - 1];
-        run.call.reset(new HostCall(f.root.data(), "zt_apply_startDownload", params, [&](Zephyrtide::Reply *reply) {
-            connect(reply, &Zephyrtide::Reply::downloadProgress, reply, [&run, round, abort, reply](qint64 done, qint64 total) {
-                ++run.reports;
-                if (run.reportsAtStop >= 0 || done < total / 10 * round)
-                    return;
-                run.reportsAtStop = run.reports;
-                abort ? Q_EMIT reply->abort() : Q_EMIT reply->stop();
-            });
-        }));
-        QVERIFY(QTest::qWaitFor([&] { return run.reportsAtStop >= 0; }, 30000));
-        QCOMPARE(ZTErrorCode(run.call->errorCode()), Error::Stopped);
-    }
-    DownloadGlobal::instance()->setChunkSizeInBytes(restartChunkSize);
-    if (changed) {
-        QByteArray content = f.contentOf("big.bin");
-        std::reverse(content.begin(), content.end());
-        f.setContent("big.bin", content);
-    }
-    HostCall last(f.root.data(), "zt_apply_startDownload", params);
-    last.wait(60000);
-    QCOMPARE(ZTErrorCode(last.errorCode()), Error::NoError);
-    QCOMPARE(sha256OfFile(f.target->filePath("big.bin")), f.digestOf("big.bin"));
-    for (const Stopped &run : runs) // the last run's end is later than any report a stopped one still had
-        QCOMPARE(run.reports, run.reportsAtStop);
-    QCOMPARE(QDir(f.temporary->path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
-    // The host configured its own temporary folder: none is made in the user's documents.
-    const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
-    QVERIFY2(documents.startsWith(f.environment.homePath()), qPrintable(documents));
-    QVERIFY(!QFileInfo::exists(documents + "/Zephyrtide"));
-}
-
-void tst_Downloader::batchEndsOnce_data()
-{
-    QTest::addColumn<int>("files");
-    QTest::addColumn<qint64>("size"); // of each file
-    QTest::addColumn<qint64>("chunkSize");
-    QTest::addColumn<QString>("ending"); // what befalls the batch once a chunk has come, chunk 2 held
-    QTest::addColumn<ZTErrorCode>("code");
-    QTest::addColumn<bool>("chunksKept");
-    const qint64 size = 4 * MiB + 77;
-    QTest::newRow("all arrive") << 2 << size << MiB << "" << Error::NoError << false;
-    QTest::newRow("three empty files") << 3 << qint64(0) << MiB << "" << Error::NoError << false;
-    QTest::newRow("stopAll") << 1 << size << MiB << "stopAll" << Error::Stopped << true;
-    QTest::newRow("stopAll twice") << 1 << size << MiB << "stopAll stopAll" << Error::Stopped << true;
-    QTest::newRow("abortAll keeps the chunks") << 1 << size << MiB << "abortAll" << Error::Stopped << true;
-    QTest::newRow("abort of the task deletes them") << 1 << size << MiB << "abort stopAll" << Error::Aborted << false;
-    QTest::newRow("stop of the task") << 1 << size << MiB << "stop" << Error::Stopped << true;
-    QTest::newRow("404 for chunk 2") << 1 << size << MiB << "404" << Error::GeneralFailure << true;
-    QTest::newRow("merged file not the server's: folder goes") << 1 << size << MiB << "digest" << Error::GeneralFailure << false;
-    QTest::newRow("chunks 1 and 2 cannot be opened") << 1 << size << MiB << "folders 1 2" << Error::FileError << true;
-    QTest::newRow("chunks 6 and 7 of 300 cannot be opened")
-        << 1 << qint64(300 * 16 * 1024 - 5) << 16 * 1024LL << "folders 6 7" << Error::FileError << true;
-}
-
-// However a batch ends, Downloader::finished comes once, and from then on no
-// chunk file changes. Cancels come from a progress handler, as a host's do.
-// The user's f0.bin is in the folder, so the batch reserves f0(1).bin for the
-// first file: a batch that brings no file gives that name up, and leaves the
-// user's file alone.
-void tst_Downloader::batchEndsOnce()
-{
-    QFETCH(int, files);
-    QFETCH(qint64, size);
-    QFETCH(qint64, chunkSize);
-    QFETCH(QString, ending);
-    QFETCH(ZTErrorCode, code);
-    QFETCH(bool, chunksKept);
-    DownloadGlobal::instance()->setChunkSizeInBytes(chunkSize);
-    f.serve(size);
-    QVERIFY(f.writeFile(f.target->filePath("f0.bin"), "mine"));
-    const QByteArray second = "bytes=" + QByteArray::number(chunkSize) + "-";
-    const QStringList steps = ending.split(' ');
-    const bool cancels = ending.contains("stop") || ending.contains("abort");
-    f.shape = [&](const ScriptedRequest &r, ScriptedResponse &response) {
-        if (ending == "digest")
-            response.headers.last().second = "sha-256=:" + f.digestOf("other").toBase64() + ":";
-        if (r.header("Range").startsWith(second) && ending == "404")
-            response = ScriptedResponse::json("{}", 404);
-        response.hold = cancels && r.header("Range").startsWith(second);
-    };
-    Downloader downloader;
-    QList<QSharedPointer<DownloadTask>> tasks;
-    QStringList expected{"f0.bin"};
-    for (int i = 0; i < files; ++i) {
-        tasks << QSharedPointer<DownloadTask>::create();
-        const QString name = QStringLiteral("f%1.bin").arg(i);
-        QCOMPARE(tasks.last()->isValid(f.target->filePath(name), f.server->baseUrl() + "/download", name), Error::NoError);
-        QVERIFY(downloader.addTask(tasks.last()));
-        expected << (i == 0 ? "f0(1).bin" : name);
-    }
-    for (const QString &number : steps.mid(1)) // chunk files that cannot be opened
-        QVERIFY(steps.first() != "folders" || QDir().mkpath(f.chunkFolder("f0.bin") + "/" + number));
-    const QMap<QString, std::function<void()>> act{
-        {"stopAll", [&] { Q_EMIT downloader.stopAll(); }},
-        {"abortAll", [&] { Q_EMIT downloader.abortAll(); }},
-        {"stop", [&] { Q_EMIT downloader.stop(tasks.first().data()); }},
-        {"abort", [&] { Q_EMIT downloader.abort(tasks.first().data()); }}};
-    connect(&downloader, &Downloader::progress, this, [&, acted = false](qlonglong done) mutable {
-        for (const QString &step : steps) {
-            if (!acted && done >= chunkSize && act.contains(step))
-                act.value(step)();
-        }
-        acted = acted || done >= chunkSize;
-    });
-    QSignalSpy finished(&downloader, &Downloader::finished);
-    qint64 keptAtEnd = -1;
-    connect(&downloader, &Downloader::finished, this, [&] {
-        if (keptAtEnd < 0)
-            keptAtEnd = f.bytesIn(f.chunkFolder("f0.bin"));
-    });
-    QCOMPARE(downloader.start(), Error::NoError);
-    QTRY_VERIFY_WITH_TIMEOUT(finished.count() > 0, 20000);
-    f.server->release();
-    // A later download through the same loop: what the batch still had coming has come by its end.
-    f.shape = nullptr;
-    DownloadGlobal::instance()->setChunkSizeInBytes(MiB);
-    QCOMPARE(f.downloadOne(f.target->filePath("later/z"), "z"), Error::NoError);
-    QCOMPARE(finished.count(), 1);
-    QCOMPARE(finished.first().first().value<ZTErrorCode>(), code);
-    QCOMPARE(QDir(f.chunkFolder("f0.bin")).exists(), chunksKept);
-    QCOMPARE(f.bytesIn(f.chunkFolder("f0.bin")), keptAtEnd);
-    if (code != Error::NoError)
-        expected = QStringList{"f0.bin"};
-    expected.sort();
-    QCOMPARE(QDir(f.target->path()).entryList(QDir::Files | QDir::Hidden, QDir::Name), expected);
-    QCOMPARE(sha256OfFile(f.target->filePath("f0.bin")), QCryptographicHash::hash("mine", QCryptographicHash::Sha256));
-    for (int i = 0; code == Error::NoError && i < files; ++i) {
-        const QString name = i == 0 ? "f0(1).bin" : QStringLiteral("f%1.bin").arg(i);
-        QCOMPARE(sha256OfFile(f.target->filePath(name)), f.digestOf("f" + QByteArray::number(i) + ".bin"));
-    }
-}
-
-void tst_Downloader::hostTimeOut_data()
-{
-    QTest::addColumn<QStringList>("files");
-    QTest::addColumn<int>("at"); // the request during which the host gives up
-    QTest::newRow("the only file's probe") << QStringList{"a.bin"} << 1;
-    QTest::newRow("the second file's probe") << QStringList{"a.bin", "b.bin"} << 2;
-    QTest::newRow("four chunks running") << QStringList{"a.bin"} << 5; // the probe, then chunks 1 to 4
-}
-
-// The host finishes the reply with its time-out code while the plugin waits in
-// the call, or while transfers run: no crash, and no request stays in flight.
-void tst_Downloader::hostTimeOut()
-{
-    QFETCH(QStringList, files);
-    QFETCH(int, at);
-    f.serve(3 * MiB + 77);
-    Zephyrtide::Reply *hostReply = nullptr;
-    int asked = -1; // requests made when the host gave up
-    f.shape = [&](const ScriptedRequest &r, ScriptedResponse &response) {
-        if (f.server->requestCount() == at) {
-            QMetaObject::invokeMethod(this, [&] {
-                asked = f.server->requestCount();
-                GlobalManager::instance()->finish(hostReply, "fail", {}, Error::Timeout);
-            }, Qt::QueuedConnection);
-        }
-        response.hold = f.server->requestCount() == at || r.header("Range") != "bytes=0-1"; // chunks wait
-    };
-    QElapsedTimer clock;
-    clock.start();
-    HostCall call(f.root.data(), "zt_apply_startDownload", f.batch(files, f.target->path()),
-                  [&](Zephyrtide::Reply *reply) { hostReply = reply; });
-    // A probe the host no longer waits for is given up, not left to its own
-    // 30 s transfer time-out.
-    QVERIFY2(clock.elapsed() < 15000, qPrintable(QString::number(clock.elapsed())));
-    QTRY_VERIFY_WITH_TIMEOUT(asked >= 0, 10000);
-    QCOMPARE(call.finishedCount(), 1);
-    QCOMPARE(ZTErrorCode(call.errorCode()), Error::Timeout);
-    QTRY_COMPARE_WITH_TIMEOUT(f.server->openRequests(), 0, 10000);
-    f.shape = nullptr;
-    QCOMPARE(f.downloadOne(f.target->filePath("later/z"), "z"), Error::NoError);
-    for (const ScriptedRequest &r : f.server->requests().mid(asked)) // only the later run's
-        QVERIFY2(r.body.contains("\"z\""), r.body.constData());
-}
-
-void tst_Downloader::roomForWhatIsLeft_data()
-{
-    QTest::addColumn<int>("chunkFiles"); // of the file's eight chunks, the first ones on disk
-    QTest::addColumn<int>("merged");     // of those, the ones a stopped merge holds instead
-    QTest::addColumn<ZTErrorCode>("code");
-    QTest::newRow("nothing on disk: refused, saying what it needs") << 0 << 0 << Error::NotEnoughDiskSpace;
-    QTest::newRow("seven chunks on disk: started") << 7 << 0 << Error::NoError;
-    QTest::newRow("five chunks merged, two on disk: started") << 7 << 5 << Error::NoError;
-}
-
-// A file a tenth larger than the free space fits when most of it is on disk
-// already: the check asks for what is left and two chunks for the merge. The
-// chunk files and the merged part are sparse, so they take no room themselves.
-void tst_Downloader::roomForWhatIsLeft()
-{
-    QFETCH(int, chunkFiles);
-    QFETCH(int, merged);
-    QFETCH(ZTErrorCode, code);
-    const qint64 free = QStorageInfo(f.temporary->path()).bytesFree();
-    QVERIFY(QStorageInfo(f.target->path()).rootPath() == QStorageInfo(f.temporary->path()).rootPath());
-    const qint64 chunk = (free + free / 10) / 8 + 1;
-    const qint64 size = 8 * chunk;
-    f.serve(size); // for the content folder's name; the answers are these:
-    f.server->setHandler([&](const ScriptedRequest &r) {
-        ScriptedResponse response;
-        response.status = 206;
-        response.body = "ab";
-        response.header("Content-Range", "bytes 0-1/" + QByteArray::number(size)).header("ETag", "\"s.bin\"");
-        response.hold = r.header("Range") != "bytes=0-1"; // no chunk comes
-        return response;
-    });
-    const QString folder = f.chunkFolder("s.bin");
-    const QString destination = f.target->filePath("s.bin");
-    QVERIFY(DownloadSingleFile::recordPlan(folder, chunk, QByteArray()));
-    for (int i = merged + 1; i <= chunkFiles; ++i) {
-        QFile file(folder + "/" + QString::number(i));
-        QVERIFY(file.open(QIODevice::WriteOnly) && file.resize(chunk + 1));
-    }
-    if (merged > 0) {
-        QFile part(destination + ".ztmerge");
-        QVERIFY(part.open(QIODevice::WriteOnly) && part.resize(merged * chunk));
-        const QJsonObject fields{{"path", part.fileName()}, {"chunkSize", chunk}, {"sha256", ""}, {"mergedBytes", merged * chunk}};
-        QVERIFY(f.writeFile(folder + "/.merge", QJsonDocument(fields).toJson()));
-    }
-    if (code != Error::NoError) {
-        const QString needs = QString::number(size + 2 * chunk);
-        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("^size error .* needs " + needs + " bytes on .* where \\d+ are free$"));
-    }
-    Downloader downloader;
-    auto task = QSharedPointer<DownloadTask>::create();
-    QCOMPARE(task->isValid(destination, f.server->baseUrl() + "/download", "s.bin"), Error::NoError);
-    QVERIFY(downloader.addTask(task));
-    const ZTErrorCode started = downloader.start();
-    Q_EMIT downloader.stopAll(); // before the merge of sparse chunks could begin
-    QCOMPARE(started, code);
-}
 
 QTEST_MAIN(tst_Downloader)
 #include "tst_downloader.moc"

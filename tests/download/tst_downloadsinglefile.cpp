@@ -19,9 +19,8 @@ using Error = Zephyrtide::Error;
 constexpr qint64 MiB = DownloadFixture::MiB;
 
 // One file's run and what it leaves for the next: one writer per content
-// folder, a run stopped or cut off part way, a merge stopped half way, a chunk
-// that cannot be placed, answers that are not the file, and chunk files found
-// on disk.
+// folder, a run that ends short, a merge stopped half way, and chunk files
+// found on disk.
 class tst_DownloadSingleFile : public QObject
 {
     Q_OBJECT
@@ -29,315 +28,255 @@ private Q_SLOTS:
     void initTestCase() { GlobalManager::instance(); }
     void init() { QVERIFY(f.setUp()); }
     void cleanup() { f.tearDown(); }
-    void sameContentTwice_data();
-    void sameContentTwice();
-    void stoppedRunResumes_data();
-    void stoppedRunResumes();
-    void mergeStoppedThenResumed_data();
-    void mergeStoppedThenResumed();
-    void faultyAnswerThenResume_data();
-    void faultyAnswerThenResume();
-    void chunkFilesLeftBehind_data();
-    void chunkFilesLeftBehind();
+
+    void sameContentTwice_data()
+    {
+        QTest::addColumn<QString>("holder"); // of the content's folder when the second batch starts
+        QTest::addColumn<ZTErrorCode>("code");
+        QTest::newRow("a running batch of this process") << "batch" << Error::AlreadyRunning;
+        QTest::newRow("another process") << "process" << Error::AlreadyRunning;
+        QTest::newRow("a process that died holding it") << "dead" << Error::NoError;
+    }
+
+    // A second batch of the same content fails at once and writes nothing (it
+    // gives up the name it reserved beside the user's same.bin); a lock whose
+    // holder is gone holds nothing.
+    void sameContentTwice()
+    {
+        QFETCH(QString, holder);
+        QFETCH(ZTErrorCode, code);
+        f.serve(4 * MiB + 77);
+        f.shape = [](const ScriptedRequest &r, ScriptedResponse &response) { response.hold = r.header("Range") != "bytes=0-1"; };
+        QScopedPointer<HostCall> first;
+        QProcess other;
+        if (holder == "batch") {
+            first.reset(new HostCall(f.root.data(), "zt_apply_startDownload", f.batch({"same.bin"}, f.target->filePath("a"))));
+            QTRY_COMPARE_WITH_TIMEOUT(f.server->heldCount(), 4, 10000);
+        } else {
+            other.start(QCoreApplication::applicationFilePath(), {"--hold-lock", DownloadSingleFile::lockPath(f.chunkFolder("same.bin"))});
+            QVERIFY(other.waitForReadyRead(10000));
+            QCOMPARE(other.readLine(), QByteArray("locked\n"));
+            if (holder == "dead")
+                QVERIFY((other.kill(), other.waitForFinished(10000)));
+        }
+        f.shape = nullptr;
+        QVERIFY(f.writeFile(f.target->filePath("b/same.bin"), "mine"));
+        HostCall second(f.root.data(), "zt_apply_startDownload", f.batch({"same.bin"}, f.target->filePath("b")));
+        second.wait(20000);
+        QCOMPARE(second.finishedCount(), 1);
+        QCOMPARE(second.error(), code);
+        const bool ran = code == Error::NoError;
+        QCOMPARE(f.filesIn(f.target->filePath("b")), (ran ? QStringList{"same(1).bin", "same.bin"} : QStringList{"same.bin"}));
+        QCOMPARE(QFileInfo(f.target->filePath("b/same.bin")).size(), 4);
+        QVERIFY(!ran || sha256OfFile(f.target->filePath("b/same(1).bin")) == f.digestOf("same.bin"));
+        if (first) {
+            f.server->release();
+            QVERIFY(first->wait(20000).value("status") == "success");
+            QCOMPARE(sha256OfFile(f.target->filePath("a/same.bin")), f.digestOf("same.bin"));
+        }
+        other.kill();
+        other.waitForFinished(10000);
+    }
+
+    void firstRunEndsShort_data()
+    {
+        QTest::addColumn<qint64>("size"); // in chunks of 1 MiB
+        QTest::addColumn<bool>("ranges"); // the server honours them
+        QTest::addColumn<bool>("digest"); // the server states the file's SHA-256
+        QTest::addColumn<QString>("ending"); // of one chunk's answer: "stop", "cut", "etag" (another), "taken" (the name)
+        QTest::addColumn<int>("chunk"); // the one it befalls
+        QTest::addColumn<qint64>("kept"); // bytes of it in its file after the first run
+        QTest::addColumn<ZTErrorCode>("code");
+        const qint64 small = 100 * 1024, large = 3 * MiB + 77;
+        QTest::newRow("one small chunk, stopped: goes on from the bytes held") << 6 * small << true << true << "stop"
+            << 1 << small << Error::Stopped;
+        QTest::newRow("no ranges, stopped: starts over") << large << false << false << "stop" << 1 << small << Error::Stopped;
+        QTest::newRow("no ranges, cut off: starts over") << large << false << false << "cut" << 1 << small << Error::GeneralFailure;
+        QTest::newRow("only chunk not placed: kept whole") << small << true << true << "taken" << 1 << small << Error::MergeError;
+        QTest::newRow("only chunk not placed, no digest: kept whole") << small << true << false << "taken" << 1 << small
+            << Error::MergeError;
+        QTest::newRow("206 whose tag changed since the probe") << large << true << true << "etag" << 2 << 0LL << Error::GeneralFailure;
+        QTest::newRow("cut at the first byte") << large << true << true << "cut" << 2 << 0LL << Error::GeneralFailure;
+        QTest::newRow("cut mid-chunk") << large << true << true << "cut" << 2 << 300000LL << Error::GeneralFailure;
+        QTest::newRow("cut before the last byte") << large << true << true << "cut" << 2 << MiB << Error::GeneralFailure;
+    }
+
+    // Nothing of a refused answer is written and what came of a good one stays;
+    // the next run fetches only what the chunk files lack. A small file of one
+    // chunk writes its plan record only now. A server that ignores ranges answers
+    // a resumed chunk with the whole file, so the next run starts over from byte
+    // 0. A file of one chunk is placed by renaming its chunk file: when a folder
+    // has taken the name by then, the chunk file is back, whole, for the next run.
+    void firstRunEndsShort()
+    {
+        QFETCH(qint64, size);
+        QFETCH(bool, ranges);
+        QFETCH(bool, digest);
+        QFETCH(QString, ending);
+        QFETCH(int, chunk);
+        QFETCH(qint64, kept);
+        QFETCH(ZTErrorCode, code);
+        f.serve(size);
+        f.statesDigest = digest;
+        const QString destination = f.target->filePath("d.bin"), folder = f.chunkFolder("d.bin");
+        const QByteArray faulted = "bytes=" + QByteArray::number((chunk - 1) * MiB) + "-";
+        f.shape = [&, done = false](const ScriptedRequest &r, ScriptedResponse &response) mutable {
+            if (!ranges)
+                response = ScriptedResponse::file(f.contentOf("d.bin"), ScriptedRequest(), "\"d.bin\"");
+            if (r.header("Range") == "bytes=0-1" || !r.header("Range").startsWith(faulted) || std::exchange(done, true))
+                return;
+            if (ending == "taken")
+                QDir().mkpath(destination + "/inside");
+            if (ending == "etag")
+                response.headers.replace(response.headers.indexOf({"ETag", "\"d.bin\""}), {"ETag", "\"e\""});
+            (ending == "stop" ? response.holdAfterBytes : response.dropAfterBytes) = ending == "stop" || ending == "cut" ? kept : -1;
+        };
+        QCOMPARE(f.downloadOne(destination, "d.bin", [&](Downloader &downloader) {
+            if (ending == "stop" && QTest::qWaitFor([&] { return f.bytesIn(folder) == kept; }, 10000))
+                Q_EMIT downloader.stopAll();
+        }), code);
+        QVERIFY(QFileInfo::exists(folder + "/.plan"));
+        QCOMPARE(QFileInfo(folder + "/" + QString::number(chunk)).size(), kept);
+        QVERIFY(ending == "taken" || QFileInfo(destination).size() == 0);
+        QVERIFY(!QFileInfo::exists(destination + ".ztmerge"));
+        QVERIFY(QDir(destination).removeRecursively()); // the folder that took the name
+        f.server->release();
+        QVERIFY(f.server->waitUntilQuiet()); // the requests of the run that ended, answered
+        const int before = f.server->requestCount();
+        const qint64 sent = f.server->bodyBytesSent(), held = f.bytesIn(folder);
+        QCOMPARE(f.downloadOne(destination, "d.bin"), Error::NoError);
+        QCOMPARE(sha256OfFile(destination), f.digestOf("d.bin"));
+        QVERIFY(!QDir(folder).exists());
+        if (ranges) { // only what the chunk files lacked travelled again, and the probe's two bytes
+            QCOMPARE(f.server->bodyBytesSent() - sent, size + (size - 1) / MiB - held + 2);
+        } else {
+            const QList<ScriptedRequest> requests = f.server->requests().mid(before);
+            QCOMPARE(requests.size(), 2); // the probe, then the whole file
+            QVERIFY2(requests.last().header("Range").startsWith("bytes=0-"), requests.last().header("Range").constData());
+        }
+    }
+
+    void mergeStoppedThenResumed_data()
+    {
+        QTest::addColumn<bool>("digest"); // the server states the file's SHA-256
+        QTest::addColumn<QString>("between"); // what befalls the first run's leftovers before the next
+        QTest::newRow("stopped half way") << true << "";
+        QTest::newRow("stopped half way, no digest") << false << "";
+        QTest::newRow("aborted half way: nothing stays") << true << "abort";
+        QTest::newRow("a chunk not merged yet vanished: fetched again") << true << "vanish";
+        QTest::newRow("junk appended to the merged part: cut off") << false << "junk";
+        QTest::newRow("merged part cut short: the chunks it lost fetched again") << false << "cut";
+    }
+
+    // A stop from a progress report of the merge, once half the file is in it,
+    // leaves the merged part and the chunks not yet in it; the next run fetches
+    // only what is no longer on disk. At every report of the merge, the content
+    // folder and the merged part hold at most the file's size and two chunks.
+    void mergeStoppedThenResumed()
+    {
+        QFETCH(bool, digest);
+        QFETCH(QString, between);
+        const qint64 chunk = 64 * 1024, size = 16 * chunk + 77; // 17 chunks
+        DownloadGlobal::instance()->setChunkSizeInBytes(chunk);
+        f.serve(size);
+        f.statesDigest = digest;
+        const QString destination = f.target->filePath("m.bin"), merged = destination + ".ztmerge";
+        const QString folder = f.chunkFolder("m.bin");
+        qint64 peak = 0;
+        const auto run = [&](const QString &ending) {
+            return f.downloadOne(destination, "m.bin", [&](Downloader &downloader) {
+                connect(&downloader, &Downloader::downloadProgress, this, [&, ended = false](DownloadTask *task) mutable {
+                    if (!QFileInfo::exists(merged))
+                        return; // not merging yet
+                    peak = qMax(peak, QFileInfo(merged).size() + f.bytesIn(folder));
+                    if (ended || ending.isEmpty() || QFileInfo(merged).size() < size / 2)
+                        return;
+                    ended = true;
+                    ending == "abort" ? Q_EMIT downloader.abort(task) : Q_EMIT downloader.stopAll();
+                });
+            });
+        };
+        QCOMPARE(run(between == "abort" ? "abort" : "stop"), between == "abort" ? Error::Aborted : Error::Stopped);
+        QVERIFY(!QFileInfo::exists(destination));
+        QCOMPARE(QFileInfo::exists(merged), between != "abort");
+        const qint64 mergedBytes = QFileInfo(merged).size();
+        const int mergedChunks = int(mergedBytes / chunk);
+        QVERIFY2(between == "abort" || (mergedBytes >= size / 2 && mergedBytes == mergedChunks * chunk && mergedChunks < 15),
+                 qPrintable(QString::number(mergedBytes)));
+        int refetched = 0;
+        QFile part(merged);
+        if (between == "abort") {
+            QVERIFY(!QDir(folder).exists());
+            refetched = 17;
+        } else if (between == "vanish") {
+            QVERIFY(QFile::remove(folder + "/" + QString::number(mergedChunks + 2)));
+            refetched = 1;
+        } else if (between == "junk") {
+            QVERIFY(part.open(QIODevice::Append) && part.write(QByteArray(1000, '#')) == 1000);
+            part.close();
+        } else if (between == "cut") {
+            QVERIFY(part.resize(2 * chunk + 5)); // in chunk 3, whose file went
+            for (int i = 3; i <= mergedChunks; ++i)
+                refetched += QFileInfo::exists(folder + "/" + QString::number(i)) ? 0 : 1;
+            QVERIFY(refetched > 3);
+        }
+        QVERIFY(f.server->waitUntilQuiet());
+        const int before = f.server->requestCount();
+        QCOMPARE(run(QString()), Error::NoError);
+        QCOMPARE(f.server->requestCount() - before - 1, refetched); // the probe, then the chunks fetched again
+        QCOMPARE(sha256OfFile(destination), f.digestOf("m.bin"));
+        QVERIFY(!QFileInfo::exists(merged) && !QDir(folder).exists());
+        QVERIFY2(peak <= size + 2 * chunk, qPrintable(QStringLiteral("%1 bytes held, %2 in the file").arg(peak).arg(size)));
+    }
+
+    void chunkFilesLeftBehind_data()
+    {
+        QTest::addColumn<QByteArray>("chunk1"); // what its file holds
+        QTest::addColumn<qint64>("plannedIn"); // the chunk size the folder records; 0: no record
+        QTest::addColumn<QByteArray>("askedFor"); // a range the run asks for; "bytes=0-..." fetches chunk 1 anew
+        QTest::addColumn<ZTErrorCode>("code"); // of the first run; a second one then brings the file
+        QTest::newRow("cut to exactly the chunk size: asks for the overlap byte")
+            << QByteArray("share") << MiB << QByteArray("bytes=1048576-1048576") << Error::NoError;
+        QTest::newRow("garbage past its range: left out of the merge") << QByteArray("garbage") << MiB << QByteArray() << Error::NoError;
+        QTest::newRow("begun in chunks of 512 KiB: resumed in them") << QByteArray("half") << MiB / 2
+                                                                     << QByteArray("bytes=524288-1048576") << Error::NoError;
+        QTest::newRow("no plan recorded: begun afresh") << QByteArray("share") << 0LL << QByteArray("bytes=0-1048576") << Error::NoError;
+        QTest::newRow("damaged in place, size unchanged: the digest refuses it")
+            << QByteArray("damaged") << MiB << QByteArray("bytes=0-1048576") << Error::GeneralFailure;
+    }
+    void chunkFilesLeftBehind()
+    {
+        QFETCH(QByteArray, chunk1);
+        QFETCH(qint64, plannedIn);
+        QFETCH(QByteArray, askedFor);
+        QFETCH(ZTErrorCode, code);
+        f.serve(3 * MiB + 77);
+        const QString folder = f.chunkFolder("d.bin"), destination = f.target->filePath("d.bin");
+        const QByteArray content = f.contentOf("d.bin");
+        QVERIFY(plannedIn == 0 || DownloadSingleFile::recordPlan(folder, plannedIn, QByteArray()));
+        QByteArray damaged = content.left(MiB + 1);
+        damaged[4711] = ~damaged[4711];
+        const QMap<QByteArray, QByteArray> contents{{"share", content.left(MiB)}, {"half", content.left(MiB / 2 + 1)},
+                                                    {"garbage", content.left(MiB + 1) + QByteArray(100, '#')}, {"damaged", damaged}};
+        QVERIFY(f.writeFile(folder + "/1", contents.value(chunk1)));
+        QCOMPARE(f.downloadOne(destination, "d.bin"), code);
+        if (code != Error::NoError) { // nothing under the file's name, and nothing of the folder for the next run
+            QCOMPARE(f.filesIn(f.target->path()), QStringList());
+            QVERIFY(!QDir(folder).exists());
+            QCOMPARE(f.downloadOne(destination, "d.bin"), Error::NoError);
+        }
+        QCOMPARE(sha256OfFile(destination), f.digestOf("d.bin"));
+        QStringList ranges;
+        for (const ScriptedRequest &r : f.server->requests())
+            ranges << QString::fromLatin1(r.header("Range"));
+        QCOMPARE(ranges.contains(QString::fromLatin1(askedFor)), !askedFor.isEmpty());
+        // Chunk 1 is fetched anew only from a folder that cannot be resumed.
+        QCOMPARE(ranges.filter(QRegularExpression("^bytes=0-\\d{3,}$")).size(), askedFor.startsWith("bytes=0-") ? 1 : 0);
+    }
 
 private:
     DownloadFixture f;
 };
-
-void tst_DownloadSingleFile::sameContentTwice_data()
-{
-    QTest::addColumn<QString>("holder"); // of the content's folder when the second batch starts
-    QTest::addColumn<ZTErrorCode>("code");
-    QTest::newRow("a running batch of this process") << "batch" << Error::AlreadyRunning;
-    QTest::newRow("another process") << "process" << Error::AlreadyRunning;
-    QTest::newRow("a process that died holding it") << "dead" << Error::NoError;
-}
-
-// One writer per content folder: a second batch of the same content fails at
-// once and writes nothing (it gives up the name it reserved beside the user's
-// same.bin), while a lock whose holder is gone holds nothing.
-void tst_DownloadSingleFile::sameContentTwice()
-{
-    QFETCH(QString, holder);
-    QFETCH(ZTErrorCode, code);
-    f.serve(4 * MiB + 77);
-    f.shape = [](const ScriptedRequest &r, ScriptedResponse &response) { response.hold = r.header("Range") != "bytes=0-1"; };
-    QScopedPointer<HostCall> first;
-    QProcess other;
-    if (holder == "batch") {
-        first.reset(new HostCall(f.root.data(), "zt_apply_startDownload", f.batch({"same.bin"}, f.target->filePath("a"))));
-        QTRY_COMPARE_WITH_TIMEOUT(f.server->heldCount(), 4, 10000);
-    } else {
-        other.start(QCoreApplication::applicationFilePath(),
-                    {"--hold-lock", DownloadSingleFile::lockPath(f.chunkFolder("same.bin"))});
-        QVERIFY(other.waitForReadyRead(10000));
-        QCOMPARE(other.readLine(), QByteArray("locked\n"));
-        if (holder == "dead") {
-            other.kill();
-            QVERIFY(other.waitForFinished(10000));
-        }
-    }
-    f.shape = nullptr;
-    QVERIFY(f.writeFile(f.target->filePath("b/same.bin"), "mine"));
-    HostCall second(f.root.data(), "zt_apply_startDownload", f.batch({"same.bin"}, f.target->filePath("b")));
-    second.wait(20000);
-    QCOMPARE(second.finishedCount(), 1);
-    QCOMPARE(ZTErrorCode(second.errorCode()), code);
-    const QStringList left = code != Error::NoError ? QStringList{"same.bin"} : QStringList{"same(1).bin", "same.bin"};
-    QCOMPARE(QDir(f.target->filePath("b")).entryList(QDir::Files | QDir::Hidden, QDir::Name), left);
-    QCOMPARE(QFileInfo(f.target->filePath("b/same.bin")).size(), 4);
-    if (code == Error::NoError)
-        QCOMPARE(sha256OfFile(f.target->filePath("b/same(1).bin")), f.digestOf("same.bin"));
-    if (first) {
-        f.server->release();
-        QVERIFY(first->wait(20000).value("status") == "success");
-        QCOMPARE(sha256OfFile(f.target->filePath("a/same.bin")), f.digestOf("same.bin"));
-    }
-    other.kill();
-    other.waitForFinished(10000);
-}
-
-void tst_DownloadSingleFile::stoppedRunResumes_data()
-{
-    QTest::addColumn<qint64>("size");
-    QTest::addColumn<bool>("ranges");    // the server honours them
-    QTest::addColumn<bool>("digest");    // the server states the file's SHA-256
-    QTest::addColumn<QString>("ending"); // of the first run: "stop", "cut" (by the server), "taken" (the name)
-    QTest::addColumn<ZTErrorCode>("code");
-    const qint64 small = 100 * 1024, large = 3 * MiB + 77;
-    QTest::newRow("one small chunk, stopped: goes on from the bytes held") << 6 * small << true << true << "stop" << Error::Stopped;
-    QTest::newRow("no ranges, stopped: starts over") << large << false << false << "stop" << Error::Stopped;
-    QTest::newRow("no ranges, cut off: starts over") << large << false << false << "cut" << Error::GeneralFailure;
-    QTest::newRow("only chunk not placed: kept whole") << small << true << true << "taken" << Error::MergeError;
-    QTest::newRow("only chunk not placed, no digest: kept whole") << small << true << false << "taken" << Error::MergeError;
-}
-
-// The first run ends short. A small file of one chunk writes its plan record
-// only then, so the next run asks for the rest alone; a server that ignores
-// ranges answers a resumed chunk with the whole file, so the next run starts
-// over from byte 0 and joins the right bytes. A file of one chunk is placed by
-// renaming its chunk file: when the destination's name is taken by then (a
-// folder), the chunk file is back in its folder, whole, and the next run places
-// it without fetching it again.
-void tst_DownloadSingleFile::stoppedRunResumes()
-{
-    QFETCH(qint64, size);
-    QFETCH(bool, ranges);
-    QFETCH(bool, digest);
-    QFETCH(QString, ending);
-    QFETCH(ZTErrorCode, code);
-    const qint64 sent = ending == "taken" ? size : 100 * 1024; // in the chunk file after the first run
-    const QString destination = f.target->filePath("d.bin");
-    f.serve(size);
-    f.shape = [&, first = true](const ScriptedRequest &r, ScriptedResponse &response) mutable {
-        if (!ranges)
-            response = ScriptedResponse::file(f.contentOf("d.bin"), ScriptedRequest(), "\"d.bin\"");
-        if (!digest)
-            DownloadFixture::dropDigest(response);
-        if (r.header("Range") == "bytes=0-1" || !std::exchange(first, false))
-            return;
-        if (ending == "taken")
-            QDir().mkpath(destination + "/inside");
-        else
-            (ending == "stop" ? response.holdAfterBytes : response.dropAfterBytes) = sent;
-    };
-    const QString folder = f.chunkFolder("d.bin");
-    QCOMPARE(f.downloadOne(destination, "d.bin", [&](Downloader &downloader) {
-                 if (ending == "stop" && QTest::qWaitFor([&] { return f.bytesIn(folder) == sent; }, 10000))
-                     Q_EMIT downloader.stopAll();
-             }),
-             code);
-    QVERIFY(QFileInfo::exists(folder + "/.plan"));
-    QCOMPARE(f.bytesIn(folder), sent);
-    QVERIFY(!QFileInfo::exists(destination + ".ztmerge"));
-    QVERIFY(QDir(destination).removeRecursively());
-    f.server->release();
-    QVERIFY(f.server->waitUntilQuiet());
-    const int before = f.server->requestCount();
-    QCOMPARE(f.downloadOne(destination, "d.bin"), Error::NoError);
-    const QList<ScriptedRequest> requests = f.server->requests().mid(before);
-    QCOMPARE(requests.size(), sent == size ? 1 : 2); // the probe, then one chunk unless it is whole
-    const QByteArray from = "bytes=" + QByteArray::number(ranges ? sent : 0) + "-";
-    QVERIFY2(sent == size || requests.last().header("Range").startsWith(from), requests.last().header("Range").constData());
-    QCOMPARE(sha256OfFile(destination), f.digestOf("d.bin"));
-    QVERIFY(!QDir(folder).exists());
-}
-
-void tst_DownloadSingleFile::mergeStoppedThenResumed_data()
-{
-    QTest::addColumn<bool>("digest");     // the server states the file's SHA-256
-    QTest::addColumn<QString>("between"); // what befalls the first run's leftovers before the next
-    QTest::newRow("stopped half way") << true << "";
-    QTest::newRow("stopped half way, no digest") << false << "";
-    QTest::newRow("aborted half way: nothing stays") << true << "abort";
-    QTest::newRow("a chunk not merged yet vanished: fetched again") << true << "vanish";
-    QTest::newRow("junk appended to the merged part: cut off") << false << "junk";
-    QTest::newRow("merged part cut short: the chunks it lost fetched again") << false << "cut";
-}
-
-// A stop from a progress report of the merge, once half the file is in it,
-// leaves the merged part and the chunks not yet in it; the next run goes on
-// from there, fetching only what is no longer on disk, and ends with the
-// server's bytes. At every report of the merge, the content folder and the
-// merged file hold at most the file's size and two chunks.
-void tst_DownloadSingleFile::mergeStoppedThenResumed()
-{
-    QFETCH(bool, digest);
-    QFETCH(QString, between);
-    const qint64 chunk = 64 * 1024;
-    const int chunks = 17;
-    const qint64 size = (chunks - 1) * chunk + 77;
-    DownloadGlobal::instance()->setChunkSizeInBytes(chunk);
-    f.serve(size);
-    f.shape = [digest](const ScriptedRequest &, ScriptedResponse &response) {
-        if (!digest)
-            DownloadFixture::dropDigest(response);
-    };
-    const QString destination = f.target->filePath("m.bin");
-    const QString merged = destination + ".ztmerge";
-    const QString folder = f.chunkFolder("m.bin");
-    qint64 peak = 0;
-    const auto run = [&](const QString &ending) {
-        return f.downloadOne(destination, "m.bin", [&](Downloader &downloader) {
-            connect(&downloader, &Downloader::downloadProgress, this, [&, ended = false](DownloadTask *task) mutable {
-                if (!QFileInfo::exists(merged))
-                    return; // not merging yet
-                peak = qMax(peak, QFileInfo(merged).size() + f.bytesIn(folder));
-                if (ended || ending.isEmpty() || QFileInfo(merged).size() < size / 2)
-                    return;
-                ended = true;
-                ending == "abort" ? Q_EMIT downloader.abort(task) : Q_EMIT downloader.stopAll();
-            });
-        });
-    };
-
-    QCOMPARE(run(between == "abort" ? "abort" : "stop"), between == "abort" ? Error::Aborted : Error::Stopped);
-    QVERIFY(!QFileInfo::exists(destination));
-    QCOMPARE(QFileInfo::exists(merged), between != "abort");
-    const qint64 mergedBytes = QFileInfo(merged).size();
-    const int mergedChunks = int(mergedBytes / chunk);
-    QVERIFY2(between == "abort" || (mergedBytes >= size / 2 && mergedBytes == mergedChunks * chunk && mergedChunks + 2 < chunks),
-             qPrintable(QString::number(mergedBytes)));
-    int refetched = 0;
-    QFile part(merged);
-    if (between == "abort") {
-        QVERIFY(!QDir(folder).exists());
-        refetched = chunks;
-    } else if (between == "vanish") {
-        QVERIFY(QFile::remove(folder + "/" + QString::number(mergedChunks + 2)));
-        refetched = 1;
-    } else if (between == "junk") {
-        QVERIFY(part.open(QIODevice::Append) && part.write(QByteArray(1000, '#')) == 1000);
-        part.close();
-    } else if (between == "cut") {
-        QVERIFY(part.resize(2 * chunk + 5)); // in chunk 3, whose file went
-        for (int i = 3; i <= mergedChunks; ++i)
-            refetched += QFileInfo::exists(folder + "/" + QString::number(i)) ? 0 : 1;
-        QVERIFY(refetched > 3);
-    }
-    QVERIFY(f.server->waitUntilQuiet());
-    const int before = f.server->requestCount();
-    QCOMPARE(run(QString()), Error::NoError);
-    QCOMPARE(f.server->requestCount() - before - 1, refetched); // the probe, then the chunks fetched again
-    QCOMPARE(sha256OfFile(destination), f.digestOf("m.bin"));
-    QVERIFY(!QFileInfo::exists(merged));
-    QVERIFY(!QDir(folder).exists());
-    QVERIFY2(peak <= size + 2 * chunk, qPrintable(QStringLiteral("%1 bytes held, %2 in the file").arg(peak).arg(size)));
-}
-
-void tst_DownloadSingleFile::faultyAnswerThenResume_data()
-{
-    QTest::addColumn<bool>("otherTag"); // the same bytes, said to be another version's (other refusals: tst_downloadchunk)
-    QTest::addColumn<qint64>("dropAfter");
-    QTest::addColumn<qint64>("keptInChunk2");
-    QTest::newRow("206 whose tag changed since the probe") << true << qint64(-1) << qint64(0);
-    QTest::newRow("dropped at the first byte") << false << qint64(0) << qint64(0);
-    QTest::newRow("dropped mid-chunk") << false << qint64(300000) << qint64(300000);
-    QTest::newRow("dropped before the last byte") << false << MiB << MiB;
-}
-
-// Chunk 2 of d.bin (three chunks and a tail) is answered wrongly once: the run
-// fails, nothing of a refused answer is written and what came of a good one
-// stays; the next run fetches only what the chunk files lack.
-void tst_DownloadSingleFile::faultyAnswerThenResume()
-{
-    QFETCH(bool, otherTag);
-    QFETCH(qint64, dropAfter);
-    QFETCH(qint64, keptInChunk2);
-    f.serve(3 * MiB + 77);
-    f.shape = [&, faulted = false](const ScriptedRequest &r, ScriptedResponse &response) mutable {
-        if (!r.header("Range").startsWith("bytes=1048576-") || std::exchange(faulted, true))
-            return;
-        if (otherTag)
-            response.headers.replace(response.headers.indexOf({"ETag", "\"d.bin\""}), {"ETag", "\"e\""});
-        response.dropAfterBytes = dropAfter;
-    };
-    const QString destination = f.target->filePath("d.bin");
-    QCOMPARE(f.downloadOne(destination, "d.bin"), Error::GeneralFailure);
-    QCOMPARE(QFileInfo(destination).size(), 0);
-    QCOMPARE(QFileInfo(f.chunkFolder("d.bin") + "/2").size(), keptInChunk2);
-
-    QVERIFY(f.server->waitUntilQuiet()); // the requests of the run that failed, answered
-    const qint64 before = f.server->bodyBytesSent();
-    const qint64 kept = f.bytesIn(f.chunkFolder("d.bin"));
-    QFile::remove(destination);
-    QCOMPARE(f.downloadOne(destination, "d.bin"), Error::NoError);
-    QCOMPARE(sha256OfFile(destination), f.digestOf("d.bin"));
-    // Only what the chunk files lacked travelled again (and the probe's two bytes).
-    QCOMPARE(f.server->bodyBytesSent() - before, 3 * (MiB + 1) + 77 - kept + 2);
-    QVERIFY(!QDir(f.chunkFolder("d.bin")).exists());
-}
-
-void tst_DownloadSingleFile::chunkFilesLeftBehind_data()
-{
-    QTest::addColumn<QByteArray>("chunk1");
-    QTest::addColumn<qint64>("plannedIn"); // the chunk size the folder records; 0: no record
-    QTest::addColumn<QByteArray>("askedFor"); // a range the run asks for; "bytes=0-..." fetches chunk 1 anew
-    QTest::addColumn<ZTErrorCode>("code"); // of the first run; a second one then brings the file
-    const QByteArray half = "bytes=524288-1048576"; // chunk 2 of a plan in chunks of 512 KiB
-    QTest::newRow("cut to exactly the chunk size: asks for the overlap byte")
-        << QByteArray("share") << MiB << QByteArray("bytes=1048576-1048576") << Error::NoError;
-    QTest::newRow("garbage past its range: left out of the merge") << QByteArray("garbage") << MiB << QByteArray() << Error::NoError;
-    QTest::newRow("begun in chunks of 512 KiB: resumed in them") << QByteArray("half") << MiB / 2 << half << Error::NoError;
-    QTest::newRow("no plan recorded: begun afresh") << QByteArray("share") << 0LL << QByteArray("bytes=0-1048576") << Error::NoError;
-    QTest::newRow("damaged in place, size unchanged: the digest refuses it")
-        << QByteArray("damaged") << MiB << QByteArray("bytes=0-1048576") << Error::GeneralFailure;
-}
-
-void tst_DownloadSingleFile::chunkFilesLeftBehind()
-{
-    QFETCH(QByteArray, chunk1);
-    QFETCH(qint64, plannedIn);
-    QFETCH(QByteArray, askedFor);
-    QFETCH(ZTErrorCode, code);
-    f.serve(3 * MiB + 77);
-    const QString folder = f.chunkFolder("d.bin");
-    const QByteArray content = f.contentOf("d.bin");
-    if (plannedIn > 0)
-        QVERIFY(DownloadSingleFile::recordPlan(folder, plannedIn, QByteArray()));
-    QByteArray damaged = content.left(MiB + 1);
-    damaged[4711] = ~damaged[4711];
-    const QMap<QByteArray, QByteArray> contents{{"share", content.left(MiB)},
-                                                {"garbage", content.left(MiB + 1) + QByteArray(100, '#')},
-                                                {"half", content.left(MiB / 2 + 1)},
-                                                {"damaged", damaged}};
-    QVERIFY(f.writeFile(folder + "/1", contents.value(chunk1)));
-    const QString destination = f.target->filePath("d.bin");
-    QCOMPARE(f.downloadOne(destination, "d.bin"), code);
-    if (code != Error::NoError) {
-        // Nothing under the file's name, and nothing of the folder for the next run.
-        QCOMPARE(QDir(f.target->path()).entryList(QDir::Files | QDir::Hidden), QStringList());
-        QVERIFY(!QDir(folder).exists());
-        QCOMPARE(f.downloadOne(destination, "d.bin"), Error::NoError);
-    }
-    QCOMPARE(sha256OfFile(destination), f.digestOf("d.bin"));
-    QStringList ranges;
-    for (const ScriptedRequest &r : f.server->requests())
-        ranges << QString::fromLatin1(r.header("Range"));
-    QCOMPARE(ranges.contains(QString::fromLatin1(askedFor)), !askedFor.isEmpty());
-    // Chunk 1 is fetched anew only from a folder that cannot be resumed.
-    QCOMPARE(ranges.filter(QRegularExpression("^bytes=0-\\d{3,}$")).size(), askedFor.startsWith("bytes=0-") ? 1 : 0);
-}
 
 // "--hold-lock <path>": a second process that holds a content folder's lock
 // until it is killed, as a second host running the same download would.
@@ -350,8 +289,7 @@ int main(int argc, char *argv[])
             return 1;
         std::fputs("locked\n", stdout);
         std::fflush(stdout);
-        std::getchar(); // until killed
-        return 0;
+        return std::getchar(); // until killed
     }
     tst_DownloadSingleFile test;
     QTEST_SET_MAIN_SOURCE_PATH

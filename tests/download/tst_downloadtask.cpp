@@ -9,151 +9,117 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-// The probe and its header parsing against a scripted server: the size, the
-// file's name and the content folder's tag (which tells apart files of one
-// size at one address by their names when the server gives no tag), and the
-// free names a task takes beside the user's files.
+// The probe against a scripted server: the size, the file's name and the
+// content folder's tag (without a server tag, the address and the name tell
+// apart files of one size, by the name asked for), and the free names a task
+// takes beside the user's.
 class tst_DownloadTask : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase();
-    void probeHeaders_data();
-    void probeHeaders();
-    void collisionNames_data();
-    void collisionNames();
+    void initTestCase()
+    {
+        GlobalManager::instance();
+        DownloadGlobal::instance()->setTemporaryStoragePath(m_dir.filePath("temporary"));
+    }
+
+    void probeHeaders_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArrayList>("headers");
+        QTest::addColumn<QString>("name"); // asked for
+        QTest::addColumn<qint64>("size"); // -1: the probe fails
+        QTest::addColumn<bool>("ranges");
+        QTest::addColumn<QString>("serverTag"); // before normalisation; empty: from the URL
+        QTest::addColumn<QString>("fileName"); // empty: the probe fails
+        QTest::addColumn<QStringList>("present"); // the user's files in the folder already
+        const QByteArray length = "Content-Length: 2", of3 = "Content-Range: bytes 0-1/3", of9 = "Content-Range: bytes 0-1/9";
+        const QByteArray of1000 = "Content-Range: bytes 0-1/1000", t1 = "ETag: \"t1\"";
+        const QString a = "a.bin";
+        const qint64 none = -1;
+        const QStringList mine; // none of the user's files in the way
+        QTest::newRow("range then length") << 206 << QByteArrayList{of1000, length, t1} << a << qint64(1000) << true << "t1" << a << mine;
+        QTest::newRow("length then range") << 206 << QByteArrayList{length, of1000, t1} << a << qint64(1000) << true << "t1" << a << mine;
+        QTest::newRow("200: no ranges, full length") << 200 << QByteArrayList{"Content-Length: 5", "ETag: \"t2\""} << a
+            << qint64(5) << false << "t2" << a << mine;
+        QTest::newRow("total only: */5") << 206 << QByteArrayList{"Content-Range: bytes */5", "Content-Length: 0"} << a
+            << qint64(5) << true << "" << a << mine;
+        QTest::newRow("lower-case etag honoured") << 206 << QByteArrayList{of9, length, "etag: \"low\""} << a
+            << qint64(9) << true << "low" << a << mine;
+        QTest::newRow("weak etag loses quotes and slash") << 206 << QByteArrayList{of9, length, "ETag: W/\"x\""} << a
+            << qint64(9) << true << "Wx" << a << mine;
+        QTest::newRow("lower-case content-length ignored: no size") << 200 << QByteArrayList{"content-length: 2"} << a
+            << none << false << "" << a << mine;
+        QTest::newRow("403") << 403 << QByteArrayList{"Content-Length: 0"} << a << none << false << "" << a << mine;
+        QTest::newRow("name from Content-Disposition, percent-encoded UTF-8")
+            << 206 << QByteArrayList{of3, length, "Content-Disposition: attachment; filename=Gr%C3%BC%C3%9Fe.txt"} << ""
+            << qint64(3) << true << "" << QStringLiteral("Grüße.txt") << mine;
+        // A server's name that would put the file outside the host's folder is no name at all.
+        for (const char *name : {"..%2F..%2Fevil.sh", "..%5Cevil.sh", "..", "a%00b"})
+            QTest::addRow("name from Content-Disposition refused: %s", name)
+                << 206 << QByteArrayList{of3, length, "Content-Disposition: attachment; filename=" + QByteArray(name)} << ""
+                << qint64(3) << true << "" << "" << mine;
+        QTest::newRow("no name anywhere") << 206 << QByteArrayList{of3, length} << "" << qint64(3) << true << "" << "" << mine;
+        // Beside the user's files: the free name the task takes, what its folder tag is made of.
+        QTest::newRow("a.txt and a(1).txt taken: a(2).txt") << 206 << QByteArrayList{of9, length, t1} << "a.txt" << qint64(9) << true
+                                                            << "t1" << "a(2).txt" << QStringList{"a.txt", "a(1).txt"};
+        QTest::newRow("no dot: trailing dot kept") << 206 << QByteArrayList{of9, length} << "report" << qint64(9) << true << ""
+                                                   << "report(1)." << QStringList{"report"};
+        QTest::newRow("double suffix") << 206 << QByteArrayList{of9, length, t1} << "a.tar.gz" << qint64(9) << true << "t1"
+                                       << "a(1).tar.gz" << QStringList{"a.tar.gz"};
+    }
+    void probeHeaders()
+    {
+        QFETCH(int, status);
+        QFETCH(QByteArrayList, headers);
+        QFETCH(QString, name);
+        QFETCH(qint64, size);
+        QFETCH(bool, ranges);
+        QFETCH(QString, serverTag);
+        QFETCH(QString, fileName);
+        QFETCH(QStringList, present);
+        ScriptedServer server;
+        QVERIFY(server.start());
+        server.setHandler([&](const ScriptedRequest &) {
+            ScriptedResponse response;
+            response.status = status;
+            for (const QByteArray &line : headers) {
+                const int colon = line.indexOf(':');
+                response.header(line.left(colon), line.mid(colon + 2));
+                if (line.toLower().startsWith("content-length"))
+                    response.body = QByteArray(line.mid(colon + 2).toInt(), 'x');
+            }
+            return response;
+        });
+        const QString folder = m_dir.filePath(QString::number(qHash(QTest::currentDataTag())));
+        QVERIFY(QDir().mkpath(folder));
+        for (const QString &taken : present)
+            QVERIFY(QFile(folder + "/" + taken).open(QIODevice::WriteOnly));
+        DownloadTask task;
+        const bool ok = size >= 0 && !fileName.isEmpty();
+        QCOMPARE(task.isValid(folder + "/" + name, server.baseUrl() + "/files/x", name) == Zephyrtide::Error::NoError, ok);
+        QCOMPARE(task.fileSize, size);
+        QCOMPARE(task.rangeSupported, ranges);
+        QCOMPARE(task.fileName, fileName);
+        QCOMPARE(server.requests().first().method, QByteArray("POST"));
+        QCOMPARE(server.requests().first().header("Range"), QByteArray("bytes=0-1"));
+        if (!ok)
+            return;
+        // Without a server tag: the address and the name asked for, not the free name given.
+        const QString identity = serverTag.isEmpty() ? "files%x/" + (name.isEmpty() ? fileName : name) : serverTag;
+        const QString tag = QCryptographicHash::hash((QString::number(size) + identity).toUtf8(), QCryptographicHash::Md5).toHex();
+        QCOMPARE(task.etag, tag);
+        QCOMPARE(task.tempDir, DownloadGlobal::instance()->temporaryStoragePath() + "/" + tag);
+        QCOMPARE(task.filePath, folder + "/" + fileName);
+        // A new name is reserved at once by an empty file; a free one is left alone.
+        QCOMPARE(QFileInfo(task.filePath).exists(), !present.isEmpty());
+        QCOMPARE(QFileInfo(task.filePath).size(), 0);
+    }
 
 private:
     TestEnvironment m_environment;
     QTemporaryDir m_dir;
 };
-
-void tst_DownloadTask::initTestCase()
-{
-    GlobalManager::instance();
-    DownloadGlobal::instance()->setTemporaryStoragePath(m_dir.filePath("temporary"));
-}
-
-void tst_DownloadTask::probeHeaders_data()
-{
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QByteArrayList>("headers");
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<bool>("ok");
-    QTest::addColumn<qint64>("size");
-    QTest::addColumn<bool>("ranges");
-    QTest::addColumn<QString>("serverTag"); // before normalisation; empty: from the URL
-    QTest::addColumn<QString>("fileName");
-
-    QTest::newRow("range then length") << 206 << QByteArrayList{"Content-Range: bytes 0-1/1000", "Content-Length: 2", "ETag: \"t1\""}
-                                       << "a.bin" << true << qint64(1000) << true << "t1" << "a.bin";
-    QTest::newRow("length then range") << 206 << QByteArrayList{"Content-Length: 2", "Content-Range: bytes 0-1/1000", "ETag: \"t1\""}
-                                       << "a.bin" << true << qint64(1000) << true << "t1" << "a.bin";
-    QTest::newRow("200: no ranges, full length") << 200 << QByteArrayList{"Content-Length: 5", "ETag: \"t2\""}
-                                                 << "a.bin" << true << qint64(5) << false << "t2" << "a.bin";
-    QTest::newRow("total only: */5") << 206 << QByteArrayList{"Content-Range: bytes */5", "Content-Length: 0"}
-                                     << "a.bin" << true << qint64(5) << true << "" << "a.bin";
-    QTest::newRow("lower-case etag honoured") << 206 << QByteArrayList{"Content-Range: bytes 0-1/9", "Content-Length: 2", "etag: \"low\""}
-                                              << "a.bin" << true << qint64(9) << true << "low" << "a.bin";
-    QTest::newRow("weak etag loses quotes and slash") << 206 << QByteArrayList{"Content-Range: bytes 0-1/9", "Content-Length: 2", "ETag: W/\"x\""}
-                                                      << "a.bin" << true << qint64(9) << true << "Wx" << "a.bin";
-    QTest::newRow("lower-case content-length ignored: no size") << 200 << QByteArrayList{"content-length: 2"}
-                                                                << "a.bin" << false << qint64(-1) << false << "" << "a.bin";
-    QTest::newRow("403") << 403 << QByteArrayList{"Content-Length: 0"} << "a.bin" << false << qint64(-1) << false << "" << "a.bin";
-    QTest::newRow("name from Content-Disposition, percent-encoded UTF-8")
-        << 206 << QByteArrayList{"Content-Range: bytes 0-1/3", "Content-Length: 2", "Content-Disposition: attachment; filename=Gr%C3%BC%C3%9Fe.txt"}
-        << "" << true << qint64(3) << true << "" << QStringLiteral("Grüße.txt");
-    // A server's name that would put the file outside the host's folder is no name at all.
-    for (const QByteArray &name : {QByteArray("..%2F..%2Fevil.sh"), QByteArray("..%5Cevil.sh"), QByteArray(".."),
-                                   QByteArray("a%00b")})
-        QTest::addRow("name from Content-Disposition refused: %s", name.constData())
-            << 206 << QByteArrayList{"Content-Range: bytes 0-1/3", "Content-Length: 2", "Content-Disposition: attachment; filename=" + name}
-            << "" << false << qint64(3) << true << "" << "";
-    QTest::newRow("no name anywhere") << 206 << QByteArrayList{"Content-Range: bytes 0-1/3", "Content-Length: 2"}
-                                      << "" << false << qint64(3) << true << "" << "";
-}
-
-void tst_DownloadTask::probeHeaders()
-{
-    QFETCH(int, status);
-    QFETCH(QByteArrayList, headers);
-    QFETCH(QString, name);
-    QFETCH(bool, ok);
-    QFETCH(qint64, size);
-    QFETCH(bool, ranges);
-    QFETCH(QString, serverTag);
-    QFETCH(QString, fileName);
-
-    ScriptedServer server;
-    QVERIFY(server.start());
-    server.setHandler([&](const ScriptedRequest &) {
-        ScriptedResponse response;
-        response.status = status;
-        for (const QByteArray &line : headers) {
-            const int colon = line.indexOf(':');
-            const QByteArray name = line.left(colon);
-            response.header(name, line.mid(colon + 2));
-            if (name.compare("Content-Length", Qt::CaseInsensitive) == 0)
-                response.body = QByteArray(line.mid(colon + 2).toInt(), 'x');
-        }
-        return response;
-    });
-    const QString folder = m_dir.filePath(QString::number(qHash(QTest::currentDataTag())));
-    DownloadTask task;
-    const ZTErrorCode code = task.isValid(folder + "/" + name, server.baseUrl() + "/files/x", name);
-    QCOMPARE(code == Zephyrtide::Error::NoError, ok);
-    QCOMPARE(task.fileSize, size);
-    QCOMPARE(task.rangeSupported, ranges);
-    QCOMPARE(task.fileName, fileName);
-
-    const ScriptedRequest probe = server.requests().first();
-    QCOMPARE(probe.method, QByteArray("POST"));
-    QCOMPARE(probe.header("Range"), QByteArray("bytes=0-1"));
-    if (!ok)
-        return;
-    // Without a server tag, the address and the name stand for the content.
-    const QString identity = serverTag.isEmpty() ? "files%x/" + fileName : serverTag;
-    const QString expectedTag = QString::fromLatin1(
-        QCryptographicHash::hash((QString::number(size) + identity).toUtf8(), QCryptographicHash::Md5).toHex());
-    QCOMPARE(task.etag, expectedTag);
-    QCOMPARE(task.tempDir, DownloadGlobal::instance()->temporaryStoragePath() + "/" + expectedTag);
-    QCOMPARE(task.filePath, folder + "/" + fileName);
-}
-
-void tst_DownloadTask::collisionNames_data()
-{
-    QTest::addColumn<QStringList>("present");
-    QTest::addColumn<QString>("asked");
-    QTest::addColumn<QString>("given");
-    QTest::newRow("free name kept") << QStringList{} << "a.txt" << "a.txt";
-    QTest::newRow("a.txt and a(1).txt taken: a(2).txt") << QStringList{"a.txt", "a(1).txt"} << "a.txt" << "a(2).txt";
-    QTest::newRow("no dot: trailing dot kept") << QStringList{"report"} << "report" << "report(1).";
-    QTest::newRow("double suffix") << QStringList{"a.tar.gz"} << "a.tar.gz" << "a(1).tar.gz";
-}
-
-void tst_DownloadTask::collisionNames()
-{
-    QFETCH(QStringList, present);
-    QFETCH(QString, asked);
-    QFETCH(QString, given);
-    QTemporaryDir folder;
-    for (const QString &name : present) {
-        QFile file(folder.filePath(name));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("taken");
-    }
-    DownloadTask task;
-    task.m_path = folder.path();
-    task.fileName = asked;
-    task.filePath = folder.filePath(asked);
-    QCOMPARE(task.checkFileIsExist(task.filePath), folder.filePath(given));
-    QCOMPARE(task.fileName, given);
-    QCOMPARE(task.filePath, folder.filePath(given));
-    // A new name is reserved at once by an empty file; a free one is left alone.
-    QCOMPARE(QFileInfo::exists(folder.filePath(given)), !present.isEmpty());
-    if (!present.isEmpty())
-        QCOMPARE(QFileInfo(folder.filePath(given)).size(), 0);
-}
 
 QTEST_MAIN(tst_DownloadTask)
 #include "tst_downloadtask.moc"
