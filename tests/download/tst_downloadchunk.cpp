@@ -1,5 +1,3 @@
-#include "download/accessmanagerpool.h"
-#include "download/chunkhasher.h"
 #include "download/downloadchunk.h"
 #include "logcapture.h"
 #include "randomfile.h"
@@ -9,7 +7,6 @@
 
 #include <QCryptographicHash>
 #include <QNetworkAccessManager>
-#include <QPointer>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -36,10 +33,7 @@ struct Answer {
 Q_DECLARE_METATYPE(Answer)
 
 // One chunk against a scripted server: how its range goes out on the wire,
-// what lands in its file, and which answers it refuses. Then what chunks lean
-// on: the access managers they share (never more connections on one than Qt
-// opens to a host; a manager goes with its last lease), and the digest of a
-// file taken from its chunk files' shares, on a pooled thread.
+// what lands in its file, and which answers it refuses.
 class tst_DownloadChunk : public QObject
 {
     Q_OBJECT
@@ -184,90 +178,6 @@ private Q_SLOTS:
         QCOMPARE(log.count(QStringLiteral("http status %1").arg(status), QtCriticalMsg), 2); // the reason, and the failure line
         for (const char *line : {"errorrrrrrrrrrrrrrrr", "\"c.bin\" http error QNetworkReply::", "header", "X-Why"})
             QVERIFY2(log.count(line, QtCriticalMsg) == 1, line);
-    }
-
-    void packing_data()
-    {
-        QTest::addColumn<QList<int>>("lends"); // connections asked, in order
-        QTest::addColumn<int>("managers");
-        QTest::newRow("six one-chunk files share one") << QList<int>{1, 1, 1, 1, 1, 1} << 1;
-        QTest::newRow("the seventh needs another") << QList<int>{1, 1, 1, 1, 1, 1, 1} << 2;
-        QTest::newRow("a four-chunk file leaves room for two") << QList<int>{4, 1, 1} << 1;
-        QTest::newRow("two four-chunk files: one each") << QList<int>{4, 4} << 2;
-        QTest::newRow("a small file after two large ones fills the first gap") << QList<int>{4, 4, 2} << 2;
-        QTest::newRow("more than six asked counts as six") << QList<int>{9, 1} << 2;
-        QTest::newRow("none asked counts as one") << QList<int>{0, 0, 0, 0, 0, 0, 0} << 2;
-        QTest::newRow("a thousand small files: a manager per six") << QVector<int>(1000, 1).toList() << 167;
-    }
-    void packing()
-    {
-        QFETCH(QList<int>, lends);
-        QFETCH(int, managers);
-        AccessManagerPool pool;
-        QList<QSharedPointer<QNetworkAccessManager>> leases;
-        QHash<QNetworkAccessManager *, int> lent;
-        for (int connections : lends) {
-            leases.append(pool.lend(connections));
-            lent[leases.last().data()] += qBound(1, connections, AccessManagerPool::ConnectionsPerManager);
-        }
-        QCOMPARE(pool.managerCount(), managers);
-        QCOMPARE(lent.size(), managers);
-        for (int count : qAsConst(lent))
-            QVERIFY2(count <= AccessManagerPool::ConnectionsPerManager, qPrintable(QString::number(count)));
-    }
-
-    void lastLeaseEndsTheManager()
-    {
-        AccessManagerPool pool;
-        auto full = pool.lend(6);
-        auto copy = full; // as a chunk holds it
-        auto other = pool.lend(1);
-        QVERIFY(other != full);
-        QPointer<QNetworkAccessManager> first(full.data());
-        full.reset();
-        QCOMPARE(pool.managerCount(), 2); // a copy still holds the lease
-        copy.reset();
-        QCOMPARE(pool.managerCount(), 1);
-        QTRY_VERIFY_WITH_TIMEOUT(first.isNull(), 5000);
-        auto more = pool.lend(5);
-        QCOMPARE(more, other); // the room the other lease left is lent again
-        QVERIFY(pool.lend(1) != other);
-    }
-
-    void digestOfShares_data()
-    {
-        QTest::addColumn<QList<int>>("files");  // bytes in each chunk file; -1: none
-        QTest::addColumn<QList<int>>("shares"); // of each, the bytes that are the content's
-        QTest::addColumn<int>("hashed");        // shares reported; all: a digest, else none
-        const int MiB = int(::MiB);
-        QTest::newRow("three files, overlap bytes left out") << QList<int>{MiB + 1, MiB + 1, 77} << QList<int>{MiB, MiB, 77} << 3;
-        QTest::newRow("a share larger than a read block") << QList<int>{3 * MiB + 5} << QList<int>{3 * MiB + 5} << 1;
-        QTest::newRow("an empty share") << QList<int>{0, 10} << QList<int>{0, 10} << 2;
-        QTest::newRow("none") << QList<int>{} << QList<int>{} << 0;
-        QTest::newRow("second file short of its share: no digest") << QList<int>{10, 9, 10} << QList<int>{10, 10, 10} << 1;
-        QTest::newRow("first file missing: no digest") << QList<int>{-1, 10} << QList<int>{10, 10} << 0;
-    }
-    void digestOfShares()
-    {
-        QFETCH(QList<int>, files);
-        QFETCH(QList<int>, shares);
-        QFETCH(int, hashed);
-        ChunkHasher hasher;
-        QSignalSpy reports(&hasher, &ChunkHasher::hashed);
-        QSignalSpy finished(&hasher, &ChunkHasher::finished);
-        QCryptographicHash expected(QCryptographicHash::Sha256);
-        for (int i = 0; i < files.size(); ++i) {
-            const QString path = m_folder->filePath(QString::number(i + 1));
-            QVERIFY(files.at(i) < 0 || writeRandomFile(path, files.at(i), quint32(i)));
-            expected.addData(randomBytes(qMax(files.at(i), 0), quint32(i)).left(shares.at(i)));
-            hasher.add(path, shares.at(i));
-        }
-        hasher.close();
-        QVERIFY(finished.wait(10000));
-        QCOMPARE(finished.first().first().toByteArray(), hashed == files.size() ? expected.result() : QByteArray());
-        QCOMPARE(reports.count(), hashed); // every share hashed is reported, in order, before the digest
-        for (int i = 0; i < reports.count(); ++i)
-            QCOMPARE(reports.at(i).first().toInt(), i + 1);
     }
 
 private:
