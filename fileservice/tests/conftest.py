@@ -1,5 +1,5 @@
 """The file service in this process (aiohttp's test server) or as a child
-process where a test needs one, and a client of either. Tests may be async."""
+process where a test needs one, and clients of either. Tests may be async."""
 import asyncio
 import base64
 import contextlib
@@ -8,8 +8,10 @@ import inspect
 import json
 import logging
 import os
+import pathlib
 import sys
 import time
+from urllib.parse import quote
 
 import aiohttp
 import pytest
@@ -50,13 +52,18 @@ class Client:
     """One client of the service at url: one loopback address, one token."""
 
     def __init__(self, url, root, log, session=None, process=None):
-        self.url, self.root, self.log, self.session, self.process = url, root, log, session, process
+        self.url, self.root, self.log, self.session, self.process = url, pathlib.Path(root), log, session, process
         self.host, self.port = url.rsplit("/", 1)[1].rsplit(":", 1)
 
     async def request(self, method, path, body=None, headers=None):
         """(status, headers, body)"""
         async with self.session.request(method, self.url + path, data=body, headers=headers) as answer:
             return answer.status, answer.headers, await answer.read()
+
+    async def download(self, name, headers=None, method="GET"):
+        if method == "POST":
+            return await self.request("POST", "/download", json.dumps({"fileName": name}), headers)
+        return await self.request(method, "/download?fileName=" + quote(name), headers=headers)
 
     async def call(self, path, body, headers=None):
         """A JSON endpoint: (status word, result)."""
@@ -70,28 +77,51 @@ class Client:
         assert status == "success", result
         return result
 
+    async def chunks(self, name, size, identifier=IDENTIFIER):
+        return (await self.info(name, size, identifier))["uploadInfo"]["chunks"]
+
+    async def wanted(self, name, size, identifier=IDENTIFIER):
+        """The parts info asks for: [(number, bytes already held)]."""
+        return [(part_number(c), c.get("bytesSent")) for c in await self.chunks(name, size, identifier)]
+
+    def path(self, chunk):
+        return chunk["url"][len(self.url):]
+
+    def part_head(self, chunk, length, md5):
+        return ("POST %s HTTP/1.1\r\nHost: h\r\nContent-Length: %d\r\nX-Upload-Token: %s\r\nfileMD5: %s\r\n\r\n"
+                % (self.path(chunk), length, chunk["headers"]["X-Upload-Token"], md5)).encode()
+
     async def send_part(self, chunk, data, md5=None):
         """Posts data to a chunk descriptor's url with its headers, as the plugin does; the status."""
         headers = dict(chunk["headers"], fileMD5=md5 or md5_header(data), **{"Content-Type": "application/json"})
-        return (await self.request("POST", chunk["url"][len(self.url):], data, headers))[0]
+        return (await self.request("POST", self.path(chunk), data, headers))[0]
 
-    async def upload(self, name, content, chunk_size, identifier=IDENTIFIER):
-        """Sends every part info asks for and completes: (status word, result)."""
-        for chunk in (await self.info(name, len(content), identifier))["uploadInfo"]["chunks"]:
-            number = part_number(chunk)
-            assert await self.send_part(chunk, content[(number - 1) * chunk_size:number * chunk_size]) == 200
+    async def send_parts(self, chunks, content, size=8):
+        """Sends each chunk its bytes of content, one after the other: the statuses."""
+        return [await self.send_part(c, content[(part_number(c) - 1) * size:][:size]) for c in chunks]
+
+    async def upload(self, name, content, identifier=IDENTIFIER):
+        """Sends every part info asks for, chunked, and completes: (status word, result)."""
+        answer = (await self.info(name, len(content), identifier))["uploadInfo"]
+        for chunk in answer["chunks"]:
+            part = content[(part_number(chunk) - 1) * answer["chunkSize"]:][:answer["chunkSize"]]
+            assert await self.send_part(chunk, in_pieces(part), md5_header(part)) == 200
         return await self.complete(name, identifier)
 
     async def complete(self, name, identifier=IDENTIFIER):
         return await self.call("/upload/complete", {"fileName": name, "fileMD5": identifier})
 
     def put_file(self, name, content):
-        with open(os.path.join(self.root, name), "wb") as f:
-            f.write(content)
+        (self.root / name).write_bytes(content)
 
     def stored(self, name):
-        with open(os.path.join(self.root, name), "rb") as f:
-            return f.read()
+        return (self.root / name).read_bytes()
+
+
+async def in_pieces(data):
+    """data as a body of no announced length: aiohttp sends it chunked."""
+    yield data[:3]
+    yield data[3:]
 
 
 def md5_header(data):
@@ -107,16 +137,16 @@ def part_number(chunk):
 
 
 async def until(condition, what):
-    """Waits, TIMEOUT at most, until condition() is true."""
+    """Waits, TIMEOUT at most, until condition() (or what it awaits) is true; that value."""
     deadline = time.monotonic() + TIMEOUT
-    while not condition():
+    while not (value := await condition() if inspect.iscoroutinefunction(condition) else condition()):
         assert time.monotonic() < deadline, what
         await asyncio.sleep(0.02)
+    return value
 
 
 async def raw_exchange(client, *pieces, gap=0.0, whole=True):
-    """Sends pieces on one connection, gap seconds apart; what comes back until the service closes
-    it, or only the first line."""
+    """Sends pieces on one connection, gap seconds apart; what comes back until the service closes it, or its first line."""
     reader, writer = await asyncio.open_connection(client.host, int(client.port))
     try:
         for piece in pieces:
@@ -150,7 +180,7 @@ def clients(exits):
 
 @pytest.fixture
 def serve(exits, clients, tmp_path, caplog):
-    """await serve(chunk_size=8, tokens=(), front=None, **store_options): the service in this process."""
+    """await serve(chunk_size=8, tokens=(), front=None, expires=86400, **store_options): the service in this process."""
     caplog.set_level(logging.INFO, logger="zt-fileservice")
 
     async def start(chunk_size=8, tokens=(), front=None, expires=86400, **store_options):
@@ -169,10 +199,10 @@ def service(loop, serve):
 
 @pytest.fixture
 def launch(exits, clients, tmp_path):
-    """await launch(*options, root=None, prefix=(), preexec_fn=None): the service as a child process."""
+    """await launch(*options, root=None, prefix=(), preexec_fn=None, tls=None): the service as a child process."""
     async def start(*options, root=None, prefix=(), preexec_fn=None, tls=None):
         log = str(tmp_path / ("service-%f.log" % time.monotonic()))
-        process = ServiceProcess(root or str(tmp_path / "root"), log, options, prefix, preexec_fn).start()
+        process = ServiceProcess(str(root or tmp_path / "root"), log, options, prefix, preexec_fn).start()
         exits.callback(process.stop)
         return await clients(Client(process.url, process.root, process.log, process=process), tls=tls)
     return start

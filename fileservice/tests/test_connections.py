@@ -1,6 +1,5 @@
 """How clients reach the service: quiet connections, many of them, fronts, TLS,
-malformed requests and a busy port. Most need the service's own listener: a
-child process."""
+malformed requests, a busy port. Most need the service's own listener: a child process."""
 import resource
 import socket
 import ssl
@@ -13,28 +12,18 @@ from ztfileservice.launcher import SCRIPT
 from ztfileservice.server import Front
 
 
-def part_head(service, chunk, length):
-    return ("POST %s HTTP/1.1\r\nHost: h\r\nContent-Length: %d\r\nX-Upload-Token: %s\r\nfileMD5: %s\r\n\r\n"
-            % (chunk["url"][len(service.url):], length, chunk["headers"]["X-Upload-Token"],
-               md5_header(b"12345678"))).encode()
-
-
 @pytest.mark.parametrize("quiet_after", ["nothing", "half a head", "one request", "half a body", "slow body"])
 async def test_quiet_connections_are_closed(launch, quiet_after):
-    # The slow body's pieces come 0.4 s apart: well within its bound, whatever the machine's load.
     service = await launch("--chunk-size", "8", "--idle-timeout", "1" if quiet_after == "slow body" else "0.5")
-    chunk = (await service.info("q.bin", 8))["uploadInfo"]["chunks"][0]
+    head = service.part_head((await service.chunks("q.bin", 8))[0], 8, md5_header(b"12345678"))
     sent = {"nothing": [b""], "half a head": [b"GET /download?fileName=q.bin HTTP/1.1\r\nHost: h\r\n"],
             "one request": [b"POST /download/pathList HTTP/1.1\r\nHost: h\r\nContent-Length: 0\r\n\r\n"],
-            "half a body": [part_head(service, chunk, 8) + b"123"],
-            # Every piece comes well within the bound, the whole body (1.6 s) does not.
-            "slow body": [part_head(service, chunk, 8) + b"12", b"3", b"4", b"56", b"78"]}[quiet_after]
+            # Every piece of the slow body comes well within the bound, the whole body (1.6 s) does not.
+            "half a body": [head + b"123"], "slow body": [head + b"12", b"3", b"4", b"56", b"78"]}[quiet_after]
     answer = await raw_exchange(service, *sent, gap=0.4)   # answers, if any, then the end: the service let go
-    held = (await service.info("q.bin", 8))["uploadInfo"]["chunks"]
-    if quiet_after == "half a body":
-        assert held[0]["bytesSent"] == 3 and answer.startswith(b"HTTP/1.1 400 ")
-    if quiet_after == "slow body":
-        assert held == [] and answer.startswith(b"HTTP/1.1 200 ")
+    held, first = {"half a body": ([(1, 3)], b"HTTP/1.1 400 "), "slow body": ([], b"HTTP/1.1 200 ")}.get(
+        quiet_after, ([(1, None)], b""))
+    assert await service.wanted("q.bin", 8) == held and answer.startswith(first)
 
 
 @pytest.mark.parametrize("descriptors, idle_timeout, count", [
@@ -49,8 +38,7 @@ async def test_quiet_clients_do_not_lock_others_out(launch, descriptors, idle_ti
         service = await launch("--idle-timeout", idle_timeout,
                                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, descriptors))
         service.put_file("a.txt", b"abc")
-        for _ in range(count):
-            quiet.append(socket.create_connection((service.host, int(service.port)), timeout=TIMEOUT))
+        quiet += [socket.create_connection((service.host, int(service.port)), timeout=TIMEOUT) for _ in range(count)]
         assert (await service.request("GET", "/download?fileName=a.txt"))[2] == b"abc"
     finally:
         for connection in quiet:
@@ -85,10 +73,9 @@ async def test_tls(launch, tmp_path):
                            tls=ssl.create_default_context(cafile=cert))
     assert service.url.startswith("https://127.0.0.1:")
     content = b"twenty bytes of data"
-    chunks = (await service.info("t.bin", 20))["uploadInfo"]["chunks"]
-    assert all(chunk["url"].startswith(service.url + "/upload/part?") for chunk in chunks)
-    assert (await service.upload("t.bin", content, 8))[0] == "success"
-    code, headers, body = await service.request("POST", "/download", b'{"fileName": "t.bin"}', {"Range": "bytes=4-"})
+    assert all(chunk["url"].startswith(service.url + "/upload/part?") for chunk in await service.chunks("t.bin", 20))
+    assert (await service.upload("t.bin", content))[0] == "success"
+    code, headers, body = await service.download("t.bin", {"Range": "bytes=4-"}, "POST")
     assert (code, body, headers["Repr-Digest"]) == (206, content[4:], repr_digest(content))
 
 
@@ -113,7 +100,7 @@ def test_a_busy_port_says_so_in_one_line(tmp_path):
         port = busy.getsockname()[1]
         result = subprocess.run(["/usr/bin/python3", "-B", SCRIPT, "--root", str(tmp_path), "--host", "127.0.0.1",
                                  "--port", str(port)], capture_output=True, timeout=TIMEOUT)
-    assert result.returncode == 5  # what `ztcli serve` promises for a service that cannot start
-    assert "Traceback" not in result.stderr.decode() and result.stdout == b""
-    assert result.stderr.decode().splitlines()[-1] == \
-        "zt-fileservice: cannot listen on 127.0.0.1:%d: Address already in use" % port
+    # 5: what `ztcli serve` promises for a service that cannot start.
+    stderr = result.stderr.decode()
+    assert (result.returncode, result.stdout, "Traceback" in stderr, stderr.splitlines()[-1]) == (
+        5, b"", False, "zt-fileservice: cannot listen on 127.0.0.1:%d: Address already in use" % port)
