@@ -25,7 +25,6 @@ from ztfileservice.store import Store  # noqa: E402
 TIMEOUT = 20  # seconds any single wait may take
 IDENTIFIER = "0123456789abcdef0123456789abcdef"
 
-
 @pytest.hookimpl(tryfirst=True)
 def pytest_pyfunc_call(pyfuncitem):
     if not inspect.iscoroutinefunction(pyfuncitem.obj):
@@ -33,7 +32,6 @@ def pytest_pyfunc_call(pyfuncitem):
     arguments = {name: pyfuncitem.funcargs[name] for name in inspect.signature(pyfuncitem.obj).parameters}
     pyfuncitem.funcargs["loop"].run_until_complete(asyncio.wait_for(pyfuncitem.obj(**arguments), 3 * TIMEOUT))
     return True
-
 
 @pytest.fixture(autouse=True)
 def loop():
@@ -46,7 +44,6 @@ def loop():
         await asyncio.gather(*tasks, return_exceptions=True)
     loop.run_until_complete(end(asyncio.all_tasks(loop)))
     loop.close()
-
 
 class Client:
     """One client of the service at url: one loopback address, one token."""
@@ -117,24 +114,19 @@ class Client:
     def stored(self, name):
         return (self.root / name).read_bytes()
 
-
 async def in_pieces(data):
     """data as a body of no announced length: aiohttp sends it chunked."""
     yield data[:3]
     yield data[3:]
 
-
 def md5_header(data):
     return base64.b64encode(hashlib.md5(data).digest()).decode()
-
 
 def repr_digest(data):
     return "sha-256=:%s:" % base64.b64encode(hashlib.sha256(data).digest()).decode()
 
-
 def part_number(chunk):
     return int(chunk["url"].rsplit("partNumber=", 1)[1])
-
 
 async def until(condition, what):
     """Waits, TIMEOUT at most, until condition() (or what it awaits) is true; that value."""
@@ -143,7 +135,6 @@ async def until(condition, what):
         assert time.monotonic() < deadline, what
         await asyncio.sleep(0.02)
     return value
-
 
 async def raw_exchange(client, *pieces, gap=0.0, whole=True):
     """Sends pieces on one connection, gap seconds apart; what comes back until the service closes it, or its first line."""
@@ -156,14 +147,12 @@ async def raw_exchange(client, *pieces, gap=0.0, whole=True):
     finally:
         writer.close()
 
-
 @pytest.fixture
 def exits(loop):
     """What a test opened, closed after it."""
     stack = contextlib.AsyncExitStack()
     yield stack
     loop.run_until_complete(stack.aclose())
-
 
 @pytest.fixture
 def clients(exits):
@@ -177,7 +166,6 @@ def clients(exits):
         return Client(service.url, service.root, service.log, session, service.process)
     return client
 
-
 @pytest.fixture
 def serve(exits, clients, tmp_path, caplog):
     """await serve(chunk_size=8, tokens=(), front=None, expires=86400, **store_options): the service in this process."""
@@ -190,12 +178,10 @@ def serve(exits, clients, tmp_path, caplog):
         return await clients(Client("http://127.0.0.1:%d" % server.port, store.root, lambda: caplog.text))
     return start
 
-
 @pytest.fixture
 def service(loop, serve):
     """The service in this process with 8-byte parts."""
     return loop.run_until_complete(serve())
-
 
 @pytest.fixture
 def launch(exits, clients, tmp_path):

@@ -11,7 +11,6 @@ from conftest import IDENTIFIER, TIMEOUT, md5_header, raw_exchange, repr_digest
 from ztfileservice.launcher import SCRIPT
 from ztfileservice.server import Front
 
-
 @pytest.mark.parametrize("quiet_after", ["nothing", "half a head", "one request", "half a body", "slow body"])
 async def test_quiet_connections_are_closed(launch, quiet_after):
     service = await launch("--chunk-size", "8", "--idle-timeout", "1" if quiet_after == "slow body" else "0.5")
@@ -24,7 +23,6 @@ async def test_quiet_connections_are_closed(launch, quiet_after):
     held, first = {"half a body": ([(1, 3)], b"HTTP/1.1 400 "), "slow body": ([], b"HTTP/1.1 200 ")}.get(
         quiet_after, ([(1, None)], b""))
     assert await service.wanted("q.bin", 8) == held and answer.startswith(first)
-
 
 @pytest.mark.parametrize("descriptors, idle_timeout, count", [
     ((1024, 4096), "60", 1100),   # more quiet clients than the usual soft limit allows
@@ -45,7 +43,6 @@ async def test_quiet_clients_do_not_lock_others_out(launch, descriptors, idle_ti
             connection.close()
         resource.setrlimit(resource.RLIMIT_NOFILE, ours)
 
-
 @pytest.mark.parametrize("front, headers, base", [
     (Front(), {"X-Forwarded-Proto": "https", "X-Forwarded-Host": "elsewhere.example"}, None),
     (Front(trusted=["10.0.0.0/8"]), {"Forwarded": "proto=https;host=elsewhere.example"}, None),
@@ -63,7 +60,6 @@ async def test_addresses_follow_the_front(serve, front, headers, base):
     assert [chunk["url"] for chunk in answer["uploadInfo"]["chunks"]] == [
         "%s/upload/part?uploadID=%s&partNumber=1" % (base, answer["uploadInfo"]["uploadID"])]
 
-
 async def test_tls(launch, tmp_path):
     cert, key = str(tmp_path / "cert.pem"), str(tmp_path / "key.pem")
     subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
@@ -78,7 +74,6 @@ async def test_tls(launch, tmp_path):
     code, headers, body = await service.download("t.bin", {"Range": "bytes=4-"}, "POST")
     assert (code, body, headers["Repr-Digest"]) == (206, content[4:], repr_digest(content))
 
-
 @pytest.mark.parametrize("sent", [
     b"GARBAGE\r\n\r\n",
     b"GET /download HTTP/1.1\r\nHost: h\r\nContent-Length: x\r\n\r\n",
@@ -91,7 +86,6 @@ async def test_malformed_request_costs_one_log_line(launch, sent):
     service.process.stop()
     added = service.log()[len(before):].replace("INFO stopping\n", "")
     assert added.count("\n") == 1 and "Traceback" not in added, added
-
 
 def test_a_busy_port_says_so_in_one_line(tmp_path):
     with socket.socket() as busy:

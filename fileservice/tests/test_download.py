@@ -9,18 +9,18 @@ import pytest
 from conftest import TIMEOUT, repr_digest, until
 
 CONTENT = bytes(range(256)) * 4  # 1024 bytes
-
+RANGE = "bytes=10-19"
 
 @pytest.fixture
-def ranged(service):
+def ranged(service, tmp_path):
     service.put_file("r.bin", CONTENT)
     service.put_file("r.bin.gz", b"a file of its own, not an encoding of r.bin")
     service.put_file("empty", b"")
+    # A link, to a file inside the root or out of it, is not a stored file.
+    (tmp_path / "outside.txt").write_bytes(b"secret")
+    os.symlink(tmp_path / "outside.txt", service.root / "link.txt")
+    os.symlink(service.root / "r.bin", service.root / "inner-link.txt")
     return service
-
-
-RANGE = {"Range": "bytes=10-19"}
-
 
 @pytest.mark.parametrize("method", ["GET", "HEAD", "POST"])
 @pytest.mark.parametrize("name, headers, status, first, last", [
@@ -35,11 +35,11 @@ RANGE = {"Range": "bytes=10-19"}
     ("r.bin", {"Range": "bytes=1024-2000"}, 416, None, None),   # a start past the end
     ("r.bin", {"Range": "bytes=1024-"}, 416, None, None),
     ("r.bin", {"Range": "bytes=9-3"}, 416, None, None),
-    ("r.bin", dict(RANGE, **{"If-Range": "ETAG"}), 206, 10, 19),
-    ("r.bin", dict(RANGE, **{"If-Range": '"stale"'}), 200, 0, 1023),
-    ("r.bin", dict(RANGE, **{"If-Range": "W/ETAG"}), 200, 0, 1023),
-    ("r.bin", dict(RANGE, **{"If-Range": "Thu, 01 Jan 1970 00:00:00 GMT"}), 200, 0, 1023),
-    ("r.bin", dict(RANGE, **{"If-Range": "Fri, 01 Jan 2100 00:00:00 GMT"}), 206, 10, 19),
+    ("r.bin", {"Range": RANGE, "If-Range": "ETAG"}, 206, 10, 19),
+    ("r.bin", {"Range": RANGE, "If-Range": '"stale"'}, 200, 0, 1023),
+    ("r.bin", {"Range": RANGE, "If-Range": "W/ETAG"}, 200, 0, 1023),
+    ("r.bin", {"Range": RANGE, "If-Range": "Thu, 01 Jan 1970 00:00:00 GMT"}, 200, 0, 1023),
+    ("r.bin", {"Range": RANGE, "If-Range": "Fri, 01 Jan 2100 00:00:00 GMT"}, 206, 10, 19),
     ("r.bin", {"If-None-Match": "*"}, 304, None, None),
     ("empty", {}, 200, 0, -1),
     ("empty", {"Range": "bytes=0-1"}, 416, None, None),
@@ -49,21 +49,18 @@ async def test_answers_to_a_stored_file(ranged, method, name, headers, status, f
     etag = (await known_digest(ranged, name, content))["ETag"]
     assert etag.startswith('"') and len(etag) > 2       # strong: no W/
     code, got, body = await ranged.download(name, {k: v.replace("ETAG", etag) for k, v in headers.items()}, method)
-    # Every answer states the digest, none is an encoding of another file.
+    # Every answer states the digest, the listing the same; none is an encoding of another file.
     assert (code, got["ETag"], got["Repr-Digest"], got.get("Content-Encoding")) == (status, etag, repr_digest(content), None)
+    listed = (await ranged.call("/download/pathList", {}))[1]
+    assert [f["digest"] for f in listed if f["fileName"] == name] == [got["Repr-Digest"]]
     assert got["Content-Disposition"] == "attachment; filename=" + name
     if status == 416:
         assert (got["Content-Range"], body) == ("bytes */%d" % len(content), b"")
     elif status != 304:
-        assert body == (b"" if method == "HEAD" else content[first:last + 1])
-        assert int(got["Content-Length"]) == last + 1 - first
+        assert (body, int(got["Content-Length"])) == (b"" if method == "HEAD" else content[first:last + 1], last + 1 - first)
         assert got.get("Content-Range") == (None if status == 200 else "bytes %d-%d/1024" % (first, last))
-    listed = next(f for f in (await ranged.call("/download/pathList", {}))[1] if f["fileName"] == name)
-    assert listed["digest"] == got["Repr-Digest"]
-
 
 @pytest.mark.parametrize("method, paths, body, status", [
-    # A link, to a file inside the root or out of it, is not a stored file.
     ("GET", ["missing", "link.txt", "inner-link.txt"], None, 404),
     ("GET", [quote("../root/r.bin"), quote("a/b"), "a%00b", ".uploads", ".."], None, 403),
     ("GET", [None], None, 400),
@@ -73,14 +70,10 @@ async def test_answers_to_a_stored_file(ranged, method, name, headers, status, f
     ("POST", [None], b"{}", 400),
     ("POST", ["r.bin"], b'{"fileName": ""}', 200),   # the name in the address
 ])
-async def test_download_answers(ranged, tmp_path, method, paths, body, status):
-    (tmp_path / "outside.txt").write_bytes(b"secret")
-    os.symlink(tmp_path / "outside.txt", ranged.root / "link.txt")
-    os.symlink(ranged.root / "r.bin", ranged.root / "inner-link.txt")
+async def test_download_answers(ranged, method, paths, body, status):
     for path in paths:
         code, _, got = await ranged.request(method, "/download" + ("?fileName=" + path if path else ""), body)
         assert code == status and (got == CONTENT) == (status == 200), path
-
 
 async def known_digest(service, name, content):
     """The headers of the first answer that states the digest: answers may leave it out meanwhile, never state it wrong."""
@@ -89,16 +82,6 @@ async def known_digest(service, name, content):
         assert headers.get("Repr-Digest") in (None, repr_digest(content))
         return "Repr-Digest" in headers and headers
     return await until(stated, "the digest never came")
-
-
-def rewrite(path, content, in_place):
-    """Changes a file's bytes, keeping its size and modification time: in place, or as another file put in its place."""
-    st, target = path.stat(), path if in_place else path.with_suffix(".new")
-    with open(target, "r+b" if in_place else "wb") as f:
-        f.write(content)
-    os.utime(target, ns=(st.st_atime_ns, st.st_mtime_ns))
-    target.replace(path)
-
 
 @pytest.mark.parametrize("change", ["uploaded", "rewritten in place", "replaced"])
 async def test_tag_and_digest_follow_the_content(service, change):
@@ -109,34 +92,32 @@ async def test_tag_and_digest_follow_the_content(service, change):
         assert (await service.upload("e.txt", b"two"))[0] == "success"
         # Known from the upload itself: no answer goes without it.
         assert (await service.download("e.txt"))[1]["Repr-Digest"] == repr_digest(b"two")
-    else:
-        rewrite(service.root / "e.txt", b"two", change == "rewritten in place")
+    else:   # new bytes, the same size and modification time
+        path, in_place = service.root / "e.txt", change == "rewritten in place"
+        st, target = path.stat(), path if in_place else path.with_suffix(".new")
+        with open(target, "r+b" if in_place else "wb") as f:
+            f.write(b"two")
+        os.utime(target, ns=(st.st_atime_ns, st.st_mtime_ns))
+        target.replace(path)
     after = await known_digest(service, "e.txt", b"two")
-    assert after["ETag"] != before["ETag"]
     # A resume that names the old tag gets the whole new file.
-    code, _, body = await service.download("e.txt", {"Range": "bytes=1-", "If-Range": before["ETag"]})
-    assert (code, body) == (200, b"two")
+    assert after["ETag"] != before["ETag"]
+    assert (await service.download("e.txt", {"Range": "bytes=1-", "If-Range": before["ETag"]}))[::2] == (200, b"two")
     assert (await service.download("e.txt", {"If-None-Match": after["ETag"]}))[0] == 304
 
-
 @pytest.mark.parametrize("client", [
-    ["curl", "-sSf", "-o", "{out}", "{url}"],
-    ["curl", "-sSf", "-C", "-", "-o", "{out}", "{url}"],   # resumes the first 3 MiB already there
-    ["aria2c", "-q", "-x4", "-s4", "--min-split-size=1M", "--allow-overwrite=true",
-     "--auto-file-renaming=false", "-d", "{folder}", "-o", "out.bin", "{url}"],
+    "curl -sSf -o {out} {url}",
+    "curl -sSf -C - -o {out} {url}",   # resumes the first 3 MiB already there
+    "aria2c -q -x4 -s4 --min-split-size=1M --allow-overwrite=true --auto-file-renaming=false -d {folder} -o out.bin {url}",
 ], ids=["curl", "curl-resume", "aria2c-x4"])
 async def test_real_clients(service, tmp_path, client):
-    content = os.urandom(8 << 20)
+    content, out, url = os.urandom(8 << 20), tmp_path / "out.bin", service.url + "/download?fileName=big.bin"
     service.put_file("big.bin", content)
-    out = tmp_path / "out.bin"
-    if "-C" in client:
-        out.write_bytes(content[:3 << 20])
-    url = service.url + "/download?fileName=big.bin"
-    process = await asyncio.create_subprocess_exec(*(a.format(out=out, url=url, folder=tmp_path) for a in client),
+    out.write_bytes(content[:3 << 20] if "-C" in client else b"")
+    process = await asyncio.create_subprocess_exec(*client.format(out=out, url=url, folder=tmp_path).split(),
                                                    stdin=asyncio.subprocess.DEVNULL)
     assert await asyncio.wait_for(process.wait(), TIMEOUT * 2) == 0
     assert hashlib.sha256(out.read_bytes()).digest() == hashlib.sha256(content).digest()
-
 
 async def test_a_client_that_goes_away_is_one_line(service):
     service.put_file("away.bin", os.urandom(32 << 20))   # far more than the sockets hold

@@ -13,10 +13,8 @@ from conftest import IDENTIFIER, md5_header, until
 OTHER = "f" * 32
 LAST = b"wxyz"  # the last part of a 12-byte file cut into parts of 8
 
-
 def upload_id(chunk):
     return chunk["url"].split("uploadID=")[1].split("&")[0]
-
 
 @pytest.mark.parametrize("name, size", [("u.bin", 0), ("u.bin", 1), ("Grüße ñ 文件.txt", 7), ('a "b"; c=d.txt', 8),
                                         ("50% off,+&=.txt", 9), ("emoji 😀", 17)])
@@ -41,7 +39,6 @@ async def test_upload_and_download_back(service, name, size):
     assert await service.info(name, size) == {"exist": True, "cdnURL": url}
     assert [(await service.info(name, *other))["exist"] for other in ((size, OTHER), (size + 1,))] == [False, False]
 
-
 @pytest.mark.parametrize("query, headers, body, status", [
     ({}, {"X-Upload-Token": None}, LAST, 403),
     ({}, {"X-Upload-Token": "0" * 32}, LAST, 403),
@@ -63,7 +60,6 @@ async def test_part_refusals(service, query, headers, body, status):
     assert (await service.request("POST", path, body, sent))[0] == status
     assert await service.wanted("p.bin", 12) == [(1, None), (2, None)]   # nothing was kept
 
-
 async def cut_body(service, chunk, data, declared):
     """Sends the first bytes of a body of `declared` bytes, drops the connection,
     and waits until the service has dealt with the cut."""
@@ -74,7 +70,6 @@ async def cut_body(service, chunk, data, declared):
     writer.close()
     await writer.wait_closed()
     await until(lambda: service.log().count("(cut short)") > cuts, "the service did not notice the cut")
-
 
 # A small body is checked in memory; a large one is written as it comes, in
 # place where nothing of the part is held yet, through a scratch file where something is.
@@ -100,18 +95,6 @@ async def test_part_resumes_from_its_tail(serve, chunk, cut):
     assert await service.complete("t.bin") == ("fail", "illegalErr")
     assert (await service.upload("t.bin", content))[0] == "success" and service.stored("t.bin") == content
 
-
-async def test_parts_lost_from_the_folder_are_asked_again(service):
-    content = os.urandom(20)
-    chunks = await service.chunks("m.bin", 20)
-    assert await service.send_parts(chunks[0::2], content) == [200, 200]
-    # Bytes that vanished from the service's folder are asked for again.
-    os.truncate(service.root / ".uploads" / upload_id(chunks[0]) / "data", 16)
-    assert await service.send_parts(chunks[1:2], content) == [200]
-    assert await service.complete("m.bin") == ("fail", "illegalErr")
-    assert await service.wanted("m.bin", 20) == [(3, None)] and not (service.root / "m.bin").exists()
-
-
 def fold_logs_into_records(root):
     """Rewrites a root as the layout before the logs: every part in session.json, every upload done in completed.json."""
     uploads = root / ".uploads"
@@ -124,7 +107,6 @@ def fold_logs_into_records(root):
             session["parts"].setdefault(number, []).append([int(start), int(end)])
         (folder / "session.json").write_text(json.dumps(session))
         (folder / "parts.log").unlink()
-
 
 # A part answered 200 and a completed upload are kept whatever ends the
 # service, a kill included, and a root of the earlier layout is taken up too.
@@ -149,7 +131,6 @@ async def test_sessions_survive_a_restart(launch, signum, code, earlier_layout):
     assert (await second.complete("s.bin"))[0] == "success" and second.stored("s.bin") == content
     assert (await second.info("done.bin", 4))["exist"] is True
 
-
 async def test_expired_session_is_replaced(serve):
     now = [1e9]
     service = await serve(expires=2, clock=lambda: now[0])
@@ -159,18 +140,14 @@ async def test_expired_session_is_replaced(serve):
     # The same session, with the time it has left.
     assert (await service.info("x.bin", 3))["uploadInfo"] == dict(answer, expires=1)
     now[0] += 0.801
-    assert await service.send_part(answer["chunks"][0], b"123") == 404
-    assert await service.complete("x.bin") == ("fail", "notExist")
+    assert (await service.send_parts(answer["chunks"], b"123"), await service.complete("x.bin")) == ([404], ("fail", "notExist"))
     renewed = (await service.info("x.bin", 3))["uploadInfo"]
     assert renewed["uploadID"] != answer["uploadID"] and renewed["expires"] == 2
-    assert await service.send_part(renewed["chunks"][0], b"123") == 200
-    assert (await service.complete("x.bin"))[0] == "success"
+    assert await service.send_parts(renewed["chunks"], b"123") == [200] and (await service.complete("x.bin"))[0] == "success"
     assert not (service.root / ".uploads" / answer["uploadID"]).exists()
-
 
 def only_records_left(service):
     return {entry.name for entry in (service.root / ".uploads").iterdir()} <= {"completed.json", "completed.log"}
-
 
 async def test_concurrent_parts_and_completes(serve):
     part = 1 << 20
@@ -178,10 +155,14 @@ async def test_concurrent_parts_and_completes(serve):
     content = os.urandom(part * 6 + 100)
     chunks = await service.chunks("c.bin", len(content))
     assert await asyncio.gather(*(service.send_parts([chunk], content, part) for chunk in chunks)) == [[200]] * 7
+    # Bytes that vanished from the service's folder are asked for again.
+    os.truncate(service.root / ".uploads" / upload_id(chunks[0]) / "data", 6 * part + 50)
+    assert await service.complete("c.bin") == ("fail", "illegalErr")
+    assert await service.wanted("c.bin", len(content)) == [(7, None)] and not (service.root / "c.bin").exists()
+    assert await service.send_parts(chunks[6:], content, part) == [200]
     answers = await asyncio.gather(*(service.complete("c.bin") for _ in range(3)))
     assert [status for status, _ in answers].count("success") == 1 and answers.count(("fail", "notExist")) == 2
     assert service.stored("c.bin") == content and only_records_left(service)
-
 
 @pytest.mark.parametrize("second, tokens", [
     ({"identifier": OTHER}, ()),
@@ -206,7 +187,6 @@ async def test_two_uploads_of_one_name(serve, clients, second, tokens):
     # Only the client that completed it hears that it exists.
     assert [(await c.info("n.bin", 16, i))["exist"] for c, i in zip(users, identifiers)] == [k in winner for k in (0, 1)]
 
-
 async def test_open_sessions_per_client_are_bounded(serve, clients):
     service = await serve(max_sessions=2)
     ids = ["%032x" % n for n in range(3)]
@@ -218,7 +198,6 @@ async def test_open_sessions_per_client_are_bounded(serve, clients):
     assert await service.send_part(first["chunks"][0], b"abc") == 200
     assert (await service.complete("a", ids[0]))[0] == "success"
     assert (await service.info("c", 3, ids[2]))["exist"] is False
-
 
 async def test_room_is_asked_for_what_is_missing(launch, tmp_path):
     """On a disk of 64 KiB of its own: f holds 32 of its 40 KiB and g 12 KiB."""
@@ -236,12 +215,10 @@ async def test_room_is_asked_for_what_is_missing(launch, tmp_path):
     assert await service.send_parts(g_chunks[3:], g, part) + await service.send_parts(f_chunks[8:], f, part) == [404, 200, 200]
     assert (await service.complete("f.bin"))[0] == "success" and (await service.download("f.bin"))[2] == f
 
-
 def written_so_far():
     """Bytes this process has handed to write(): the service's files, the sockets both ways."""
     with open("/proc/self/io") as io:
         return next(int(line.split()[1]) for line in io if line.startswith("wchar:"))
-
 
 @pytest.mark.parametrize("what", ["parts of one upload", "uploads"])
 async def test_a_request_costs_the_same_however_many_came_before(service, what):
