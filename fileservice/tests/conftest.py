@@ -48,9 +48,10 @@ def loop():
 class Client:
     """One client of the service at url: one loopback address, one token."""
 
-    def __init__(self, url, root, log, session=None, process=None):
-        self.url, self.root, self.log, self.session, self.process = url, pathlib.Path(root), log, session, process
+    def __init__(self, url, root, log, process=None):
+        self.url, self.root, self.log, self.process = url, pathlib.Path(root), log, process
         self.host, self.port = url.rsplit("/", 1)[1].rsplit(":", 1)
+        self.session, self.opened = None, []   # opened: a 1 for each connection the session made
 
     async def request(self, method, path, body=None, headers=None):
         """(status, headers, body)"""
@@ -156,21 +157,22 @@ def exits(loop):
 
 @pytest.fixture
 def clients(exits):
-    """await clients(service, address=None, token=None): another client of that service."""
-    async def client(service, address=None, token=None, tls=None, **options):
-        connector = aiohttp.TCPConnector(local_addr=(address, 0) if address else None, ssl=tls)
-        session = aiohttp.ClientSession(connector=connector, auto_decompress=False, **options,
-                                        headers={"Authorization": "Bearer " + token} if token else {},
-                                        timeout=aiohttp.ClientTimeout(total=TIMEOUT))
-        exits.push_async_callback(session.close)
-        return Client(service.url, service.root, service.log, session, service.process)
+    """await clients(service, address=None, token=None, tls=None): another client of that service."""
+    async def client(service, address=None, token=None, tls=None):
+        made, counting = Client(service.url, service.root, service.log, service.process), aiohttp.TraceConfig()
+        counting.on_connection_create_end.append(lambda *_: asyncio.sleep(0, made.opened.append(1)))
+        made.session = aiohttp.ClientSession(
+            connector=aiohttp.TCPConnector(local_addr=(address, 0) if address else None, ssl=tls), auto_decompress=False,
+            headers={"Authorization": "Bearer " + token} if token else {}, trace_configs=[counting],
+            timeout=aiohttp.ClientTimeout(total=TIMEOUT))
+        exits.push_async_callback(made.session.close)
+        return made
     return client
 
 @pytest.fixture
 def serve(exits, clients, tmp_path, caplog):
     """await serve(chunk_size=8, tokens=(), front=None, expires=86400, **store_options): the service in this process."""
     caplog.set_level(logging.INFO, logger="zt-fileservice")
-
     async def start(chunk_size=8, tokens=(), front=None, expires=86400, **store_options):
         store = Store(str(tmp_path / "root"), chunk_size, expires, **store_options)
         exits.callback(store.digests.shutdown)
@@ -190,5 +192,5 @@ def launch(exits, clients, tmp_path):
         log = str(tmp_path / ("service-%f.log" % time.monotonic()))
         process = ServiceProcess(str(root or tmp_path / "root"), log, options, prefix, preexec_fn).start()
         exits.callback(process.stop)
-        return await clients(Client(process.url, process.root, process.log, process=process), tls=tls)
+        return await clients(Client(process.url, process.root, process.log, process), tls=tls)
     return start

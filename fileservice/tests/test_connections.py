@@ -28,20 +28,16 @@ async def test_quiet_connections_are_closed(launch, quiet_after):
     ((1024, 4096), "60", 1100),   # more quiet clients than the usual soft limit allows
     ((64, 64), "1", 100),         # more than the service may ever hold: the quiet ones are let go
 ], ids=["soft limit", "hard limit"])
-async def test_quiet_clients_do_not_lock_others_out(launch, descriptors, idle_timeout, count):
+async def test_quiet_clients_do_not_lock_others_out(launch, exits, descriptors, idle_timeout, count):
     ours = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (max(ours[0], min(ours[1], count + 256)), ours[1]))
-    quiet = []
-    try:
-        service = await launch("--idle-timeout", idle_timeout,
-                               preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, descriptors))
-        service.put_file("a.txt", b"abc")
-        quiet += [socket.create_connection((service.host, int(service.port)), timeout=TIMEOUT) for _ in range(count)]
-        assert (await service.request("GET", "/download?fileName=a.txt"))[2] == b"abc"
-    finally:
-        for connection in quiet:
-            connection.close()
-        resource.setrlimit(resource.RLIMIT_NOFILE, ours)
+    exits.callback(resource.setrlimit, resource.RLIMIT_NOFILE, ours)
+    service = await launch("--idle-timeout", idle_timeout,
+                           preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, descriptors))
+    service.put_file("a.txt", b"abc")
+    for _ in range(count):
+        exits.callback(socket.create_connection((service.host, int(service.port)), timeout=TIMEOUT).close)
+    assert (await service.download("a.txt"))[2] == b"abc"
 
 @pytest.mark.parametrize("front, headers, base", [
     (Front(), {"X-Forwarded-Proto": "https", "X-Forwarded-Host": "elsewhere.example"}, None),

@@ -1,9 +1,7 @@
 """JSON endpoints: answer words, token, listing and deleting, bodies and connections."""
-import asyncio
 import json
 import os
 
-import aiohttp
 import pytest
 
 from conftest import IDENTIFIER, md5_header, raw_exchange
@@ -95,20 +93,6 @@ async def test_list_and_delete(service, tmp_path):
     assert (await service.call("/delete", {"fileName": "d.txt"}))[0] == "success"
     assert (await service.info("d.txt", 4))["exist"] is False
     assert await service.call("/download/pathList", {}) == ("success", [])
-
-async def test_one_connection_carries_many_requests(service, clients):
-    opened, counting = [], aiohttp.TraceConfig()
-    counting.on_connection_create_end.append(lambda *_: asyncio.sleep(0, opened.append(1)))
-    client = await clients(service, trace_configs=[counting])
-    service.put_file("k.txt", b"keep alive")
-    chunk = (await service.chunks("n.bin", 8))[0]
-    # A part refused before its body is read leaves the connection usable.
-    assert (await client.request("POST", service.path(chunk), b"12345678", {"fileMD5": md5_header(b"12345678")}))[::2] == (
-        403, b"wrong upload token")
-    assert await client.send_part(chunk, b"12345678") == 200
-    assert (await client.download("k.txt", {"Range": "bytes=0-3"}))[::2] == (206, b"keep")
-    assert (await client.download("k.txt", method="POST"))[::2] == (200, b"keep alive")
-    assert (await client.complete("n.bin"))[0] == "success" and opened == [1] and service.stored("n.bin") == b"12345678"
 
 PAD = b'{"pad": "' + b" " * (2 << 20) + b'"}'
 

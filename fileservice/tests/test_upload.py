@@ -35,6 +35,7 @@ async def test_upload_and_download_back(service, name, size):
     for method in ("GET", "POST"):
         code, headers, body = await service.download(name, method=method)
         assert (code, body, headers["Content-Disposition"]) == (200, content, "attachment; filename=" + quoted)
+    assert len(service.opened) == 1   # one connection carried every request
     # Done once: the same name, identifier and size are known; another identifier or size is a new upload.
     assert await service.info(name, size) == {"exist": True, "cdnURL": url}
     assert [(await service.info(name, *other))["exist"] for other in ((size, OTHER), (size + 1,))] == [False, False]
@@ -59,6 +60,8 @@ async def test_part_refusals(service, query, headers, body, status):
     path = "/upload/part?" + urlencode(dict({"uploadID": upload_id(chunk), "partNumber": "2"}, **query))
     assert (await service.request("POST", path, body, sent))[0] == status
     assert await service.wanted("p.bin", 12) == [(1, None), (2, None)]   # nothing was kept
+    # A refused part leaves the connection usable, unless it is longer than any part could be.
+    assert len(service.opened) == (2 if status == 413 else 1)
 
 async def cut_body(service, chunk, data, declared):
     """Sends the first bytes of a body of `declared` bytes, drops the connection,
@@ -131,20 +134,24 @@ async def test_sessions_survive_a_restart(launch, signum, code, earlier_layout):
     assert (await second.complete("s.bin"))[0] == "success" and second.stored("s.bin") == content
     assert (await second.info("done.bin", 4))["exist"] is True
 
-async def test_expired_session_is_replaced(serve):
-    now = [1e9]
-    service = await serve(expires=2, clock=lambda: now[0])
-    answer = (await service.info("x.bin", 3))["uploadInfo"]
-    assert answer["expires"] == 2
+async def test_sessions_expire_and_are_bounded_per_client(serve, clients):
+    now, ids = [1e9], ["%032x" % n for n in range(3)]
+    service = await serve(expires=2, clock=lambda: now[0], max_sessions=2)
+    a, b = [(await service.info(name, 3, i))["uploadInfo"] for name, i in (("a", ids[0]), ("b", ids[1]))]
+    # Two at most: a third is refused; another client has sessions of its own.
+    assert await service.call("/upload/info", {"fileName": "c", "fileMD5": ids[2], "fileSize": 3}) == ("fail", "illegalErr")
+    assert (await (await clients(service, address="127.0.0.2")).info("c", 3, ids[2]))["exist"] is False
     now[0] += 1.2
-    # The same session, with the time it has left.
-    assert (await service.info("x.bin", 3))["uploadInfo"] == dict(answer, expires=1)
-    now[0] += 0.801
-    assert (await service.send_parts(answer["chunks"], b"123"), await service.complete("x.bin")) == ([404], ("fail", "notExist"))
-    renewed = (await service.info("x.bin", 3))["uploadInfo"]
-    assert renewed["uploadID"] != answer["uploadID"] and renewed["expires"] == 2
-    assert await service.send_parts(renewed["chunks"], b"123") == [200] and (await service.complete("x.bin"))[0] == "success"
-    assert not (service.root / ".uploads" / answer["uploadID"]).exists()
+    # Asked again, the same session, with the time it has left; done, it makes room.
+    assert a["expires"] == 2 and (await service.info("a", 3, ids[0]))["uploadInfo"] == dict(a, expires=1)
+    assert await service.send_parts(a["chunks"], b"abc") == [200] and (await service.complete("a", ids[0]))[0] == "success"
+    assert (await service.info("c", 3, ids[2]))["exist"] is False
+    now[0] += 0.801   # b's time is over
+    assert (await service.send_parts(b["chunks"], b"123"), await service.complete("b", ids[1])) == ([404], ("fail", "notExist"))
+    renewed = (await service.info("b", 3, ids[1]))["uploadInfo"]
+    assert renewed["uploadID"] != b["uploadID"] and renewed["expires"] == 2
+    assert await service.send_parts(renewed["chunks"], b"123") == [200] and (await service.complete("b", ids[1]))[0] == "success"
+    assert not (service.root / ".uploads" / b["uploadID"]).exists()
 
 def only_records_left(service):
     return {entry.name for entry in (service.root / ".uploads").iterdir()} <= {"completed.json", "completed.log"}
@@ -186,18 +193,6 @@ async def test_two_uploads_of_one_name(serve, clients, second, tokens):
     assert service.stored("n.bin") == contents[winner[0]] and only_records_left(service)
     # Only the client that completed it hears that it exists.
     assert [(await c.info("n.bin", 16, i))["exist"] for c, i in zip(users, identifiers)] == [k in winner for k in (0, 1)]
-
-async def test_open_sessions_per_client_are_bounded(serve, clients):
-    service = await serve(max_sessions=2)
-    ids = ["%032x" % n for n in range(3)]
-    first = (await service.info("a", 3, ids[0]))["uploadInfo"]
-    await service.info("b", 3, ids[1])
-    assert await service.call("/upload/info", {"fileName": "c", "fileMD5": ids[2], "fileSize": 3}) == ("fail", "illegalErr")
-    assert (await service.info("a", 3, ids[0]))["uploadInfo"]["uploadID"] == first["uploadID"]
-    assert (await (await clients(service, address="127.0.0.2")).info("c", 3, ids[2]))["exist"] is False
-    assert await service.send_part(first["chunks"][0], b"abc") == 200
-    assert (await service.complete("a", ids[0]))[0] == "success"
-    assert (await service.info("c", 3, ids[2]))["exist"] is False
 
 async def test_room_is_asked_for_what_is_missing(launch, tmp_path):
     """On a disk of 64 KiB of its own: f holds 32 of its 40 KiB and g 12 KiB."""
