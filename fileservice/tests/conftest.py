@@ -67,8 +67,7 @@ class Client:
         """A JSON endpoint: (status word, result)."""
         status, _, data = await self.request("POST", path, body if isinstance(body, bytes) else json.dumps(body), headers)
         assert status == 200, data
-        answer = json.loads(data)
-        return answer["status"], answer["result"]
+        return json.loads(data)["status"], json.loads(data)["result"]
 
     async def info(self, name, size, identifier=IDENTIFIER):
         status, result = await self.call("/upload/info", {"fileName": name, "fileMD5": identifier, "fileSize": size})
@@ -94,16 +93,15 @@ class Client:
         headers = dict(chunk["headers"], fileMD5=md5 or md5_header(data), **{"Content-Type": "application/json"})
         return (await self.request("POST", self.path(chunk), data, headers))[0]
 
-    async def send_parts(self, chunks, content, size=8):
+    async def send_parts(self, chunks, content, size=8, chunked=False):
         """Sends each chunk its bytes of content, one after the other: the statuses."""
-        return [await self.send_part(c, content[(part_number(c) - 1) * size:][:size]) for c in chunks]
+        parts = [(c, content[(part_number(c) - 1) * size:][:size]) for c in chunks]
+        return [await self.send_part(c, in_pieces(part) if chunked else part, md5_header(part)) for c, part in parts]
 
     async def upload(self, name, content, identifier=IDENTIFIER):
         """Sends every part info asks for, chunked, and completes: (status word, result)."""
         answer = (await self.info(name, len(content), identifier))["uploadInfo"]
-        for chunk in answer["chunks"]:
-            part = content[(part_number(chunk) - 1) * answer["chunkSize"]:][:answer["chunkSize"]]
-            assert await self.send_part(chunk, in_pieces(part), md5_header(part)) == 200
+        assert set(await self.send_parts(answer["chunks"], content, answer["chunkSize"], chunked=True)) <= {200}
         return await self.complete(name, identifier)
 
     async def complete(self, name, identifier=IDENTIFIER):
@@ -111,7 +109,6 @@ class Client:
 
     def put_file(self, name, content):
         (self.root / name).write_bytes(content)
-
     def stored(self, name):
         return (self.root / name).read_bytes()
 

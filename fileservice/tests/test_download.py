@@ -1,4 +1,4 @@
-"""Downloads: both request forms, ranges, names, entity tags, digests, and clients written elsewhere."""
+"""Downloads (both request forms, ranges, entity tags, digests, clients written elsewhere), the listing, deletes."""
 import asyncio
 import hashlib
 import os
@@ -74,6 +74,30 @@ async def test_download_answers(ranged, method, paths, body, status):
     for path in paths:
         code, _, got = await ranged.request(method, "/download" + ("?fileName=" + path if path else ""), body)
         assert code == status and (got == CONTENT) == (status == 200), path
+
+async def test_list_and_delete(ranged):
+    ranged.put_file(".hidden", b"h")
+    (ranged.root / "folder").mkdir()
+    await ranged.info("c.txt", 3)  # an upload session is not a stored file
+    assert (await ranged.upload("d.txt", b"dddd"))[0] == "success"
+    status, files = await ranged.call("/download/pathList", b"")
+    assert (status, [(f["fileName"], f["fileSize"]) for f in files]) == (
+        "success", [("d.txt", 4), ("empty", 0), ("r.bin", 1024), ("r.bin.gz", 43)])
+    for entry in files:
+        etag = (await ranged.download(entry["fileName"]))[1]["ETag"]
+        assert etag == '"%s"' % entry["etag"] and entry["modified"].endswith("Z")
+    for link in ("link.txt", "inner-link.txt"):
+        assert await ranged.call("/delete", {"fileName": link}) == ("fail", "notExist")
+        assert (ranged.root / link).is_symlink()
+    # "fileName" wins over "filename"; "filename" alone is enough.
+    assert await ranged.call("/delete", {"fileName": "empty", "filename": "r.bin"}) == ("success", {"fileName": "empty"})
+    assert (await ranged.call("/delete", {"filename": "r.bin"}))[0] == "success"
+    assert await ranged.call("/delete", {"fileName": "empty"}) == ("fail", "notExist")
+    # A deleted upload is not "exist" any more.
+    assert (await ranged.info("d.txt", 4))["exist"] is True
+    assert (await ranged.call("/delete", {"fileName": "d.txt"}))[0] == "success"
+    assert (await ranged.info("d.txt", 4))["exist"] is False
+    assert [f["fileName"] for f in (await ranged.call("/download/pathList", {}))[1]] == ["r.bin.gz"]
 
 async def known_digest(service, name, content):
     """The headers of the first answer that states the digest: answers may leave it out meanwhile, never state it wrong."""
