@@ -1,5 +1,5 @@
-"""The file service in this process (aiohttp's test server) or as a child
-process where a test needs one, and clients of either. Tests may be async."""
+"""The file service in this process (aiohttp's test server), or as a child process where a test
+needs one, and clients of either. Tests may be async."""
 import asyncio
 import base64
 import contextlib
@@ -46,7 +46,8 @@ def loop():
     loop.close()
 
 class Client:
-    """One client of the service at url: one loopback address, one token."""
+    """One client of the service at url: one loopback address, one token. Requests answer
+    (status, headers, body); JSON calls (status word, result)."""
 
     def __init__(self, url, root, log, process=None):
         self.url, self.root, self.log, self.process = url, pathlib.Path(root), log, process
@@ -54,7 +55,6 @@ class Client:
         self.session, self.opened = None, []   # opened: a 1 for each connection the session made
 
     async def request(self, method, path, body=None, headers=None):
-        """(status, headers, body)"""
         async with self.session.request(method, self.url + path, data=body, headers=headers) as answer:
             return answer.status, answer.headers, await answer.read()
 
@@ -64,7 +64,6 @@ class Client:
         return await self.request(method, "/download?fileName=" + quote(name), headers=headers)
 
     async def call(self, path, body, headers=None):
-        """A JSON endpoint: (status word, result)."""
         status, _, data = await self.request("POST", path, body if isinstance(body, bytes) else json.dumps(body), headers)
         assert status == 200, data
         return json.loads(data)["status"], json.loads(data)["result"]
@@ -81,15 +80,15 @@ class Client:
         """The parts info asks for: [(number, bytes already held)]."""
         return [(part_number(c), c.get("bytesSent")) for c in await self.chunks(name, size, identifier)]
 
-    def path(self, chunk):
-        return chunk["url"][len(self.url):]
-
     def part_head(self, chunk, length, md5):
         return ("POST %s HTTP/1.1\r\nHost: h\r\nContent-Length: %d\r\nX-Upload-Token: %s\r\nfileMD5: %s\r\n\r\n"
                 % (self.path(chunk), length, chunk["headers"]["X-Upload-Token"], md5)).encode()
 
+    def path(self, chunk):
+        return chunk["url"][len(self.url):]
+
     async def send_part(self, chunk, data, md5=None):
-        """Posts data to a chunk descriptor's url with its headers, as the plugin does; the status."""
+        """Posts data to a chunk descriptor's url with its headers, as the plugin does: the status."""
         headers = dict(chunk["headers"], fileMD5=md5 or md5_header(data), **{"Content-Type": "application/json"})
         return (await self.request("POST", self.path(chunk), data, headers))[0]
 
@@ -99,7 +98,7 @@ class Client:
         return [await self.send_part(c, in_pieces(part) if chunked else part, md5_header(part)) for c, part in parts]
 
     async def upload(self, name, content, identifier=IDENTIFIER):
-        """Sends every part info asks for, chunked, and completes: (status word, result)."""
+        """Sends every part info asks for, chunked, and completes."""
         answer = (await self.info(name, len(content), identifier))["uploadInfo"]
         assert set(await self.send_parts(answer["chunks"], content, answer["chunkSize"], chunked=True)) <= {200}
         return await self.complete(name, identifier)
@@ -109,6 +108,7 @@ class Client:
 
     def put_file(self, name, content):
         (self.root / name).write_bytes(content)
+
     def stored(self, name):
         return (self.root / name).read_bytes()
 
@@ -127,7 +127,7 @@ def part_number(chunk):
     return int(chunk["url"].rsplit("partNumber=", 1)[1])
 
 async def until(condition, what):
-    """Waits, TIMEOUT at most, until condition() (or what it awaits) is true; that value."""
+    """Waits, TIMEOUT at most, until condition() (or what it awaits) is true: that value."""
     deadline = time.monotonic() + TIMEOUT
     while not (value := await condition() if inspect.iscoroutinefunction(condition) else condition()):
         assert time.monotonic() < deadline, what
@@ -135,11 +135,11 @@ async def until(condition, what):
     return value
 
 async def raw_exchange(client, *pieces, gap=0.0, whole=True):
-    """Sends pieces on one connection, gap seconds apart; what comes back until the service closes it, or its first line."""
+    """Sends pieces on one connection, gap seconds apart: what comes back until the service closes it, or its first line."""
     reader, writer = await asyncio.open_connection(client.host, int(client.port))
     try:
-        for piece in pieces:
-            await asyncio.sleep(gap if piece is not pieces[0] else 0)
+        for index, piece in enumerate(pieces):
+            await asyncio.sleep(gap if index else 0)
             writer.write(piece)
         return await asyncio.wait_for(reader.read() if whole else reader.readline(), TIMEOUT)
     finally:
@@ -179,7 +179,7 @@ def serve(exits, clients, tmp_path, caplog):
 
 @pytest.fixture
 def service(loop, serve):
-    """The service in this process with 8-byte parts."""
+    """The service in this process, with 8-byte parts."""
     return loop.run_until_complete(serve())
 
 @pytest.fixture

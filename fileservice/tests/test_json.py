@@ -36,14 +36,10 @@ async def test_answer_words(service, path, bodies, word):
         assert (status, json.loads(data)) == (200, {"status": "fail", "result": word, "errorCode": code}), body
 
 @pytest.mark.parametrize("method, path, body", [
-    ("POST", "/download/pathList", {}),
-    ("POST", "/delete", {"fileName": "a.txt"}),
+    ("POST", "/download/pathList", {}), ("POST", "/delete", {"fileName": "a.txt"}),
     ("POST", "/upload/info", {"fileName": "a.txt", "fileMD5": IDENTIFIER, "fileSize": 3}),
-    ("POST", "/upload/complete", {"fileName": "a.txt", "fileMD5": IDENTIFIER}),
-    ("POST", "/download", {"fileName": "a.txt"}),
-    ("GET", "/download?fileName=a.txt", None),
-    ("HEAD", "/download?fileName=a.txt", None),
-    ("POST", "part", None),
+    ("POST", "/upload/complete", {"fileName": "a.txt", "fileMD5": IDENTIFIER}), ("POST", "/download", {"fileName": "a.txt"}),
+    ("GET", "/download?fileName=a.txt", None), ("HEAD", "/download?fileName=a.txt", None), ("POST", "part", None),
 ], ids=lambda value: value if isinstance(value, str) else None)
 async def test_token(serve, clients, method, path, body):
     service = await serve(tokens=["s3cret", "other"])

@@ -35,20 +35,15 @@ async def test_upload_and_download_back(service, name, size):
     assert await service.info(name, size) == {"exist": True, "cdnURL": url}
     assert [(await service.info(name, *other))["exist"] for other in ((size, OTHER), (size + 1,))] == [False, False]
 
-@pytest.mark.parametrize("query, headers, body, status", [
-    ({}, {"X-Upload-Token": None}, LAST, 403),
-    ({}, {"X-Upload-Token": "0" * 32}, LAST, 403),
-    ({"uploadID": "0" * 32}, {}, LAST, 404),
-    ({"partNumber": "0"}, {}, LAST, 400),
-    ({"partNumber": "3"}, {}, LAST, 400),
-    ({"partNumber": "two"}, {}, LAST, 400),
-    ({}, {"fileMD5": None}, LAST, 400),
-    ({}, {"fileMD5": md5_header(LAST[::-1])}, LAST, 400),
-    ({}, {"fileMD5": hashlib.md5(LAST).hexdigest()}, LAST, 400),
-    ({}, {}, b"v" + LAST, 400),          # longer than the last part
-    ({}, {}, b"123456789", 413),         # longer than any part
-], ids=["no token", "wrong token", "unknown upload", "part 0", "part past the end", "part not a number",
-        "no digest", "digest of other bytes", "digest in hex", "longer than the part", "longer than a part can be"])
+REFUSALS = {   # why: (query, headers, body, status)
+    "no token": ({}, {"X-Upload-Token": None}, LAST, 403), "wrong token": ({}, {"X-Upload-Token": "0" * 32}, LAST, 403),
+    "unknown upload": ({"uploadID": "0" * 32}, {}, LAST, 404), "part 0": ({"partNumber": "0"}, {}, LAST, 400),
+    "part past the end": ({"partNumber": "3"}, {}, LAST, 400), "part not a number": ({"partNumber": "two"}, {}, LAST, 400),
+    "no digest": ({}, {"fileMD5": None}, LAST, 400), "digest of other bytes": ({}, {"fileMD5": md5_header(b"")}, LAST, 400),
+    "digest in hex": ({}, {"fileMD5": hashlib.md5(LAST).hexdigest()}, LAST, 400),
+    "longer than the part": ({}, {}, b"v" + LAST, 400), "longer than a part can be": ({}, {}, b"123456789", 413)}
+
+@pytest.mark.parametrize("query, headers, body, status", REFUSALS.values(), ids=REFUSALS)
 async def test_part_refusals(service, query, headers, body, status):
     upload = (await service.info("p.bin", 12))["uploadInfo"]
     sent = {k: v for k, v in {**upload["chunks"][1]["headers"], "fileMD5": md5_header(body), **headers}.items() if v}
@@ -167,10 +162,8 @@ async def test_concurrent_parts_and_completes(serve):
     assert service.stored("c.bin") == content and only_records_left(service)
 
 @pytest.mark.parametrize("second, tokens", [
-    ({"identifier": OTHER}, ()),
-    ({"address": "127.0.0.2"}, ()),
-    ({"token": "t2"}, ("t1", "t2")),
-], ids=["one client, two identifiers", "two addresses, one identifier", "two tokens, one identifier"])
+    ({"identifier": OTHER}, ()), ({"address": "127.0.0.2"}, ()), ({"token": "t2"}, ("t1", "t2"))],
+    ids=["one client, two identifiers", "two addresses, one identifier", "two tokens, one identifier"])
 async def test_two_uploads_of_one_name(serve, clients, second, tokens):
     service = await serve(tokens=tokens)
     users = [await clients(service, token="t1" if tokens else None),
