@@ -1,5 +1,5 @@
-"""How clients reach the service: quiet connections, many of them, fronts, TLS,
-malformed requests, a busy port. Most need the service's own listener: a child process."""
+"""How clients reach the service: quiet or malformed connections, many of them, fronts, TLS, a busy port.
+Most need the service's own listener: a child process."""
 import resource
 import socket
 import ssl
@@ -11,18 +11,26 @@ from conftest import IDENTIFIER, TIMEOUT, md5_header, raw_exchange, repr_digest
 from ztfileservice.launcher import SCRIPT
 from ztfileservice.server import Front
 
-@pytest.mark.parametrize("quiet_after", ["nothing", "half a head", "one request", "half a body", "slow body"])
-async def test_quiet_connections_are_closed(launch, quiet_after):
-    service = await launch("--chunk-size", "8", "--idle-timeout", "1" if quiet_after == "slow body" else "0.5")
-    head = service.part_head((await service.chunks("q.bin", 8))[0], 8, md5_header(b"12345678"))
-    sent = {"nothing": [b""], "half a head": [b"GET /download?fileName=q.bin HTTP/1.1\r\nHost: h\r\n"],
-            "one request": [b"POST /download/pathList HTTP/1.1\r\nHost: h\r\nContent-Length: 0\r\n\r\n"],
-            # Every piece of the slow body comes well within the bound, the whole body (1.6 s) does not.
-            "half a body": [head + b"123"], "slow body": [head + b"12", b"3", b"4", b"56", b"78"]}[quiet_after]
-    answer = await raw_exchange(service, *sent, gap=0.4)   # answers, if any, then the end: the service let go
-    held, first = {"half a body": ([(1, 3)], b"HTTP/1.1 400 "), "slow body": ([], b"HTTP/1.1 200 ")}.get(
-        quiet_after, ([(1, None)], b""))
-    assert await service.wanted("q.bin", 8) == held and answer.startswith(first)
+@pytest.mark.parametrize("sent, held, status, lines", [
+    ([b""], None, b"", 0),
+    ([b"GET /download?fileName=q.bin HTTP/1.1\r\nHost: h\r\n"], None, b"", 0),
+    ([b"POST /download/pathList HTTP/1.1\r\nHost: h\r\nContent-Length: 0\r\n\r\n"], None, b"200", 0),
+    ([b"PART123"], 3, b"400", 1),
+    # Every piece comes well within the bound (1 s), the whole body (1.6 s) does not.
+    ([b"PART12", b"3", b"4", b"56", b"78"], 8, b"200", 1),
+    ([b"GARBAGE\r\n\r\n"], None, b"400", 1),
+    ([b"GET /download HTTP/1.1\r\nHost: h\r\nContent-Length: x\r\n\r\n"], None, b"400", 1),
+    ([b"POST /delete HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"], None, b"400", 1),
+], ids=["nothing", "half a head", "one request", "half a body", "slow body", "bad request line", "bad header", "bad chunk"])
+async def test_quiet_and_malformed_connections_are_closed(launch, sent, held, status, lines):
+    service = await launch("--chunk-size", "8", "--idle-timeout", "1" if len(sent) > 1 else "0.5")
+    head, before = service.part_head((await service.chunks("q.bin", 8))[0], 8, md5_header(b"12345678")), service.log()
+    # What comes back, if anything, then the end: the service let go.
+    answer = await raw_exchange(service, *(piece.replace(b"PART", head) for piece in sent), gap=0.4)
+    assert await service.wanted("q.bin", 8) == ([] if held == 8 else [(1, held)]) and answer[9:12] == status
+    service.process.stop()
+    added = service.log()[len(before):].replace("INFO stopping\n", "")
+    assert added.count("\n") == lines and "Traceback" not in added, added
 
 @pytest.mark.parametrize("descriptors, idle_timeout, count", [
     ((1024, 4096), "60", 1100),   # more quiet clients than the usual soft limit allows
@@ -69,19 +77,6 @@ async def test_tls(launch, tmp_path):
     assert (await service.upload("t.bin", content))[0] == "success"
     code, headers, body = await service.download("t.bin", {"Range": "bytes=4-"}, "POST")
     assert (code, body, headers["Repr-Digest"]) == (206, content[4:], repr_digest(content))
-
-@pytest.mark.parametrize("sent", [
-    b"GARBAGE\r\n\r\n",
-    b"GET /download HTTP/1.1\r\nHost: h\r\nContent-Length: x\r\n\r\n",
-    b"POST /delete HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n",
-], ids=["request line", "header", "chunked body"])
-async def test_malformed_request_costs_one_log_line(launch, sent):
-    service = await launch()
-    before = service.log()
-    assert (await raw_exchange(service, sent, whole=False)).split(b" ", 2)[1] == b"400"
-    service.process.stop()
-    added = service.log()[len(before):].replace("INFO stopping\n", "")
-    assert added.count("\n") == 1 and "Traceback" not in added, added
 
 def test_a_busy_port_says_so_in_one_line(tmp_path):
     with socket.socket() as busy:
