@@ -54,13 +54,10 @@ async def test_answers_to_a_stored_file(ranged, method, name, headers, status, f
         assert got.get("Content-Range") == (None if status == 200 else "bytes %d-%d/1024" % (first, last))
 
 @pytest.mark.parametrize("method, paths, body, status", [
-    ("GET", ["missing", "link.txt", "inner-link.txt"], None, 404),
+    ("GET", ["missing", "link.txt", "inner-link.txt"], None, 404), ("GET", [None], None, 400),
     ("GET", [quote("../root/r.bin"), quote("a/b"), "a%00b", ".uploads", ".."], None, 403),
-    ("GET", [None], None, 400),
-    ("POST", [None], b'{"fileName": "../r.bin"}', 403),
     *(("POST", [None], b'{"fileName": "%s"}' % name, 404) for name in (b"missing", b"link.txt", b"inner-link.txt")),
-    ("POST", [None], b"not json", 400),
-    ("POST", [None], b"{}", 400),
+    ("POST", [None], b'{"fileName": "../r.bin"}', 403), ("POST", [None], b"not json", 400), ("POST", [None], b"{}", 400),
     ("POST", ["r.bin"], b'{"fileName": ""}', 200),   # the name in the address
 ])
 async def test_download_answers(ranged, method, paths, body, status):
@@ -79,9 +76,9 @@ async def test_list_and_delete(ranged):
     for entry in files:
         etag = (await ranged.download(entry["fileName"]))[1]["ETag"]
         assert etag == '"%s"' % entry["etag"] and entry["modified"].endswith("Z")
-    for link in ("link.txt", "inner-link.txt"):
-        assert await ranged.call("/delete", {"fileName": link}) == ("fail", "notExist")
-        assert (ranged.root / link).is_symlink()
+    for link in ("link.txt", "inner-link.txt"):   # not stored files: nothing to delete
+        assert (await ranged.call("/delete", {"fileName": link}), (ranged.root / link).is_symlink()) == (
+            ("fail", "notExist"), True)
     # "fileName" wins over "filename"; "filename" alone is enough.
     assert await ranged.call("/delete", {"fileName": "empty", "filename": "r.bin"}) == ("success", {"fileName": "empty"})
     assert (await ranged.call("/delete", {"filename": "r.bin"}))[0] == "success"

@@ -10,23 +10,19 @@ INFO = {"fileName": "a", "fileMD5": IDENTIFIER, "fileSize": 1}
 BAD_NAMES = ["../a", "..", "a..b", "a/b", "/etc/passwd", "a\\b", "a\x00b", "a\nb", "a\x7fb",
              "a\x85b", ".uploads", ".hidden", "", "x" * 256, "\ud800", 5, ["a"]]
 
-def named(names, **extra):
-    return [dict(extra, fileName=name) for name in names]
-
 @pytest.mark.parametrize("path, bodies, word", [
     # The last nests past the parser's depth.
     ("/upload/info", [b"[1, 2]", b"{not json", b"null", b"\xff\xfe\x00garbage", b"[" * 100000], "parseErr"),
-    ("/delete", [b'"a.txt"'], "parseErr"),
+    ("/delete", [b'"a.txt"'], "parseErr"), ("/upload/complete", [{"fileName": "a"}], "require"),
     ("/upload/info", [b"", {"fileName": "a", "fileMD5": IDENTIFIER}, dict(INFO, fileSize=None),
                       {"fileMD5": IDENTIFIER, "fileSize": 1}], "require"),
-    ("/upload/complete", [{"fileName": "a"}], "require"),
     ("/delete", [{}, {"fileName": None}], "require"),
     ("/upload/info", [dict(INFO, fileMD5=value) for value in ("../../../etc/passwd", "0" * 31, "g" * 32, "0" * 32 + "\n")]
-     + [dict(INFO, fileSize=value) for value in (-1, 1.5, "12", True, 1 << 62)] + named(BAD_NAMES, **INFO), "illegalErr"),
-    ("/upload/complete", named(BAD_NAMES, **INFO), "illegalErr"),
-    ("/delete", named(BAD_NAMES), "illegalErr"),
-    ("/delete", [{"fileName": "absent.txt"}], "notExist"),
-    ("/upload/complete", [{"fileName": "a", "fileMD5": IDENTIFIER}], "notExist"),
+     + [dict(INFO, fileSize=value) for value in (-1, 1.5, "12", True, 1 << 62)]
+     + [dict(INFO, fileName=name) for name in BAD_NAMES], "illegalErr"),
+    ("/upload/complete", [dict(INFO, fileName=name) for name in BAD_NAMES], "illegalErr"),
+    ("/delete", [{"fileName": name} for name in BAD_NAMES], "illegalErr"),
+    ("/delete", [{"fileName": "absent.txt"}], "notExist"), ("/upload/complete", [{"fileName": "a", "fileMD5": IDENTIFIER}], "notExist"),
 ])
 async def test_answer_words(service, path, bodies, word):
     # Beside the word, the host's code for it, as the host library reads it.

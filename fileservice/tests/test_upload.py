@@ -25,8 +25,8 @@ async def test_upload_and_download_back(service, name, size):
     assert await service.info(name, size) == answer   # asked again, the same session
     assert await service.upload(name, content) == ("success", {"fileName": name, "fileSize": size, "cdnURL": url})
     # Stored, listed and served back under its own name, not an encoding of it.
-    assert os.listdir(service.root).count(name) == 1
-    assert [f["fileName"] for f in (await service.call("/download/pathList", {}))[1]] == [name]
+    listed = [f["fileName"] for f in (await service.call("/download/pathList", {}))[1]]
+    assert (os.listdir(service.root).count(name), listed) == (1, [name])
     for method in ("GET", "POST"):
         code, headers, body = await service.download(name, method=method)
         assert (code, body, headers["Content-Disposition"]) == (200, content, "attachment; filename=" + quoted)
@@ -105,8 +105,7 @@ def fold_logs_into_records(root):
     (signal.SIGTERM, 0, False), (signal.SIGINT, 0, False), (signal.SIGKILL, -signal.SIGKILL, False),
     (signal.SIGKILL, -signal.SIGKILL, True)])
 async def test_sessions_survive_a_restart(launch, signum, code, earlier_layout):
-    content = os.urandom(24)
-    first = await launch("--chunk-size", "8")
+    content, first = os.urandom(24), await launch("--chunk-size", "8")
     assert (await first.upload("done.bin", b"done"))[0] == "success"
     answer = (await first.info("s.bin", 24))["uploadInfo"]
     assert await first.send_part(answer["chunks"][0], content[:8]) == 200
@@ -150,13 +149,12 @@ async def test_concurrent_parts_and_completes(serve):
     part, content = 1 << 20, os.urandom((6 << 20) + 100)
     service = await serve(chunk_size=part)
     answer = (await service.info("c.bin", len(content)))["uploadInfo"]
-    chunks = answer["chunks"]
-    assert await asyncio.gather(*(service.send_parts([chunk], content, part) for chunk in chunks)) == [[200]] * 7
+    assert await asyncio.gather(*(service.send_parts([c], content, part) for c in answer["chunks"])) == [[200]] * 7
     # Bytes that vanished from the service's folder are asked for again.
     os.truncate(service.root / ".uploads" / answer["uploadID"] / "data", 6 * part + 50)
     assert await service.complete("c.bin") == ("fail", "illegalErr")
     assert await service.wanted("c.bin", len(content)) == [(7, None)] and not (service.root / "c.bin").exists()
-    assert await service.send_parts(chunks[6:], content, part) == [200]
+    assert await service.send_parts(answer["chunks"][6:], content, part) == [200]
     answers = await asyncio.gather(*(service.complete("c.bin") for _ in range(3)))
     assert [status for status, _ in answers].count("success") == 1 and answers.count(("fail", "notExist")) == 2
     assert service.stored("c.bin") == content and only_records_left(service)
@@ -168,8 +166,7 @@ async def test_two_uploads_of_one_name(serve, clients, second, tokens):
     service = await serve(tokens=tokens)
     users = [await clients(service, token="t1" if tokens else None),
              await clients(service, address=second.get("address"), token=second.get("token"))]
-    identifiers = [IDENTIFIER, second.get("identifier", IDENTIFIER)]
-    contents = [os.urandom(16), os.urandom(16)]
+    identifiers, contents = [IDENTIFIER, second.get("identifier", IDENTIFIER)], [os.urandom(16), os.urandom(16)]
     uploads = [(await c.info("n.bin", 16, i))["uploadInfo"] for c, i in zip(users, identifiers)]
     assert uploads[0]["uploadID"] != uploads[1]["uploadID"]
     for number in (0, 1):   # interleaved, as two clients at a time would
