@@ -134,14 +134,15 @@ async def until(condition, what):
         await asyncio.sleep(0.02)
     return value
 
-async def raw_exchange(client, *pieces, gap=0.0, whole=True):
-    """Sends pieces on one connection, gap seconds apart: what comes back until the service closes it, or its first line."""
+async def raw_exchange(client, *pieces, gap=0.0, read=asyncio.StreamReader.read):
+    """Sends pieces on one connection, gap seconds apart, and closes it: what read() got first
+    (by default all until the service closed it), nothing when read is None."""
     reader, writer = await asyncio.open_connection(client.host, int(client.port))
     try:
         for index, piece in enumerate(pieces):
             await asyncio.sleep(gap if index else 0)
             writer.write(piece)
-        return await asyncio.wait_for(reader.read() if whole else reader.readline(), TIMEOUT)
+        return read and await asyncio.wait_for(read(reader), TIMEOUT)
     finally:
         writer.close()
 

@@ -1,5 +1,6 @@
 """JSON endpoints: answer words, the token, bodies too large."""
 import json
+from asyncio import StreamReader
 
 import pytest
 
@@ -22,7 +23,8 @@ BAD_NAMES = ["../a", "..", "a..b", "a/b", "/etc/passwd", "a\\b", "a\x00b", "a\nb
      + [dict(INFO, fileName=name) for name in BAD_NAMES], "illegalErr"),
     ("/upload/complete", [dict(INFO, fileName=name) for name in BAD_NAMES], "illegalErr"),
     ("/delete", [{"fileName": name} for name in BAD_NAMES], "illegalErr"),
-    ("/delete", [{"fileName": "absent.txt"}], "notExist"), ("/upload/complete", [{"fileName": "a", "fileMD5": IDENTIFIER}], "notExist"),
+    ("/delete", [{"fileName": "absent.txt"}], "notExist"),
+    ("/upload/complete", [{"fileName": "a", "fileMD5": IDENTIFIER}], "notExist"),
 ])
 async def test_answer_words(service, path, bodies, word):
     # Beside the word, the host's code for it, as the host library reads it.
@@ -59,14 +61,13 @@ async def test_token(serve, clients, method, path, body):
 
 PAD = b'{"pad": "' + b" " * (2 << 20) + b'"}'
 
-@pytest.mark.parametrize("request_bytes, whole", [
-    (b"POST /download/pathList HTTP/1.1\r\nHost: h\r\nContent-Length: %d\r\n\r\n%s" % (len(PAD), PAD), True),
+# Sent: the service closes the connection after its 413. Announced too large: refused before it is sent.
+@pytest.mark.parametrize("request_bytes, read", [
+    (b"POST /download/pathList HTTP/1.1\r\nHost: h\r\nContent-Length: %d\r\n\r\n%s" % (len(PAD), PAD), StreamReader.read),
     (b"POST /download/pathList HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n%x\r\n%s\r\n0\r\n\r\n"
-     % (len(PAD), PAD), True),
-    # Announced too large, refused before it is sent.
+     % (len(PAD), PAD), StreamReader.read),
     *((b"POST %s HTTP/1.1\r\nHost: h\r\nExpect: 100-continue\r\nContent-Length: %d\r\n\r\n" % (path, (8 << 20) + 1),
-       False) for path in (b"/upload/info", b"/download", b"/upload/part?uploadID=x&partNumber=1")),
+       StreamReader.readline) for path in (b"/upload/info", b"/download", b"/upload/part?uploadID=x&partNumber=1")),
 ], ids=["length", "chunked", "info announced", "download announced", "part announced"])
-async def test_oversized_bodies_are_refused(service, request_bytes, whole):
-    # Whole: the service closes the connection after its 413.
-    assert (await raw_exchange(service, request_bytes, whole=whole)).startswith(b"HTTP/1.1 413 ")
+async def test_oversized_bodies_are_refused(service, request_bytes, read):
+    assert (await raw_exchange(service, request_bytes, read=read)).startswith(b"HTTP/1.1 413 ")

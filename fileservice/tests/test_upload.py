@@ -8,7 +8,7 @@ from urllib.parse import quote, urlencode
 
 import pytest
 
-from conftest import IDENTIFIER, md5_header, until
+from conftest import IDENTIFIER, md5_header, raw_exchange, until
 
 OTHER = "f" * 32
 LAST = b"wxyz"  # the last part of a 12-byte file cut into parts of 8
@@ -57,10 +57,7 @@ async def cut_body(service, chunk, data, declared):
     """Sends the first bytes of a body of `declared` bytes, drops the connection, waits until the service noticed."""
     cuts = service.log().count("(cut short)")
     # Nothing comes back before the body ends, so the close is a plain end of stream, not a reset.
-    _, writer = await asyncio.open_connection(service.host, int(service.port))
-    writer.write(service.part_head(chunk, declared, md5_header(b"?")) + data)
-    writer.close()
-    await writer.wait_closed()
+    await raw_exchange(service, service.part_head(chunk, declared, md5_header(b"?")) + data, read=None)
     await until(lambda: service.log().count("(cut short)") > cuts, "the service did not notice the cut")
 
 # A small body is checked in memory; a large one is written as it comes, in
