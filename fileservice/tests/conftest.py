@@ -1,5 +1,4 @@
-"""The file service in this process (aiohttp's test server), or as a child process where a test
-needs one, and clients of either. Tests may be async."""
+"""The file service in this process (aiohttp's test server) or as a child process, and clients. Tests may be async."""
 import asyncio
 import base64
 import contextlib
@@ -46,8 +45,7 @@ def loop():
     loop.close()
 
 class Client:
-    """One client of the service at url: one loopback address, one token. Requests answer
-    (status, headers, body); JSON calls (status word, result)."""
+    """One loopback address, one token. Requests answer (status, headers, body), JSON calls (status word, result)."""
 
     def __init__(self, url, root, log, process=None):
         self.url, self.root, self.log, self.process = url, pathlib.Path(root), log, process
@@ -112,8 +110,7 @@ class Client:
     def stored(self, name):
         return (self.root / name).read_bytes()
 
-async def in_pieces(data):
-    """data as a body of no announced length: aiohttp sends it chunked."""
+async def in_pieces(data):   # a body of no announced length: aiohttp sends it chunked
     yield data[:3]
     yield data[3:]
 
@@ -135,8 +132,7 @@ async def until(condition, what):
     return value
 
 async def raw_exchange(client, *pieces, gap=0.0, read=asyncio.StreamReader.read):
-    """Sends pieces on one connection, gap seconds apart, and closes it: what read() got first
-    (by default all until the service closed it), nothing when read is None."""
+    """Sends pieces on one connection, gap seconds apart, then closes it: what read() got (by default all)."""
     reader, writer = await asyncio.open_connection(client.host, int(client.port))
     try:
         for index, piece in enumerate(pieces):

@@ -1,5 +1,4 @@
-"""How clients reach the service: quiet or malformed connections, many of them, fronts, TLS, a busy port.
-Most need the service's own listener: a child process."""
+"""Quiet or malformed connections, many of them, fronts, TLS, a busy port: most need a child process's listener."""
 import resource
 import socket
 import ssl
@@ -12,16 +11,14 @@ from ztfileservice.launcher import SCRIPT
 from ztfileservice.server import Front
 
 @pytest.mark.parametrize("sent, held, status, lines", [
-    ([b""], None, b"", 0),
-    ([b"GET /download?fileName=q.bin HTTP/1.1\r\nHost: h\r\n"], None, b"", 0),
+    ([b""], None, b"", 0), ([b"GET /download?fileName=q.bin HTTP/1.1\r\nHost: h\r\n"], None, b"", 0),
     ([b"POST /download/pathList HTTP/1.1\r\nHost: h\r\nContent-Length: 0\r\n\r\n"], None, b"200", 0),
-    ([b"PART123"], 3, b"400", 1),
-    # Every piece comes well within the bound (1 s), the whole body (1.6 s) does not.
-    ([b"PART12", b"3", b"4", b"56", b"78"], 8, b"200", 1),
-    ([b"GARBAGE\r\n\r\n"], None, b"400", 1),
+    ([b"PART123"], 3, b"400", 1), ([b"GARBAGE\r\n\r\n"], None, b"400", 1),
     ([b"GET /download HTTP/1.1\r\nHost: h\r\nContent-Length: x\r\n\r\n"], None, b"400", 1),
     ([b"POST /delete HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"], None, b"400", 1),
-], ids=["nothing", "half a head", "one request", "half a body", "slow body", "bad request line", "bad header", "bad chunk"])
+    # Every piece comes well within the bound (1 s), the whole body (1.6 s) does not.
+    ([b"PART12", b"3", b"4", b"56", b"78"], 8, b"200", 1),
+], ids=["nothing", "half a head", "one request", "half a body", "bad request line", "bad header", "bad chunk", "slow body"])
 async def test_quiet_and_malformed_connections_are_closed(launch, sent, held, status, lines):
     service = await launch("--chunk-size", "8", "--idle-timeout", "1" if len(sent) > 1 else "0.5")
     head, before = service.part_head((await service.chunks("q.bin", 8))[0], 8, md5_header(b"12345678")), service.log()
@@ -72,16 +69,14 @@ async def test_tls(launch, tmp_path):
     service = await launch("--chunk-size", "8", "--tls-cert", cert, "--tls-key", key,
                            tls=ssl.create_default_context(cafile=cert))
     assert service.url.startswith("https://127.0.0.1:")
-    content = b"twenty bytes of data"
-    assert all(chunk["url"].startswith(service.url + "/upload/part?") for chunk in await service.chunks("t.bin", 20))
+    content, chunks = b"twenty bytes of data", await service.chunks("t.bin", 20)
+    assert all(chunk["url"].startswith(service.url + "/upload/part?") for chunk in chunks)
     assert (await service.upload("t.bin", content))[0] == "success"
     code, headers, body = await service.download("t.bin", {"Range": "bytes=4-"}, "POST")
     assert (code, body, headers["Repr-Digest"]) == (206, content[4:], repr_digest(content))
 
 def test_a_busy_port_says_so_in_one_line(tmp_path):
-    with socket.socket() as busy:
-        busy.bind(("127.0.0.1", 0))
-        busy.listen()
+    with socket.create_server(("127.0.0.1", 0)) as busy:
         port = busy.getsockname()[1]
         result = subprocess.run(["/usr/bin/python3", "-B", SCRIPT, "--root", str(tmp_path), "--host", "127.0.0.1",
                                  "--port", str(port)], capture_output=True, timeout=TIMEOUT)

@@ -34,8 +34,7 @@ def ranged(service, tmp_path):
         ("ETAG", 206, 10, 19), ('"stale"', 200, 0, 1023), ("W/ETAG", 200, 0, 1023),
         ("Thu, 01 Jan 1970 00:00:00 GMT", 200, 0, 1023), ("Fri, 01 Jan 2100 00:00:00 GMT", 206, 10, 19)]),
     ("r.bin", {"If-None-Match": "*"}, 304, None, None),
-    ("empty", {}, 200, 0, -1),
-    ("empty", {"Range": "bytes=0-1"}, 416, None, None),
+    ("empty", {}, 200, 0, -1), ("empty", {"Range": "bytes=0-1"}, 416, None, None),
 ], ids=lambda value: repr(value) if isinstance(value, dict) else None)
 async def test_answers_to_a_stored_file(ranged, method, name, headers, status, first, last):
     content = ranged.stored(name)
@@ -120,8 +119,7 @@ async def test_tag_and_digest_follow_the_content(service, change):
     assert (await service.download("e.txt", {"If-None-Match": after["ETag"]}))[0] == 304
 
 @pytest.mark.parametrize("client", [
-    "curl -sSf -o {out} {url}",
-    "curl -sSf -C - -o {out} {url}",   # resumes the first 3 MiB already there
+    "curl -sSf -o {out} {url}", "curl -sSf -C - -o {out} {url}",   # the second resumes the first 3 MiB already there
     "aria2c -q -x4 -s4 --min-split-size=1M --allow-overwrite=true --auto-file-renaming=false -d {folder} -o out.bin {url}",
 ], ids=["curl", "curl-resume", "aria2c-x4"])
 async def test_real_clients(service, tmp_path, client):

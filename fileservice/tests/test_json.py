@@ -16,8 +16,7 @@ BAD_NAMES = ["../a", "..", "a..b", "a/b", "/etc/passwd", "a\\b", "a\x00b", "a\nb
     ("/upload/info", [b"[1, 2]", b"{not json", b"null", b"\xff\xfe\x00garbage", b"[" * 100000], "parseErr"),
     ("/delete", [b'"a.txt"'], "parseErr"), ("/upload/complete", [{"fileName": "a"}], "require"),
     ("/upload/info", [b"", {"fileName": "a", "fileMD5": IDENTIFIER}, dict(INFO, fileSize=None),
-                      {"fileMD5": IDENTIFIER, "fileSize": 1}], "require"),
-    ("/delete", [{}, {"fileName": None}], "require"),
+                      {"fileMD5": IDENTIFIER, "fileSize": 1}], "require"), ("/delete", [{}, {"fileName": None}], "require"),
     ("/upload/info", [dict(INFO, fileMD5=value) for value in ("../../../etc/passwd", "0" * 31, "g" * 32, "0" * 32 + "\n")]
      + [dict(INFO, fileSize=value) for value in (-1, 1.5, "12", True, 1 << 62)]
      + [dict(INFO, fileName=name) for name in BAD_NAMES], "illegalErr"),
