@@ -74,8 +74,7 @@ class Client:
     async def chunks(self, name, size, identifier=IDENTIFIER):
         return (await self.info(name, size, identifier))["uploadInfo"]["chunks"]
 
-    async def wanted(self, name, size, identifier=IDENTIFIER):
-        """The parts info asks for: [(number, bytes already held)]."""
+    async def wanted(self, name, size, identifier=IDENTIFIER):   # the parts info asks for: [(number, bytes held)]
         return [(part_number(c), c.get("bytesSent")) for c in await self.chunks(name, size, identifier)]
 
     def part_head(self, chunk, length, md5):
@@ -85,8 +84,7 @@ class Client:
     def path(self, chunk):
         return chunk["url"][len(self.url):]
 
-    async def send_part(self, chunk, data, md5=None):
-        """Posts data to a chunk descriptor's url with its headers, as the plugin does: the status."""
+    async def send_part(self, chunk, data, md5=None):   # to the descriptor's url with its headers, as the plugin: the status
         headers = dict(chunk["headers"], fileMD5=md5 or md5_header(data), **{"Content-Type": "application/json"})
         return (await self.request("POST", self.path(chunk), data, headers))[0]
 
@@ -143,8 +141,7 @@ async def raw_exchange(client, *pieces, gap=0.0, read=asyncio.StreamReader.read)
         writer.close()
 
 @pytest.fixture
-def exits(loop):
-    """What a test opened, closed after it."""
+def exits(loop):   # what a test opened, closed after it
     stack = contextlib.AsyncExitStack()
     yield stack
     loop.run_until_complete(stack.aclose())
@@ -175,8 +172,7 @@ def serve(exits, clients, tmp_path, caplog):
     return start
 
 @pytest.fixture
-def service(loop, serve):
-    """The service in this process, with 8-byte parts."""
+def service(loop, serve):   # the service in this process, with 8-byte parts
     return loop.run_until_complete(serve())
 
 @pytest.fixture

@@ -113,8 +113,8 @@ async def test_tag_and_digest_follow_the_content(service, change):
         os.utime(target, ns=(st.st_atime_ns, st.st_mtime_ns))
         target.replace(path)
     after = await known_digest(service, "e.txt", b"two")
-    # A resume that names the old tag gets the whole new file.
     assert after["ETag"] != before["ETag"]
+    # A resume that names the old tag gets the whole new file.
     assert (await service.download("e.txt", {"Range": "bytes=1-", "If-Range": before["ETag"]}))[::2] == (200, b"two")
     assert (await service.download("e.txt", {"If-None-Match": after["ETag"]}))[0] == 304
 

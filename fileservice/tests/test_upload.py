@@ -182,15 +182,13 @@ async def test_room_is_asked_for_what_is_missing(launch, tmp_path):
     assert await service.send_parts(f_chunks[8:], f, part) == [200, 200]
     assert (await service.complete("f.bin"))[0] == "success" and (await service.download("f.bin"))[2] == f
 
-def written_so_far():
-    """Bytes this process has handed to write(): the service's files, the sockets both ways."""
+def written_so_far():   # bytes this process handed to write(): the service's files, the sockets both ways
     with open("/proc/self/io") as io:
         return next(int(line.split()[1]) for line in io if line.startswith("wchar:"))
 
 @pytest.mark.parametrize("what", ["parts of one upload", "uploads"])
 async def test_a_request_costs_the_same_however_many_came_before(service, what):
-    content, costs = os.urandom(8 * 200), []
-    chunks = await service.chunks("p.bin", len(content))
+    content, costs, chunks = os.urandom(1600), [], await service.chunks("p.bin", 1600)
     for n in range(200):
         before = written_so_far()
         if what == "uploads":
