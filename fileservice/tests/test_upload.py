@@ -35,7 +35,7 @@ async def test_upload_and_download_back(service, name, size):
     assert await service.info(name, size) == {"exist": True, "cdnURL": url}
     assert [(await service.info(name, *other))["exist"] for other in ((size, OTHER), (size + 1,))] == [False, False]
 
-REFUSALS = {   # why: (query, headers, body, status)
+REFUSALS = {   # case: (query, headers, body, status)
     "no token": ({}, {"X-Upload-Token": None}, LAST, 403), "wrong token": ({}, {"X-Upload-Token": "0" * 32}, LAST, 403),
     "unknown upload": ({"uploadID": "0" * 32}, {}, LAST, 404), "part 0": ({"partNumber": "0"}, {}, LAST, 400),
     "part past the end": ({"partNumber": "3"}, {}, LAST, 400), "part not a number": ({"partNumber": "two"}, {}, LAST, 400),
