@@ -24,6 +24,7 @@ from ztfileservice.store import Store  # noqa: E402
 TIMEOUT = 20  # seconds any single wait may take
 IDENTIFIER = "0123456789abcdef0123456789abcdef"
 
+
 @pytest.hookimpl(tryfirst=True)
 def pytest_pyfunc_call(pyfuncitem):
     if not inspect.iscoroutinefunction(pyfuncitem.obj):
@@ -31,6 +32,7 @@ def pytest_pyfunc_call(pyfuncitem):
     arguments = {name: pyfuncitem.funcargs[name] for name in inspect.signature(pyfuncitem.obj).parameters}
     pyfuncitem.funcargs["loop"].run_until_complete(asyncio.wait_for(pyfuncitem.obj(**arguments), 3 * TIMEOUT))
     return True
+
 
 @pytest.fixture(autouse=True)
 def loop():
@@ -43,6 +45,7 @@ def loop():
         await asyncio.gather(*tasks, return_exceptions=True)
     loop.run_until_complete(end(asyncio.all_tasks(loop)))
     loop.close()
+
 
 class Client:
     """One loopback address, one token. Requests answer (status, headers, body), JSON calls (status word, result)."""
@@ -108,18 +111,23 @@ class Client:
     def stored(self, name):
         return (self.root / name).read_bytes()
 
+
 async def in_pieces(data):   # a body of no announced length: aiohttp sends it chunked
     yield data[:3]
     yield data[3:]
 
+
 def md5_header(data):
     return base64.b64encode(hashlib.md5(data).digest()).decode()
+
 
 def repr_digest(data):
     return "sha-256=:%s:" % base64.b64encode(hashlib.sha256(data).digest()).decode()
 
+
 def part_number(chunk):
     return int(chunk["url"].rsplit("partNumber=", 1)[1])
+
 
 async def until(condition, what):
     """Waits, TIMEOUT at most, until condition() (or what it awaits) is true: that value."""
@@ -128,6 +136,7 @@ async def until(condition, what):
         assert time.monotonic() < deadline, what
         await asyncio.sleep(0.02)
     return value
+
 
 async def raw_exchange(client, *pieces, gap=0.0, read=asyncio.StreamReader.read):
     """Sends pieces on one connection, gap seconds apart, then closes it: what read() got (by default all)."""
@@ -140,11 +149,13 @@ async def raw_exchange(client, *pieces, gap=0.0, read=asyncio.StreamReader.read)
     finally:
         writer.close()
 
+
 @pytest.fixture
 def exits(loop):   # what a test opened, closed after it
     stack = contextlib.AsyncExitStack()
     yield stack
     loop.run_until_complete(stack.aclose())
+
 
 @pytest.fixture
 def clients(exits):
@@ -160,6 +171,7 @@ def clients(exits):
         return made
     return client
 
+
 @pytest.fixture
 def serve(exits, clients, tmp_path, caplog):
     """await serve(chunk_size=8, tokens=(), front=None, expires=86400, **store_options): the service in this process."""
@@ -171,9 +183,11 @@ def serve(exits, clients, tmp_path, caplog):
         return await clients(Client("http://127.0.0.1:%d" % server.port, store.root, lambda: caplog.text))
     return start
 
+
 @pytest.fixture
 def service(loop, serve):   # the service in this process, with 8-byte parts
     return loop.run_until_complete(serve())
+
 
 @pytest.fixture
 def launch(exits, clients, tmp_path):

@@ -10,6 +10,7 @@ from conftest import IDENTIFIER, TIMEOUT, md5_header, raw_exchange, repr_digest
 from ztfileservice.launcher import SCRIPT
 from ztfileservice.server import Front
 
+
 @pytest.mark.parametrize("sent, held, status, lines", [
     ([b""], None, b"", 0), ([b"GET /download?fileName=q.bin HTTP/1.1\r\nHost: h\r\n"], None, b"", 0),
     ([b"POST /download/pathList HTTP/1.1\r\nHost: h\r\nContent-Length: 0\r\n\r\n"], None, b"200", 0),
@@ -19,6 +20,8 @@ from ztfileservice.server import Front
     # Every piece comes well within the bound (1 s), the whole body (1.6 s) does not.
     ([b"PART12", b"3", b"4", b"56", b"78"], 8, b"200", 1),
 ], ids=["nothing", "half a head", "one request", "half a body", "bad request line", "bad header", "bad chunk", "slow body"])
+
+
 async def test_quiet_and_malformed_connections_are_closed(launch, sent, held, status, lines):
     service = await launch("--chunk-size", "8", "--idle-timeout", "1" if len(sent) > 1 else "0.5")
     head, before = service.part_head((await service.chunks("q.bin", 8))[0], 8, md5_header(b"12345678")), service.log()
@@ -29,10 +32,13 @@ async def test_quiet_and_malformed_connections_are_closed(launch, sent, held, st
     added = service.log()[len(before):].replace("INFO stopping\n", "")
     assert added.count("\n") == lines and "Traceback" not in added, added
 
+
 @pytest.mark.parametrize("descriptors, idle_timeout, count", [
     ((1024, 4096), "60", 1100),   # more quiet clients than the usual soft limit allows
     ((64, 64), "1", 100),         # more than the service may ever hold: the quiet ones are let go
 ], ids=["soft limit", "hard limit"])
+
+
 async def test_quiet_clients_do_not_lock_others_out(launch, exits, descriptors, idle_timeout, count):
     ours = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (max(ours[0], min(ours[1], count + 256)), ours[1]))
@@ -44,6 +50,7 @@ async def test_quiet_clients_do_not_lock_others_out(launch, exits, descriptors, 
         exits.callback(socket.create_connection((service.host, int(service.port)), timeout=TIMEOUT).close)
     assert (await service.download("a.txt"))[2] == b"abc"
 
+
 @pytest.mark.parametrize("front, headers, base", [
     (Front(), {"X-Forwarded-Proto": "https", "X-Forwarded-Host": "elsewhere.example"}, None),
     (Front(trusted=["10.0.0.0/8"]), {"Forwarded": "proto=https;host=elsewhere.example"}, None),
@@ -53,6 +60,8 @@ async def test_quiet_clients_do_not_lock_others_out(launch, exits, descriptors, 
      "https://files.example"),
     (Front("https://files.example/zt/", ["127.0.0.1"]), {"X-Forwarded-Proto": "http"}, "https://files.example/zt"),
 ], ids=["no front trusted", "another front trusted", "X-Forwarded", "Forwarded", "public URL"])
+
+
 async def test_addresses_follow_the_front(serve, front, headers, base):
     service = await serve(front=front)
     status, answer = await service.call("/upload/info", {"fileName": "a b", "fileMD5": IDENTIFIER, "fileSize": 3}, headers)
@@ -60,6 +69,7 @@ async def test_addresses_follow_the_front(serve, front, headers, base):
     assert answer["cdnURL"] == base + "/download?fileName=a%20b"
     assert [chunk["url"] for chunk in answer["uploadInfo"]["chunks"]] == [
         "%s/upload/part?uploadID=%s&partNumber=1" % (base, answer["uploadInfo"]["uploadID"])]
+
 
 async def test_tls(launch, tmp_path):
     cert, key = str(tmp_path / "cert.pem"), str(tmp_path / "key.pem")
@@ -74,6 +84,7 @@ async def test_tls(launch, tmp_path):
     assert (await service.upload("t.bin", content))[0] == "success"
     code, headers, body = await service.download("t.bin", {"Range": "bytes=4-"}, "POST")
     assert (code, body, headers["Repr-Digest"]) == (206, content[4:], repr_digest(content))
+
 
 def test_a_busy_port_says_so_in_one_line(tmp_path):
     with socket.create_server(("127.0.0.1", 0)) as busy:

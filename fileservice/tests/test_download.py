@@ -10,6 +10,7 @@ from conftest import TIMEOUT, repr_digest, until
 
 CONTENT = bytes(range(256)) * 4  # 1024 bytes
 
+
 @pytest.fixture
 def ranged(service, tmp_path):
     service.put_file("r.bin", CONTENT)
@@ -21,7 +22,10 @@ def ranged(service, tmp_path):
     os.symlink(service.root / "r.bin", service.root / "inner-link.txt")
     return service
 
+
 @pytest.mark.parametrize("method", ["GET", "HEAD", "POST"])
+
+
 # Ranges: the plugin's probe, the whole, ends past the size (clamped; one past the last byte, as chunk plans ask),
 # the last byte, a suffix; starts past the end and reversed ranges (416).
 @pytest.mark.parametrize("name, headers, status, first, last", [
@@ -36,6 +40,8 @@ def ranged(service, tmp_path):
     ("r.bin", {"If-None-Match": "*"}, 304, None, None),
     ("empty", {}, 200, 0, -1), ("empty", {"Range": "bytes=0-1"}, 416, None, None),
 ], ids=lambda value: repr(value) if isinstance(value, dict) else None)
+
+
 async def test_answers_to_a_stored_file(ranged, method, name, headers, status, first, last):
     content = ranged.stored(name)
     etag = (await known_digest(ranged, name, content))["ETag"]
@@ -52,6 +58,7 @@ async def test_answers_to_a_stored_file(ranged, method, name, headers, status, f
         assert (body, int(got["Content-Length"])) == (b"" if method == "HEAD" else content[first:last + 1], last + 1 - first)
         assert got.get("Content-Range") == (None if status == 200 else "bytes %d-%d/1024" % (first, last))
 
+
 @pytest.mark.parametrize("method, paths, body, status", [
     ("GET", ["missing", "link.txt", "inner-link.txt"], None, 404), ("GET", [None], None, 400),
     ("GET", [quote("../root/r.bin"), quote("a/b"), "a%00b", ".uploads", ".."], None, 403),
@@ -59,10 +66,13 @@ async def test_answers_to_a_stored_file(ranged, method, name, headers, status, f
     ("POST", [None], b'{"fileName": "../r.bin"}', 403), ("POST", [None], b"not json", 400), ("POST", [None], b"{}", 400),
     ("POST", ["r.bin"], b'{"fileName": ""}', 200),   # the name in the address
 ])
+
+
 async def test_download_answers(ranged, method, paths, body, status):
     for path in paths:
         code, _, got = await ranged.request(method, "/download" + ("?fileName=" + path if path else ""), body)
         assert code == status and (got == CONTENT) == (status == 200), path
+
 
 async def test_list_and_delete(ranged):
     ranged.put_file(".hidden", b"h")
@@ -88,6 +98,7 @@ async def test_list_and_delete(ranged):
     assert (await ranged.info("d.txt", 4))["exist"] is False
     assert [f["fileName"] for f in (await ranged.call("/download/pathList", {}))[1]] == ["r.bin.gz"]
 
+
 async def known_digest(service, name, content):
     """The headers of the first answer that states the digest: answers may leave it out meanwhile, never state it wrong."""
     async def stated():
@@ -95,6 +106,7 @@ async def known_digest(service, name, content):
         assert headers.get("Repr-Digest") in (None, repr_digest(content))
         return "Repr-Digest" in headers and headers
     return await until(stated, "the digest never came")
+
 
 @pytest.mark.parametrize("change", ["uploaded", "rewritten in place", "replaced"])
 async def test_tag_and_digest_follow_the_content(service, change):
@@ -118,10 +130,13 @@ async def test_tag_and_digest_follow_the_content(service, change):
     assert (await service.download("e.txt", {"Range": "bytes=1-", "If-Range": before["ETag"]}))[::2] == (200, b"two")
     assert (await service.download("e.txt", {"If-None-Match": after["ETag"]}))[0] == 304
 
+
 @pytest.mark.parametrize("client", [
     "curl -sSf -o {out} {url}", "curl -sSf -C - -o {out} {url}",   # the second resumes the first 3 MiB already there
     "aria2c -q -x4 -s4 --min-split-size=1M --allow-overwrite=true --auto-file-renaming=false -d {folder} -o out.bin {url}",
 ], ids=["curl", "curl-resume", "aria2c-x4"])
+
+
 async def test_real_clients(service, tmp_path, client):
     content, out, url = os.urandom(8 << 20), tmp_path / "out.bin", service.url + "/download?fileName=big.bin"
     service.put_file("big.bin", content)
@@ -130,6 +145,7 @@ async def test_real_clients(service, tmp_path, client):
                                                    stdin=asyncio.subprocess.DEVNULL)
     assert await asyncio.wait_for(process.wait(), TIMEOUT * 2) == 0
     assert hashlib.sha256(out.read_bytes()).digest() == hashlib.sha256(content).digest()
+
 
 async def test_a_client_that_goes_away_is_one_line(service):
     service.put_file("away.bin", os.urandom(32 << 20))   # far more than the sockets hold

@@ -11,6 +11,7 @@ INFO = {"fileName": "a", "fileMD5": IDENTIFIER, "fileSize": 1}
 BAD_NAMES = ["../a", "..", "a..b", "a/b", "/etc/passwd", "a\\b", "a\x00b", "a\nb", "a\x7fb",
              "a\x85b", ".uploads", ".hidden", "", "x" * 256, "\ud800", 5, ["a"]]
 
+
 @pytest.mark.parametrize("path, bodies, word", [
     # The last nests past the parser's depth.
     ("/upload/info", [b"[1, 2]", b"{not json", b"null", b"\xff\xfe\x00garbage", b"[" * 100000], "parseErr"),
@@ -25,6 +26,8 @@ BAD_NAMES = ["../a", "..", "a..b", "a/b", "/etc/passwd", "a\\b", "a\x00b", "a\nb
     ("/delete", [{"fileName": "absent.txt"}], "notExist"),
     ("/upload/complete", [{"fileName": "a", "fileMD5": IDENTIFIER}], "notExist"),
 ])
+
+
 async def test_answer_words(service, path, bodies, word):
     # Beside the word, the host's code for it, as the host library reads it.
     code = {"require": 20693, "parseErr": 20695, "illegalErr": 20707, "notExist": 20712}[word]
@@ -32,12 +35,15 @@ async def test_answer_words(service, path, bodies, word):
         status, _, data = await service.request("POST", path, body if isinstance(body, bytes) else json.dumps(body))
         assert (status, json.loads(data)) == (200, {"status": "fail", "result": word, "errorCode": code}), body
 
+
 @pytest.mark.parametrize("method, path, body", [
     ("POST", "/download/pathList", {}), ("POST", "/delete", {"fileName": "a.txt"}),
     ("POST", "/upload/info", {"fileName": "a.txt", "fileMD5": IDENTIFIER, "fileSize": 3}),
     ("POST", "/upload/complete", {"fileName": "a.txt", "fileMD5": IDENTIFIER}), ("POST", "/download", {"fileName": "a.txt"}),
     ("GET", "/download?fileName=a.txt", None), ("HEAD", "/download?fileName=a.txt", None), ("POST", "part", None),
 ], ids=lambda value: value if isinstance(value, str) else None)
+
+
 async def test_token(serve, clients, method, path, body):
     service = await serve(tokens=["s3cret", "other"])
     service.put_file("a.txt", b"abc")
@@ -60,6 +66,7 @@ async def test_token(serve, clients, method, path, body):
 
 PAD = b'{"pad": "' + b" " * (2 << 20) + b'"}'
 
+
 # Sent: the service closes the connection after its 413. Announced too large: refused before it is sent.
 @pytest.mark.parametrize("request_bytes, read", [
     (b"POST /download/pathList HTTP/1.1\r\nHost: h\r\nContent-Length: %d\r\n\r\n%s" % (len(PAD), PAD), StreamReader.read),
@@ -68,5 +75,7 @@ PAD = b'{"pad": "' + b" " * (2 << 20) + b'"}'
     *((b"POST %s HTTP/1.1\r\nHost: h\r\nExpect: 100-continue\r\nContent-Length: %d\r\n\r\n" % (path, (8 << 20) + 1),
        StreamReader.readline) for path in (b"/upload/info", b"/download", b"/upload/part?uploadID=x&partNumber=1")),
 ], ids=["length", "chunked", "info announced", "download announced", "part announced"])
+
+
 async def test_oversized_bodies_are_refused(service, request_bytes, read):
     assert (await raw_exchange(service, request_bytes, read=read)).startswith(b"HTTP/1.1 413 ")

@@ -13,8 +13,11 @@ from conftest import IDENTIFIER, md5_header, raw_exchange, until
 OTHER = "f" * 32
 LAST = b"wxyz"  # the last part of a 12-byte file cut into parts of 8
 
+
 @pytest.mark.parametrize("name, size", [("u.bin", 0), ("u.bin", 1), ("Grüße ñ 文件.txt", 7), ('a "b"; c=d.txt', 8),
                                         ("50% off,+&=.txt", 9), ("emoji 😀", 17)])
+
+
 async def test_upload_and_download_back(service, name, size):
     content, quoted, answer = os.urandom(size), quote(name, safe=""), await service.info(name, size)
     url, upload = service.url + "/download?fileName=" + quoted, answer["uploadInfo"]
@@ -43,6 +46,7 @@ REFUSALS = {   # case: (query, headers, body, status)
     "digest in hex": ({}, {"fileMD5": hashlib.md5(LAST).hexdigest()}, LAST, 400),
     "longer than the part": ({}, {}, b"v" + LAST, 400), "longer than a part can be": ({}, {}, b"123456789", 413)}
 
+
 @pytest.mark.parametrize("query, headers, body, status", REFUSALS.values(), ids=REFUSALS)
 async def test_part_refusals(service, query, headers, body, status):
     upload = (await service.info("p.bin", 12))["uploadInfo"]
@@ -53,12 +57,14 @@ async def test_part_refusals(service, query, headers, body, status):
     # A refused part leaves the connection usable, unless it is longer than any part could be.
     assert len(service.opened) == (2 if status == 413 else 1)
 
+
 async def cut_body(service, chunk, data, declared):
     """Sends the first bytes of a body of `declared` bytes, drops the connection, waits until the service noticed."""
     cuts = service.log().count("(cut short)")
     # Nothing comes back before the body ends, so the close is a plain end of stream, not a reset.
     await raw_exchange(service, service.part_head(chunk, declared, md5_header(b"?")) + data, read=None)
     await until(lambda: service.log().count("(cut short)") > cuts, "the service did not notice the cut")
+
 
 # A small body is checked in memory; a large one is written as it comes, in
 # place where nothing of the part is held yet, through a scratch file where something is.
@@ -83,6 +89,7 @@ async def test_part_resumes_from_its_tail(serve, chunk, cut):
     assert await service.complete("t.bin") == ("fail", "illegalErr")
     assert (await service.upload("t.bin", content))[0] == "success" and service.stored("t.bin") == content
 
+
 def fold_logs_into_records(root):
     """Rewrites a root as the layout before the logs: every part in session.json, every upload done in completed.json."""
     uploads = root / ".uploads"
@@ -96,11 +103,14 @@ def fold_logs_into_records(root):
         (folder / "session.json").write_text(json.dumps(session))
         (folder / "parts.log").unlink()
 
+
 # A part answered 200 and a completed upload are kept whatever ends the
 # service, a kill included, and a root of the earlier layout is taken up too.
 @pytest.mark.parametrize("signum, code, earlier_layout", [
     (signal.SIGTERM, 0, False), (signal.SIGINT, 0, False), (signal.SIGKILL, -signal.SIGKILL, False),
     (signal.SIGKILL, -signal.SIGKILL, True)])
+
+
 async def test_sessions_survive_a_restart(launch, signum, code, earlier_layout):
     content, first = os.urandom(24), await launch("--chunk-size", "8")
     assert (await first.upload("done.bin", b"done"))[0] == "success"
@@ -117,6 +127,7 @@ async def test_sessions_survive_a_restart(launch, signum, code, earlier_layout):
     assert await second.send_parts(again["chunks"][1:], content) == [200]
     assert (await second.complete("s.bin"))[0] == "success" and second.stored("s.bin") == content
     assert (await second.info("done.bin", 4))["exist"] is True
+
 
 async def test_sessions_expire_and_are_bounded_per_client(serve, clients):
     now, ids = [1e9], ["%032x" % n for n in range(3)]
@@ -138,9 +149,12 @@ async def test_sessions_expire_and_are_bounded_per_client(serve, clients):
     assert (await service.upload("b", b"123", ids[1]))[0] == "success"
     assert not (service.root / ".uploads" / b["uploadID"]).exists()
 
+
 @pytest.mark.parametrize("second, tokens", [
     ({"identifier": OTHER}, ()), ({"address": "127.0.0.2"}, ()), ({"token": "t2"}, ("t1", "t2"))],
     ids=["one client, two identifiers", "two addresses, one identifier", "two tokens, one identifier"])
+
+
 async def test_two_uploads_of_one_name(serve, clients, second, tokens):
     part, size = 1 << 20, (2 << 20) + 100   # three parts each, the first two written in place as they come
     service = await serve(chunk_size=part, tokens=tokens)
@@ -166,6 +180,7 @@ async def test_two_uploads_of_one_name(serve, clients, second, tokens):
     # Only the client that completed it hears that it exists.
     assert [(await c.info("n.bin", size, i))["exist"] for c, i in zip(users, identifiers)] == [k == winner for k in (0, 1)]
 
+
 async def test_room_is_asked_for_what_is_missing(launch, tmp_path):
     """On a disk of 64 KiB of its own: f holds 32 of its 40 KiB and g 12 KiB."""
     root, part, f, g = str(tmp_path / "root"), 4096, os.urandom(40960), bytes(16384)
@@ -182,9 +197,11 @@ async def test_room_is_asked_for_what_is_missing(launch, tmp_path):
     assert await service.send_parts(f_chunks[8:], f, part) == [200, 200]
     assert (await service.complete("f.bin"))[0] == "success" and (await service.download("f.bin"))[2] == f
 
+
 def written_so_far():   # bytes this process handed to write(): the service's files, the sockets both ways
     with open("/proc/self/io") as io:
         return next(int(line.split()[1]) for line in io if line.startswith("wchar:"))
+
 
 @pytest.mark.parametrize("what", ["parts of one upload", "uploads"])
 async def test_a_request_costs_the_same_however_many_came_before(service, what):
