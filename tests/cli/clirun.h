@@ -2,11 +2,9 @@
 
 #include "../../cli/exitcode.h" // the support folder has a fileserviceprocess.h of its own
 
-#include <QHash>
 #include <QMetaType>
 #include <QProcess>
 #include <QProcessEnvironment>
-#include <QString>
 #include <QStringList>
 #include <QTest>
 
@@ -23,15 +21,11 @@ public:
 
     void setEnv(const QString &name, const QString &value) { m_env.insert(name, value); }
     void unsetEnv(const QString &name) { m_env.remove(name); }
-    // Runs ztcli under a file-size limit of blocks * 512 bytes (through sh's
-    // "ulimit -f"), with SIGXFSZ ignored: a write past the limit fails with
-    // EFBIG, as on a full disk, instead of killing the process. -1: no limit.
+    // A file-size limit of blocks * 512 bytes with SIGXFSZ ignored: a write
+    // past it fails with EFBIG, as on a full disk. -1: no limit.
     void setFileSizeLimit(qint64 blocks) { m_fileSizeLimit = blocks; }
-    // Runs ztcli under this program, e.g. {"/usr/bin/time", "-f", "%M"}.
-    void setWrapper(const QStringList &program) { m_wrapper = program; }
-    // Sends stderr to this file (a terminal's device, say) instead of err().
+    void setWrapper(const QStringList &program) { m_wrapper = program; } // e.g. /usr/bin/time
     void setStderrFile(const QString &path) { m_process.setStandardErrorFile(path, QIODevice::Append); }
-    // Reads stdin from this file (a terminal's device, as for someone at it).
     void setStdinFile(const QString &path) { m_process.setStandardInputFile(path); }
 
     void start(const QStringList &arguments);
@@ -39,12 +33,11 @@ public:
     bool finish(int timeoutMs = 60000);
     // start() and finish(); the exit status, or -1 after a time-out or crash.
     ExitCode run(const QStringList &arguments, int timeoutMs = 60000);
+    // Starts `ztcli serve` over root and returns the address it prints.
+    QString serve(const QString &root);
 
-    // Waits (bounded) until stdout holds a full line and returns it.
-    QString firstLine(int timeoutMs = 20000);
     void interrupt(); // SIGINT, as Ctrl-C sends it
     bool isRunning() const { return m_process.state() != QProcess::NotRunning; }
-
     ExitCode exitCode() const;
     QString out() const { return QString::fromUtf8(m_out); }
     QString err() const { return QString::fromUtf8(m_err); }
@@ -61,17 +54,14 @@ private:
     QStringList m_wrapper;
 };
 
+bool writeFile(const QString &path, const QByteArray &content);
+
 Q_DECLARE_METATYPE(ExitCode)
 
-// A failed comparison of exit statuses names them.
 namespace QTest {
 template <>
-inline char *toString(const ExitCode &code)
+inline char *toString(const ExitCode &code) // a failed QCOMPARE names the numbers (exitcode.h)
 {
-    static const QHash<int, const char *> names{
-        {ExitSuccess, "ExitSuccess"}, {ExitNotFound, "ExitNotFound"}, {ExitUsage, "ExitUsage"},
-        {ExitServer, "ExitServer"},   {ExitTransfer, "ExitTransfer"}, {ExitSetup, "ExitSetup"},
-        {ExitInterrupted, "ExitInterrupted"}};
-    return qstrdup(QByteArray(names.value(code, "not an exit status")) + " (" + QByteArray::number(int(code)) + ')');
+    return qstrdup(QByteArray::number(int(code)));
 }
 } // namespace QTest

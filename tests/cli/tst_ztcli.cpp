@@ -22,32 +22,21 @@ private Q_SLOTS:
     void partialListsAndClears();
 
 private:
-    void store(const QString &name, const QByteArray &content);
-
     QTemporaryDir m_home;
     QTemporaryDir m_store;
-    QScopedPointer<CliRun> m_service; // kills the service at the end
+    CliRun m_service{m_home.path()}; // kills the service at the end
     QString m_url;
 };
 
 void tst_Ztcli::initTestCase()
 {
     QVERIFY(m_home.isValid() && m_store.isValid());
-    m_service.reset(new CliRun(m_home.path()));
-    m_service->start({"serve", "--root", m_store.path(), "--port", "0"});
-    m_url = m_service->firstLine();
-    QVERIFY2(m_url.startsWith(QLatin1String("http://127.0.0.1:")), qPrintable(m_service->output()));
-    store(QStringLiteral("listed-a.txt"), "hello");
-    store(QStringLiteral("listed-b.bin"), QByteArray(1000, 'x'));
-    store(QString::fromUtf8("ä b.txt"), "hello world");
-    for (const char *name : {"del-a", "del-b"})
-        store(QLatin1String(name), name);
-}
-
-void tst_Ztcli::store(const QString &name, const QByteArray &content)
-{
-    QFile file(QDir(m_store.path()).filePath(name));
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
+    m_url = m_service.serve(m_store.path());
+    QVERIFY2(m_url.startsWith(QLatin1String("http://127.0.0.1:")), qPrintable(m_service.output()));
+    const QDir store(m_store.path());
+    for (const auto &[name, content] : {std::pair{"listed-a.txt", QByteArray("hello")}, {"listed-b.bin", QByteArray(1000, 'x')},
+                                        {"ä b.txt", QByteArray("hello world")}, {"del-a", {}}, {"del-b", {}}})
+        QVERIFY(writeFile(store.filePath(QString::fromUtf8(name)), content));
 }
 
 void tst_Ztcli::commands_data()
@@ -59,7 +48,8 @@ void tst_Ztcli::commands_data()
     QTest::addColumn<QString>("gone"); // a stored file that must be gone afterwards
 
     // Nothing listens on port 1 of the loopback interface: connections are refused at once.
-    const QString refused = QStringLiteral("http://127.0.0.1:1");
+    const QStringList refused{"--server", "http://127.0.0.1:1"};
+    const QStringList served{"--server", m_url};
     const QString missing = QDir(m_home.path()).filePath(QStringLiteral("no-such-file"));
     const QString underAFile = QStringLiteral(ZT_README "/sub");
     const QString defaultTemp = QRegularExpression::escape(QDir(m_home.path()).filePath("cache/ztcli/partial"));
@@ -68,33 +58,30 @@ void tst_Ztcli::commands_data()
         QTest::newRow(tag) << args << env << status << says << gone;
     };
     row("usage error", {"frobnicate"}, ExitUsage, "unknown command \"frobnicate\"\nRun \"ztcli --help\"");
-    row("--help", {"--help"}, ExitSuccess, "Exit status:");
     row("--version", {"list", "--version"}, ExitSuccess, "ztcli 1\\.5\\.20, host of plugin interface Zephyrtide");
     row("no server address", {"list"}, ExitUsage, "no server address: give --server URL or set ZT_SERVER");
     row("not a service address", {"--server", "ftp://host", "list"}, ExitUsage, "is not a file service address");
     row("address without its port", {"--server", "http://127.0.0.1:", "list"}, ExitUsage, "is not a file service address");
     // Unusable local files and folders are found before the service is even asked.
-    row("destination not writable", {"--server", refused, "download", "a", "--to", underAFile}, ExitUsage,
+    row("destination not writable", refused + QStringList{"download", "a", "--to", underAFile}, ExitUsage,
         "cannot write in the destination folder");
-    row("temp not writable", {"--server", refused, "--temp", underAFile, "download", "a"}, ExitUsage,
+    row("temp not writable", refused + QStringList{"--temp", underAFile, "download", "a"}, ExitUsage,
         "folder for partial downloads " + underAFile);
-    row("upload of a missing file", {"--server", refused, "upload", missing}, ExitUsage, "is not a readable file");
-    row("unreachable service", {"--server", refused, "list"}, ExitServer, "ConnectionRefused \\(20480\\)");
-    row("unreachable service from ZT_SERVER", {"download", "a"}, ExitServer, "ConnectionRefused", {"ZT_SERVER=" + refused});
-    row("plugin missing", {"--server", refused, "list"}, ExitSetup, "plugin not found", {"ZT_PLUGIN=" + missing});
-    row("--verbose shows the plugin's log", {"-v", "--server", refused, "list"}, ExitServer, "zephyrtide\\.dll: ");
-    row("list", {"--server", m_url, "list"}, ExitSuccess, "listed-b\\.bin +1000 +1000 B ");
-    row("list --json", {"list", "--json"}, ExitSuccess, "\"fileName\": \"listed-b\\.bin\",\\s+\"fileSize\": 1000",
-        {"ZT_SERVER=" + m_url});
-    row("delete", {"--server", m_url, "delete", "del-b"}, ExitSuccess, "deleted del-b", {}, "del-b");
+    row("upload of a missing file", refused + QStringList{"upload", missing}, ExitUsage, "is not a readable file");
+    row("unreachable service", refused + QStringList{"list"}, ExitServer, "ConnectionRefused \\(20480\\)");
+    row("unreachable service from ZT_SERVER", {"download", "a"}, ExitServer, "ConnectionRefused", {"ZT_SERVER=" + refused[1]});
+    row("plugin missing", refused + QStringList{"list"}, ExitSetup, "plugin not found", {"ZT_PLUGIN=" + missing});
+    row("--verbose shows the plugin's log", QStringList{"-v"} + refused + QStringList{"list"}, ExitServer, "zephyrtide\\.dll: ");
+    row("list", served + QStringList{"list"}, ExitSuccess, "listed-b\\.bin +1000 +1000 B ");
+    row("list --json", {"list", "--json"}, ExitSuccess, "\"fileName\": \"listed-b\\.bin\",\\s+\"fileSize\": 1000", {"ZT_SERVER=" + m_url});
+    row("delete", served + QStringList{"delete", "del-b"}, ExitSuccess, "deleted del-b", {}, "del-b");
     // The stored one still goes; the missing one sets the status.
-    row("delete, one name not stored", {"--server", m_url, "delete", "del-gone", "del-a"}, ExitNotFound,
+    row("delete, one name not stored", served + QStringList{"delete", "del-gone", "del-a"}, ExitNotFound,
         "del-gone: not on the service", {}, "del-a");
-    row("exists", {"--server", m_url, "exists", "listed-a.txt"}, ExitSuccess,
+    row("exists", served + QStringList{"exists", "listed-a.txt"}, ExitSuccess,
         "listed-a\\.txt: stored, 5 bytes \\(5 B\\); no partial download under " + defaultTemp);
-    row("exists, not stored", {"--server", m_url, "exists", "nowhere.txt"}, ExitNotFound, "nowhere\\.txt: not on the service");
-    row("exists, a blank and an umlaut", {"--server", m_url, "exists", "ä b.txt"}, ExitSuccess,
-        QString::fromUtf8("ä b\\.txt: stored, 11 bytes"));
+    row("exists, not stored", served + QStringList{"exists", "nowhere.txt"}, ExitNotFound, "nowhere\\.txt: not on the service");
+    row("exists, a blank and an umlaut", served + QStringList{"exists", "ä b.txt"}, ExitSuccess, "ä b\\.txt: stored, 11 bytes");
 }
 
 void tst_Ztcli::commands()
@@ -104,25 +91,21 @@ void tst_Ztcli::commands()
     QFETCH(ExitCode, status);
     QFETCH(QString, says);
     QFETCH(QString, gone);
-
     CliRun cli(m_home.path());
     for (const QString &pair : env)
         cli.setEnv(pair.section(QLatin1Char('='), 0, 0), pair.section(QLatin1Char('='), 1));
     QCOMPARE(cli.run(args), status);
     QVERIFY2(cli.output().contains(QRegularExpression(says)), qPrintable(cli.output()));
     // The plugin's own log stays out of sight unless asked for.
-    if (!args.contains(QLatin1String("-v")))
-        QVERIFY2(!cli.output().contains(QLatin1String("zephyrtide.dll")), qPrintable(cli.output()));
-    if (!gone.isEmpty())
-        QVERIFY(!QFile::exists(QDir(m_store.path()).filePath(gone)));
+    QVERIFY2(args.contains("-v") || !cli.output().contains("zephyrtide.dll"), qPrintable(cli.output()));
+    QVERIFY(gone.isEmpty() || !QFile::exists(QDir(m_store.path()).filePath(gone)));
 }
 
 void tst_Ztcli::helpMatchesReadme_data()
 {
     QTest::addColumn<QString>("command"); // empty: the general help
-    QTest::newRow("general") << QString();
-    for (const char *command : {"serve", "list", "delete", "upload", "download", "exists", "partial", "demo"})
-        QTest::newRow(command) << QString::fromLatin1(command);
+    for (const char *command : {"", "serve", "list", "delete", "upload", "download", "exists", "partial", "demo"})
+        QTest::newRow(*command ? command : "general") << QString::fromLatin1(command);
 }
 
 // The README carries the general help verbatim, each command's usage line and
@@ -140,16 +123,12 @@ void tst_Ztcli::helpMatchesReadme()
     CliRun cli(m_home.path());
     QCOMPARE(cli.run(command.isEmpty() ? QStringList{"--help"} : QStringList{command, "--help"}), ExitSuccess);
     const QString help = cli.out();
-    if (command.isEmpty()) {
+    if (command.isEmpty())
         QVERIFY2(readme.contains(help), "README's ztcli section does not carry `ztcli --help` verbatim");
-        return;
-    }
-    const QString usage = help.section(QLatin1Char('\n'), 0, 0).remove(QStringLiteral("Usage: "));
-    QVERIFY2(readme.contains(usage), qPrintable(usage + QStringLiteral(" is not in the README")));
-    auto options = QRegularExpression(QStringLiteral("--[a-z][a-z-]*")).globalMatch(help);
-    while (options.hasNext()) {
+    QVERIFY2(readme.contains(help.section('\n', 0, 0).remove("Usage: ")), qPrintable(help.section('\n', 0, 0)));
+    for (auto options = QRegularExpression(QStringLiteral("--[a-z][a-z-]*")).globalMatch(help); options.hasNext();) {
         const QString option = options.next().captured();
-        QVERIFY2(readme.contains(option), qPrintable(option + QStringLiteral(" of ") + command + QStringLiteral(" is not in the README")));
+        QVERIFY2(readme.contains(option), qPrintable(option + " of " + command + " is not in the README"));
     }
 }
 
@@ -160,16 +139,13 @@ void tst_Ztcli::partialListsAndClears()
 {
     QTemporaryDir temp;
     const QDir root(temp.path());
-    const auto makeFolder = [&root](const QString &tag, const QByteArray &plan, int bytes) {
+    for (const auto &[tag, named, bytes] : {std::tuple{"aa", R"(, "fileName": "a.bin", "fileSize": 200)", 50},
+                                            {"bb", R"(, "fileName": "b.bin", "fileSize": 100)", 30},
+                                            {"cc", "", 10}}) { // cc: written before names were recorded
         QVERIFY(root.mkpath(tag));
-        QFile record(root.filePath(tag + "/.plan"));
-        QVERIFY(record.open(QIODevice::WriteOnly) && record.write(plan) == plan.size());
-        QFile chunk(root.filePath(tag + "/1"));
-        QVERIFY(chunk.open(QIODevice::WriteOnly) && chunk.write(QByteArray(bytes, 'x')) == bytes);
-    };
-    makeFolder("aa", R"({"chunkSize": 50, "sha256": "", "fileName": "a.bin", "fileSize": 200})", 50);
-    makeFolder("bb", R"({"chunkSize": 50, "sha256": "", "fileName": "b.bin", "fileSize": 100})", 30);
-    makeFolder("cc", R"({"chunkSize": 50, "sha256": ""})", 10); // written before names were recorded
+        QVERIFY(writeFile(root.filePath(tag + QStringLiteral("/.plan")), R"({"chunkSize": 50, "sha256": "")" + QByteArray(named) + '}'));
+        QVERIFY(writeFile(root.filePath(tag + QStringLiteral("/1")), QByteArray(bytes, 'x')));
+    }
     QLockFile running(root.filePath("bb.lock"));
     QVERIFY(running.tryLock());
 
@@ -179,7 +155,6 @@ void tst_Ztcli::partialListsAndClears()
                                 QStringLiteral("being downloaded by process %1").arg(QCoreApplication::applicationPid()),
                                 QStringLiteral("(unnamed) cc  10 B"), QStringLiteral("3 partial download(s), 90 B")})
         QVERIFY2(cli.out().contains(line), qPrintable(line + " in " + cli.output()));
-
     QCOMPARE(cli.run({"--temp", temp.path(), "partial", "--clear", "nope.bin"}), ExitNotFound);
     QCOMPARE(cli.run({"--temp", temp.path(), "partial", "--clear", "a.bin"}), ExitSuccess);
     QCOMPARE(root.entryList(QDir::Dirs | QDir::NoDotAndDotDot), QStringList({"bb", "cc"}));
