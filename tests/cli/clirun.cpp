@@ -42,10 +42,6 @@ void CliRun::start(const QStringList &arguments)
     m_err.clear();
     m_process.setProcessEnvironment(m_env);
     QStringList command = m_wrapper + QStringList{QStringLiteral(ZTCLI_PATH)} + arguments;
-    // An ignored signal stays ignored across exec, so ztcli inherits it.
-    if (m_fileSizeLimit >= 0)
-        command = QStringList{"/bin/sh", "-c", QStringLiteral("trap '' XFSZ; ulimit -f %1; exec \"$0\" \"$@\"").arg(m_fileSizeLimit)}
-                  + command;
     m_process.start(command.takeFirst(), command);
     m_process.waitForStarted(10000);
 }

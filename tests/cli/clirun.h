@@ -21,10 +21,7 @@ public:
 
     void setEnv(const QString &name, const QString &value) { m_env.insert(name, value); }
     void unsetEnv(const QString &name) { m_env.remove(name); }
-    // A file-size limit of blocks * 512 bytes with SIGXFSZ ignored: a write
-    // past it fails with EFBIG, as on a full disk. -1: no limit.
-    void setFileSizeLimit(qint64 blocks) { m_fileSizeLimit = blocks; }
-    void setWrapper(const QStringList &program) { m_wrapper = program; } // e.g. /usr/bin/time
+    void setWrapper(const QStringList &program) { m_wrapper = program; } // ztcli runs under it
     void setStderrFile(const QString &path) { m_process.setStandardErrorFile(path, QIODevice::Append); }
     void setStdinFile(const QString &path) { m_process.setStandardInputFile(path); }
 
@@ -50,7 +47,6 @@ private:
     QProcessEnvironment m_env;
     QByteArray m_out;
     QByteArray m_err;
-    qint64 m_fileSizeLimit = -1;
     QStringList m_wrapper;
 };
 
@@ -60,8 +56,10 @@ Q_DECLARE_METATYPE(ExitCode)
 
 namespace QTest {
 template <>
-inline char *toString(const ExitCode &code) // a failed QCOMPARE names the numbers (exitcode.h)
+inline char *toString(const ExitCode &code) // a failed comparison names the statuses
 {
-    return qstrdup(QByteArray::number(int(code)));
+    static const char *const names[] = {"ExitSuccess", "ExitNotFound", "ExitUsage", "ExitServer", "ExitTransfer", "ExitSetup"};
+    const QByteArray name = code == ExitInterrupted ? "ExitInterrupted" : code >= 0 && code <= ExitSetup ? names[code] : "?";
+    return qstrdup(name + " (" + QByteArray::number(int(code)) + ')');
 }
 } // namespace QTest

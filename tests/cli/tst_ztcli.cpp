@@ -57,27 +57,47 @@ void tst_Ztcli::commands_data()
                         const QStringList &env = {}, const QString &gone = {}) {
         QTest::newRow(tag) << args << env << status << says << gone;
     };
-    row("usage error", {"frobnicate"}, ExitUsage, "unknown command \"frobnicate\"\nRun \"ztcli --help\"");
-    row("--version", {"list", "--version"}, ExitSuccess, "ztcli 1\\.5\\.20, host of plugin interface Zephyrtide");
-    row("no server address", {"list"}, ExitUsage, "no server address: give --server URL or set ZT_SERVER");
-    row("not a service address", {"--server", "ftp://host", "list"}, ExitUsage, "is not a file service address");
-    row("address without its port", {"--server", "http://127.0.0.1:", "list"}, ExitUsage, "is not a file service address");
+    const auto usage = [&row](const char *tag, const QStringList &args, const QString &says) {
+        row(tag, args, ExitUsage, QRegularExpression::escape("ztcli: " + says));
+    };
+    usage("unknown command", {"frobnicate"}, "unknown command \"frobnicate\"\nRun \"ztcli --help\"");
+    usage("help of no command", {"help", "nope"}, "unknown command \"nope\"");
+    usage("no command", {}, "no command given");
+    usage("number out of range", {"--chunk-size-mb", "4096", "list"}, "option --chunk-size-mb needs a whole number from 0 to 4095, not \"4096\"");
+    usage("not a number", {"--retry", "eighty", "list"}, "option --retry needs a whole number from 0 to 100, not \"eighty\"");
+    usage("flag with a value", {"--verbose=yes", "list"}, "option --verbose takes no value");
+    usage("option without its value", {"list", "--server"}, "option --server needs a value");
+    usage("unknown option", {"list", "--frobnicate"}, "unknown option --frobnicate");
+    usage("option of another command", {"list", "--to", "x"}, "option --to belongs to \"download\", not to \"list\"");
+    usage("list takes no operands", {"list", "x"}, "list takes no operands, got \"x\"");
+    usage("exists with two names", {"exists", "a", "b"}, "exists takes exactly one file name");
+    usage("--output with two names", {"download", "a", "b", "-o", "x"}, "download with --output takes exactly one file name");
+    usage("--output with --to", {"download", "a", "-o", "x", "--to", "d"}, "--output and --to cannot go together");
+    usage("download without names", {"download"}, "download needs at least one file name");
+    usage("partial NAME without --clear", {"partial", "a"}, "partial takes a file name only with --clear");
+    usage("no server address", {"list"}, "no server address: give --server URL or set ZT_SERVER");
+    usage("not a service address", {"--server", "ftp://host", "list"}, "\"ftp://host\" is not a file service address");
+    usage("address without its port", {"--server", "http://127.0.0.1:", "list"}, "\"http://127.0.0.1:\" is not a file service address");
     // Unusable local files and folders are found before the service is even asked.
-    row("destination not writable", refused + QStringList{"download", "a", "--to", underAFile}, ExitUsage,
-        "cannot write in the destination folder");
-    row("temp not writable", refused + QStringList{"--temp", underAFile, "download", "a"}, ExitUsage,
-        "folder for partial downloads " + underAFile);
-    row("upload of a missing file", refused + QStringList{"upload", missing}, ExitUsage, "is not a readable file");
-    row("unreachable service", refused + QStringList{"list"}, ExitServer, "ConnectionRefused \\(20480\\)");
-    row("unreachable service from ZT_SERVER", {"download", "a"}, ExitServer, "ConnectionRefused", {"ZT_SERVER=" + refused[1]});
+    usage("destination not writable", refused + QStringList{"download", "a", "--to", underAFile}, "cannot write in the destination folder");
+    usage("temp not writable", refused + QStringList{"--temp", underAFile, "download", "a"}, "cannot write in the folder for partial downloads " + underAFile);
+    usage("upload of a missing file", refused + QStringList{"upload", missing}, missing + " is not a readable file");
+    row("help of a command", {"help", "download"}, ExitSuccess, "--to <DIR>");
+    row("--version", {"list", "--version"}, ExitSuccess, "ztcli 1\\.5\\.20, host of plugin interface Zephyrtide");
+    // Every command's options are known before the command word is found: no value is taken for it.
+    row("unreachable service, value before the command", {"-s", "http://127.0.0.1:1", "list"}, ExitServer, "ConnectionRefused \\(20480\\)");
+    row("unreachable service from ZT_SERVER", {"--chunk-size-mb", "0", "download", "a"}, ExitServer, "ConnectionRefused",
+        {"ZT_SERVER=" + refused[1]});
     row("plugin missing", refused + QStringList{"list"}, ExitSetup, "plugin not found", {"ZT_PLUGIN=" + missing});
     row("--verbose shows the plugin's log", QStringList{"-v"} + refused + QStringList{"list"}, ExitServer, "zephyrtide\\.dll: ");
     row("list", served + QStringList{"list"}, ExitSuccess, "listed-b\\.bin +1000 +1000 B ");
     row("list --json", {"list", "--json"}, ExitSuccess, "\"fileName\": \"listed-b\\.bin\",\\s+\"fileSize\": 1000", {"ZT_SERVER=" + m_url});
     row("delete", served + QStringList{"delete", "del-b"}, ExitSuccess, "deleted del-b", {}, "del-b");
-    // The stored one still goes; the missing one sets the status.
-    row("delete, one name not stored", served + QStringList{"delete", "del-gone", "del-a"}, ExitNotFound,
-        "del-gone: not on the service", {}, "del-a");
+    // The stored one still goes; the missing one sets the status. "--" keeps a name that starts with a dash.
+    row("delete, one name not stored", served + QStringList{"delete", "del-a", "--", "--gone"}, ExitNotFound,
+        "--gone: not on the service", {}, "del-a");
+    row("options between names", served + QStringList{"download", "nope-a", "--to", m_home.path(), "nope-b"}, ExitNotFound,
+        "nope-a: not on the service\nztcli: nope-b: not on the service");
     row("exists", served + QStringList{"exists", "listed-a.txt"}, ExitSuccess,
         "listed-a\\.txt: stored, 5 bytes \\(5 B\\); no partial download under " + defaultTemp);
     row("exists, not stored", served + QStringList{"exists", "nowhere.txt"}, ExitNotFound, "nowhere\\.txt: not on the service");
