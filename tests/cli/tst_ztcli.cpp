@@ -2,7 +2,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QLockFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
@@ -19,7 +18,6 @@ private Q_SLOTS:
     void commands();
     void helpMatchesReadme_data();
     void helpMatchesReadme();
-    void partialListsAndClears();
 
 private:
     QTemporaryDir m_home;
@@ -145,38 +143,6 @@ void tst_Ztcli::helpMatchesReadme()
     const QString help = cli.out();
     const QString usage = help.section('\n', 0, 0).remove("Usage: ");
     QVERIFY2(readme.contains(command.isEmpty() ? help : usage), qPrintable(usage + " or more of its help is not in the README"));
-}
-
-// What interrupted downloads left, as the plugin lays it out: a folder per
-// content with its plan record and chunk files, and a lock file beside it
-// while a download runs. One folder here is locked by this (live) process.
-void tst_Ztcli::partialListsAndClears()
-{
-    QTemporaryDir temp;
-    const QDir root(temp.path());
-    for (const auto &[tag, named, bytes] : {std::tuple{"aa", R"(, "fileName": "a.bin", "fileSize": 200)", 50},
-                                            {"bb", R"(, "fileName": "b.bin", "fileSize": 100)", 30},
-                                            {"cc", "", 10}}) { // cc: written before names were recorded
-        QVERIFY(root.mkpath(tag));
-        QVERIFY(writeFile(root.filePath(tag + QStringLiteral("/.plan")), R"({"chunkSize": 50, "sha256": "")" + QByteArray(named) + '}'));
-        QVERIFY(writeFile(root.filePath(tag + QStringLiteral("/1")), QByteArray(bytes, 'x')));
-    }
-    QLockFile running(root.filePath("bb.lock"));
-    QVERIFY(running.tryLock());
-
-    CliRun cli(m_home.path());
-    QCOMPARE(cli.run({"--temp", temp.path(), "partial"}), ExitSuccess);
-    for (const QString &line : {QStringLiteral("a.bin  50 B of 200 B (25%)"), QStringLiteral("b.bin  30 B of 100 B (30%)"),
-                                QStringLiteral("being downloaded by process %1").arg(QCoreApplication::applicationPid()),
-                                QStringLiteral("(unnamed) cc  10 B"), QStringLiteral("3 partial download(s), 90 B")})
-        QVERIFY2(cli.out().contains(line), qPrintable(line + " in " + cli.output()));
-    QCOMPARE(cli.run({"--temp", temp.path(), "partial", "--clear", "nope.bin"}), ExitNotFound);
-    QCOMPARE(cli.run({"--temp", temp.path(), "partial", "--clear", "a.bin"}), ExitSuccess);
-    QCOMPARE(root.entryList(QDir::Dirs | QDir::NoDotAndDotDot), QStringList({"bb", "cc"}));
-    // A download that runs now is never taken from under it.
-    QCOMPARE(cli.run({"--temp", temp.path(), "partial", "--clear"}), ExitSuccess);
-    QVERIFY2(cli.err().contains(QLatin1String("kept b.bin: being downloaded")), qPrintable(cli.output()));
-    QCOMPARE(root.entryList(QDir::Dirs | QDir::NoDotAndDotDot), QStringList({"bb"}));
 }
 
 QTEST_GUILESS_MAIN(tst_Ztcli)

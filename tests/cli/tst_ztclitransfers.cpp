@@ -217,10 +217,11 @@ void tst_ZtcliTransfers::stopThenResume_data()
 }
 
 // A download that ends early leaves only true bytes of the file behind, which
-// exists and partial count and the next run resumes from, fetching only what
-// is missing; a second Ctrl-C leaves nothing. The service holds chunks and the
-// Ctrl-C during the merge comes from inside ztcli (a preloaded
-// copy_file_range sends it), so no run races the test.
+// exists and partial count (and partial --clear removes, unless the download
+// still runs) and the next run resumes from, fetching only what is missing; a
+// second Ctrl-C leaves nothing. The service holds chunks and the Ctrl-C during
+// the merge comes from inside ztcli (a preloaded copy_file_range sends it), so
+// no run races the test.
 void tst_ZtcliTransfers::stopThenResume()
 {
     QFETCH(int, ending);
@@ -272,8 +273,14 @@ void tst_ZtcliTransfers::stopThenResume()
         first.setEnv("ASAN_OPTIONS", qEnvironmentVariable("ASAN_OPTIONS") + ":verify_asan_link_order=0");
     }
     first.start(options + args);
+    CliRun ask(m_home.path());
+    const QStringList partial{"--temp", temp.path(), "partial"};
     if (ending <= CtrlCTwiceAfterStop) {
         QTRY_VERIFY_WITH_TIMEOUT(server.heldCount() > 0 && (ending != CtrlC || bytesUnder(temp.path()) >= 2 * MiB), 30000);
+        if (ending == CtrlC) { // a running download's folder is never taken from under it
+            QCOMPARE(ask.run(partial + QStringList{"--clear"}), ExitSuccess);
+            QVERIFY2(ask.err().contains("kept r.bin: being downloaded by process "), qPrintable(ask.output()));
+        }
         first.interrupt();
         holding = false;
     }
@@ -314,16 +321,22 @@ void tst_ZtcliTransfers::stopThenResume()
     const QByteArray merged = QFile::exists(result + ".ztmerge") ? readFile(result + ".ztmerge") : QByteArray();
     QVERIFY(content.startsWith(merged));
     QCOMPARE(merged.size() >= 3 * MiB, ending == CtrlCAtMerge);
-    CliRun ask(m_home.path());
-    if (clear) { // a merged part goes with its folder
-        QCOMPARE(ask.run({"--temp", temp.path(), "partial", "--clear"}), ExitSuccess);
+    if (clear) { // a merged part goes with its folder; a folder of an older plugin, whose plan names no file, goes too
+        QVERIFY(QDir(temp.path()).mkpath("old") && writeFile(temp.path() + "/old/.plan", R"({"chunkSize": 50, "sha256": ""})")
+                && writeFile(temp.path() + "/old/1", "0123456789"));
+        QCOMPARE(ask.run(partial), ExitSuccess);
+        QVERIFY2(ask.out().contains("(unnamed) old  10 B") && ask.out().contains("2 partial download(s)"), qPrintable(ask.output()));
+        QCOMPARE(ask.run(partial + QStringList{"--clear", "nope.bin"}), ExitNotFound);
+        QCOMPARE(ask.run(partial + QStringList{"--clear", "r.bin"}), ExitSuccess);
         QVERIFY(!QFile::exists(result + ".ztmerge"));
+        QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden), QStringList{"old"});
+        QCOMPARE(ask.run(partial + QStringList{"--clear"}), ExitSuccess);
         QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden), QStringList());
     }
     // Chunk files overlap by a byte, and a failed merge keeps its chunks.
     const qint64 kept = clear ? 0 : qMin<qint64>(bytesUnder(temp.path()) + merged.size(), content.size());
     if (kept > 0) {
-        QCOMPARE(ask.run({"--temp", temp.path(), "partial"}), ExitSuccess); // names the file, from the plugin's plan
+        QCOMPARE(ask.run(partial), ExitSuccess); // names the file, from the plugin's plan
         QVERIFY2(ask.out().startsWith("r.bin  ") && ask.out().contains(" of 4.0 MiB ("), qPrintable(ask.output()));
         QCOMPARE(ask.run({"--server", server.baseUrl(), "--temp", temp.path(), "exists", "r.bin"}), ExitSuccess);
         QVERIFY2(!merged.isEmpty() || ask.out().contains(QStringLiteral("; %1 bytes").arg(kept)), qPrintable(ask.output()));
