@@ -67,7 +67,6 @@ QString CliRun::serve(const QString &root)
 {
     start({"serve", "--root", root, "--port", "0"});
     (void)QTest::qWaitFor([this] { return m_out.contains('\n') || !isRunning(); }, 20000);
-    collect();
     return QString::fromUtf8(m_out.left(m_out.indexOf('\n'))).trimmed();
 }
 

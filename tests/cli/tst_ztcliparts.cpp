@@ -17,28 +17,25 @@
 using Code = Zephyrtide::Error::ErrorCode;
 
 // Plays the plugin's part for HostCommand: a command slot that answers stop()
-// and abort() as it is told to.
+// and abort() as it is told to. (That stop() and abort() reach the plugin at
+// all, tst_ztclitransfers sees with the real one.)
 class FakeCommand : public QObject
 {
     Q_OBJECT
 public:
-    enum Behaviour { FinishAtOnce, FinishOnStop, FinishOnAbort, NeverFinish, BusyThenFinishOnStop } behaviour = FinishAtOnce;
+    enum Behaviour { FinishOnAbort, NeverFinish, BusyThenFinishOnStop } behaviour = FinishOnAbort;
     int stops = 0;
     int aborts = 0;
 
 public Q_SLOTS:
     void zt_apply_fake(Zephyrtide::Reply *reply, QVariantMap)
     {
-        const auto finish = [reply](Code code) {
-            Q_EMIT reply->finished({{"status", code == Code::NoError ? "success" : "fail"}, {"errorCode", int(code)}});
-        };
-        if (behaviour == FinishAtOnce)
-            return finish(Code::NoError);
+        const auto finish = [reply](Code code) { Q_EMIT reply->finished({{"status", "fail"}, {"errorCode", int(code)}}); };
         if (behaviour == BusyThenFinishOnStop)
             QTest::qWait(300); // like a probe: events run before stop() is wired
         connect(reply, &Zephyrtide::Reply::stop, this, [this, finish] {
             ++stops;
-            if (behaviour == FinishOnStop || behaviour == BusyThenFinishOnStop)
+            if (behaviour == BusyThenFinishOnStop)
                 finish(Code::Stopped);
         });
         connect(reply, &Zephyrtide::Reply::abort, this, [this, finish] {
@@ -162,14 +159,11 @@ void tst_ZtcliParts::interruptsReachTheReply_data()
     QTest::addColumn<Code>("code");
     QTest::addColumn<int>("stops");
     QTest::addColumn<int>("aborts");
-    QTest::newRow("no Ctrl-C") << int(FakeCommand::FinishAtOnce) << 0 << Code::NoError << 0 << 0;
-    QTest::newRow("Ctrl-C: stop") << int(FakeCommand::FinishOnStop) << 1 << Code::Stopped << 1 << 0;
-    QTest::newRow("second Ctrl-C: abort") << int(FakeCommand::FinishOnAbort) << 2 << Code::Aborted << 1 << 1;
     QTest::newRow("unanswered stop: abort after the grace time") << int(FakeCommand::FinishOnAbort) << 1 << Code::Aborted << 1 << 1;
     QTest::newRow("third Ctrl-C: stop waiting") << int(FakeCommand::NeverFinish) << 3 << Code::Aborted << 1 << 1;
     QTest::newRow("Ctrl-C while the slot still runs: stop said again")
         << int(FakeCommand::BusyThenFinishOnStop) << 1 << Code::Stopped << 1 << 0;
-    QTest::newRow("no such slot") << int(FakeCommand::FinishAtOnce) << -1 << Code(-1) << 0 << 0;
+    QTest::newRow("no such slot") << int(FakeCommand::NeverFinish) << -1 << Code(-1) << 0 << 0;
 }
 
 void tst_ZtcliParts::interruptsReachTheReply()
@@ -196,7 +190,6 @@ void tst_ZtcliParts::interruptsReachTheReply()
 
     const CommandOutcome outcome = command.run();
     QCOMPARE(outcome.invoked, interrupts >= 0);
-    QCOMPARE(outcome.succeeded(), interrupts == 0);
     QCOMPARE(Code(outcome.code), code);
     QCOMPARE(outcome.interrupted, interrupts > 0);
     QCOMPARE(plugin.stops, stops);
