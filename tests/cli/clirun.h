@@ -8,11 +8,10 @@
 #include <QStringList>
 #include <QTest>
 
-// Runs the built ztcli as a user would, in a private home: HOME and the XDG
-// folders point under the given folder, so settings, caches and partial
-// downloads never touch the real user's. Waiting keeps the caller's event loop
-// running (an in-process server may be answering), is always bounded, and a
-// process still running at the end is killed.
+// Runs the built ztcli as a user would, in a private home (HOME, the XDG folders and TMPDIR under
+// it), so that settings, caches and partial downloads never touch the real user's. Waits are bounded
+// and keep the caller's event loop running (an in-process server may be answering); a process still
+// running at the end is killed.
 class CliRun
 {
 public:

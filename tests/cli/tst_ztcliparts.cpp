@@ -16,9 +16,8 @@
 
 using Code = Zephyrtide::Error::ErrorCode;
 
-// Plays the plugin's part for HostCommand: a command slot that answers stop()
-// and abort() as it is told to. (That stop() and abort() reach the plugin at
-// all, tst_ztclitransfers sees with the real one.)
+// Plays the plugin's part for HostCommand: a command slot that answers stop() and abort() as it is
+// told to. (That they reach the plugin at all, tst_ztclitransfers sees with the real one.)
 class FakeCommand : public QObject
 {
     Q_OBJECT
