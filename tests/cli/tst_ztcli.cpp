@@ -59,6 +59,7 @@ void tst_Ztcli::commands_data()
     usage("help of no command", {"help", "nope"}, "unknown command \"nope\"");
     usage("no command", {}, "no command given");
     usage("out of range", {"--chunk-size-mb", "4096", "list"}, "option --chunk-size-mb needs a whole number from 0 to 4095, not \"4096\"");
+    usage("a command's own out of range", {"serve", "--port", "65536"}, "option --port needs a whole number from 0 to 65535");
     usage("not a number", {"--retry", "eighty", "list"}, "option --retry needs a whole number from 0 to 100, not \"eighty\"");
     usage("flag with a value", {"--verbose=yes", "list"}, "option --verbose takes no value");
     usage("option without its value", {"list", "--server"}, "option --server needs a value");

@@ -16,15 +16,13 @@
 
 using Code = Zephyrtide::Error::ErrorCode;
 
-// Plays the plugin's part for HostCommand: a command slot that answers stop() and abort() as it is
-// told to. (That they reach the plugin at all, tst_ztclitransfers sees with the real one.)
+// Plays the plugin's part for HostCommand: a command slot that answers stop() and abort() as told.
 class FakeCommand : public QObject
 {
     Q_OBJECT
 public:
     enum Behaviour { FinishOnAbort, NeverFinish, BusyThenFinishOnStop } behaviour = FinishOnAbort;
-    int stops = 0;
-    int aborts = 0;
+    int stops = 0, aborts = 0;
 
 public Q_SLOTS:
     void zt_apply_fake(Zephyrtide::Reply *reply, QVariantMap)
@@ -45,8 +43,7 @@ public Q_SLOTS:
     }
 };
 
-// The parts of ztcli that need no service: the progress display, Ctrl-C
-// around a command, the exit statuses.
+// The parts of ztcli that need no service: the progress display, Ctrl-C around a command, exit statuses.
 class tst_ZtcliParts : public QObject
 {
     Q_OBJECT
@@ -158,6 +155,8 @@ void tst_ZtcliParts::interruptsReachTheReply_data()
     QTest::addColumn<Code>("code");
     QTest::addColumn<int>("stops");
     QTest::addColumn<int>("aborts");
+    // The process tests would not see a stop() or abort() that never reaches the plugin: ztcli prints and
+    // cleans up as if it had. These rows count them.
     QTest::newRow("unanswered stop: abort after the grace time") << int(FakeCommand::FinishOnAbort) << 1 << Code::Aborted << 1 << 1;
     QTest::newRow("third Ctrl-C: stop waiting") << int(FakeCommand::NeverFinish) << 3 << Code::Aborted << 1 << 1;
     QTest::newRow("Ctrl-C while the slot still runs: stop said again")
