@@ -2,19 +2,16 @@
 
 #include "../../cli/exitcode.h" // the support folder has a fileserviceprocess.h of its own
 
-#include <QHash>
 #include <QMetaType>
 #include <QProcess>
 #include <QProcessEnvironment>
-#include <QString>
 #include <QStringList>
 #include <QTest>
 
-// Runs the built ztcli as a user would, in a private home: HOME and the XDG
-// folders point under the given folder, so settings, caches and partial
-// downloads never touch the real user's. Waiting keeps the caller's event loop
-// running (an in-process server may be answering), is always bounded, and a
-// process still running at the end is killed.
+// Runs the built ztcli as a user would, in a private home (HOME, the XDG folders and TMPDIR under
+// it), so that settings, caches and partial downloads never touch the real user's. Waits are bounded
+// and keep the caller's event loop running (an in-process server may be answering); a process still
+// running at the end is killed.
 class CliRun
 {
 public:
@@ -23,15 +20,8 @@ public:
 
     void setEnv(const QString &name, const QString &value) { m_env.insert(name, value); }
     void unsetEnv(const QString &name) { m_env.remove(name); }
-    // Runs ztcli under a file-size limit of blocks * 512 bytes (through sh's
-    // "ulimit -f"), with SIGXFSZ ignored: a write past the limit fails with
-    // EFBIG, as on a full disk, instead of killing the process. -1: no limit.
-    void setFileSizeLimit(qint64 blocks) { m_fileSizeLimit = blocks; }
-    // Runs ztcli under this program, e.g. {"/usr/bin/time", "-f", "%M"}.
-    void setWrapper(const QStringList &program) { m_wrapper = program; }
-    // Sends stderr to this file (a terminal's device, say) instead of err().
+    void setWrapper(const QStringList &program) { m_wrapper = program; } // ztcli runs under it
     void setStderrFile(const QString &path) { m_process.setStandardErrorFile(path, QIODevice::Append); }
-    // Reads stdin from this file (a terminal's device, as for someone at it).
     void setStdinFile(const QString &path) { m_process.setStandardInputFile(path); }
 
     void start(const QStringList &arguments);
@@ -39,12 +29,11 @@ public:
     bool finish(int timeoutMs = 60000);
     // start() and finish(); the exit status, or -1 after a time-out or crash.
     ExitCode run(const QStringList &arguments, int timeoutMs = 60000);
+    // Starts `ztcli serve` over root and returns the address it prints.
+    QString serve(const QString &root);
 
-    // Waits (bounded) until stdout holds a full line and returns it.
-    QString firstLine(int timeoutMs = 20000);
     void interrupt(); // SIGINT, as Ctrl-C sends it
     bool isRunning() const { return m_process.state() != QProcess::NotRunning; }
-
     ExitCode exitCode() const;
     QString out() const { return QString::fromUtf8(m_out); }
     QString err() const { return QString::fromUtf8(m_err); }
@@ -57,21 +46,19 @@ private:
     QProcessEnvironment m_env;
     QByteArray m_out;
     QByteArray m_err;
-    qint64 m_fileSizeLimit = -1;
     QStringList m_wrapper;
 };
 
+bool writeFile(const QString &path, const QByteArray &content);
+
 Q_DECLARE_METATYPE(ExitCode)
 
-// A failed comparison of exit statuses names them.
 namespace QTest {
 template <>
-inline char *toString(const ExitCode &code)
+inline char *toString(const ExitCode &code) // a failed comparison names the statuses
 {
-    static const QHash<int, const char *> names{
-        {ExitSuccess, "ExitSuccess"}, {ExitNotFound, "ExitNotFound"}, {ExitUsage, "ExitUsage"},
-        {ExitServer, "ExitServer"},   {ExitTransfer, "ExitTransfer"}, {ExitSetup, "ExitSetup"},
-        {ExitInterrupted, "ExitInterrupted"}};
-    return qstrdup(QByteArray(names.value(code, "not an exit status")) + " (" + QByteArray::number(int(code)) + ')');
+    static const char *const names[] = {"ExitSuccess", "ExitNotFound", "ExitUsage", "ExitServer", "ExitTransfer", "ExitSetup"};
+    const QByteArray name = code == ExitInterrupted ? "ExitInterrupted" : code >= 0 && code <= ExitSetup ? names[code] : "?";
+    return qstrdup(name + " (" + QByteArray::number(int(code)) + ')');
 }
 } // namespace QTest

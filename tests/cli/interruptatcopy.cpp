@@ -1,6 +1,5 @@
-// Preloaded into ztcli by a test: the Nth copy_file_range of the process
-// (ZT_INTERRUPT_AT_COPY=N) first sends the process SIGINT, as a Ctrl-C that
-// comes while the download is being merged. Nothing else copies that way.
+// Preloaded into ztcli by a test: the Nth copy_file_range (ZT_INTERRUPT_AT_COPY=N) first sends
+// the process SIGINT, as a Ctrl-C while a download is being merged. Nothing else copies that way.
 #include <csignal>
 #include <cstdlib>
 #include <sys/syscall.h>

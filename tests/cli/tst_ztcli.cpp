@@ -2,14 +2,12 @@
 
 #include <QDir>
 #include <QFile>
-#include <QLockFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
-// ztcli as a user meets it: exit statuses and messages, the environment it
-// reads, its help against the README, and the service commands against the
-// reference file service that `ztcli serve` runs.
+// ztcli as a user meets it: exit statuses and messages, the environment it reads, its help
+// against the README, and the service commands against the file service `ztcli serve` runs.
 class tst_Ztcli : public QObject
 {
     Q_OBJECT
@@ -19,174 +17,128 @@ private Q_SLOTS:
     void commands();
     void helpMatchesReadme_data();
     void helpMatchesReadme();
-    void partialListsAndClears();
 
 private:
-    void store(const QString &name, const QByteArray &content);
-
     QTemporaryDir m_home;
     QTemporaryDir m_store;
-    QScopedPointer<CliRun> m_service; // kills the service at the end
+    CliRun m_service{m_home.path()}; // kills the service at the end
     QString m_url;
 };
 
 void tst_Ztcli::initTestCase()
 {
     QVERIFY(m_home.isValid() && m_store.isValid());
-    m_service.reset(new CliRun(m_home.path()));
-    m_service->start({"serve", "--root", m_store.path(), "--port", "0"});
-    m_url = m_service->firstLine();
-    QVERIFY2(m_url.startsWith(QLatin1String("http://127.0.0.1:")), qPrintable(m_service->output()));
-    store(QStringLiteral("listed-a.txt"), "hello");
-    store(QStringLiteral("listed-b.bin"), QByteArray(1000, 'x'));
-    store(QString::fromUtf8("ä b.txt"), "hello world");
-    for (const char *name : {"del-a", "del-b"})
-        store(QLatin1String(name), name);
-}
-
-void tst_Ztcli::store(const QString &name, const QByteArray &content)
-{
-    QFile file(QDir(m_store.path()).filePath(name));
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
+    m_url = m_service.serve(m_store.path());
+    QVERIFY2(m_url.startsWith(QLatin1String("http://127.0.0.1:")), qPrintable(m_service.output()));
+    const QDir store(m_store.path());
+    for (const auto &[name, content] : {std::pair{"listed-a.txt", QByteArray("hello")}, {"listed-b.bin", QByteArray(1000, 'x')},
+                                        {"ä b.txt", QByteArray("hello world")}, {"del-a", {}}, {"del-b", {}}})
+        QVERIFY(writeFile(store.filePath(QString::fromUtf8(name)), content));
 }
 
 void tst_Ztcli::commands_data()
 {
-    QTest::addColumn<QStringList>("args");
-    QTest::addColumn<QStringList>("env"); // NAME=value
+    QTest::addColumn<QStringList>("args"); // leading ZT_NAME=value: the environment, as env(1) takes it
     QTest::addColumn<ExitCode>("status");
     QTest::addColumn<QString>("says"); // a pattern in stdout or stderr
     QTest::addColumn<QString>("gone"); // a stored file that must be gone afterwards
 
     // Nothing listens on port 1 of the loopback interface: connections are refused at once.
-    const QString refused = QStringLiteral("http://127.0.0.1:1");
+    const QStringList refused{"--server", "http://127.0.0.1:1"};
+    const QStringList served{"--server", m_url};
     const QString missing = QDir(m_home.path()).filePath(QStringLiteral("no-such-file"));
     const QString underAFile = QStringLiteral(ZT_README "/sub");
     const QString defaultTemp = QRegularExpression::escape(QDir(m_home.path()).filePath("cache/ztcli/partial"));
-    const auto row = [](const char *tag, const QStringList &args, ExitCode status, const QString &says,
-                        const QStringList &env = {}, const QString &gone = {}) {
-        QTest::newRow(tag) << args << env << status << says << gone;
+    const auto row = [](const char *tag, const QStringList &args, ExitCode status, const QString &says, const QString &gone = {}) {
+        QTest::newRow(tag) << args << status << says << gone;
     };
-    row("usage error", {"frobnicate"}, ExitUsage, "unknown command \"frobnicate\"\nRun \"ztcli --help\"");
-    row("--help", {"--help"}, ExitSuccess, "Exit status:");
-    row("--version", {"list", "--version"}, ExitSuccess, "ztcli 1\\.5\\.20, host of plugin interface Zephyrtide");
-    row("no server address", {"list"}, ExitUsage, "no server address: give --server URL or set ZT_SERVER");
-    row("not a service address", {"--server", "ftp://host", "list"}, ExitUsage, "is not a file service address");
-    row("address without its port", {"--server", "http://127.0.0.1:", "list"}, ExitUsage, "is not a file service address");
+    const auto usage = [&row](const char *tag, const QStringList &args, const QString &says) {
+        row(tag, args, ExitUsage, QRegularExpression::escape(says));
+    };
+    usage("unknown command", {"frobnicate"}, "unknown command \"frobnicate\"\nRun \"ztcli --help\"");
+    usage("help of no command", {"help", "nope"}, "unknown command \"nope\"");
+    usage("no command", {}, "no command given");
+    usage("out of range", {"--chunk-size-mb", "4096", "list"}, "option --chunk-size-mb needs a whole number from 0 to 4095, not \"4096\"");
+    usage("a command's own out of range", {"serve", "--port", "65536"}, "option --port needs a whole number from 0 to 65535");
+    usage("not a number", {"--retry", "eighty", "list"}, "option --retry needs a whole number from 0 to 100, not \"eighty\"");
+    usage("flag with a value", {"--verbose=yes", "list"}, "option --verbose takes no value");
+    usage("option without its value", {"list", "--server"}, "option --server needs a value");
+    usage("unknown option", {"list", "--frobnicate"}, "unknown option --frobnicate");
+    usage("option of another command", {"list", "--to", "x"}, "option --to belongs to \"download\", not to \"list\"");
+    usage("list takes no operands", {"list", "x"}, "list takes no operands, got \"x\"");
+    usage("exists with two names", {"exists", "a", "b"}, "exists takes exactly one file name");
+    usage("--output with two names", {"download", "a", "b", "-o", "x"}, "download with --output takes exactly one file name");
+    usage("--output with --to", {"download", "a", "-o", "x", "--to", "d"}, "--output and --to cannot go together");
+    usage("download without names", {"download"}, "download needs at least one file name");
+    usage("partial NAME without --clear", {"partial", "a"}, "partial takes a file name only with --clear");
+    usage("no server address", {"list"}, "no server address: give --server URL or set ZT_SERVER");
+    usage("not a service address", {"--server", "ftp://host", "list"}, "\"ftp://host\" is not a file service address");
+    usage("address without its port", {"--server", "http://127.0.0.1:", "list"}, "\"http://127.0.0.1:\" is not a file service address");
     // Unusable local files and folders are found before the service is even asked.
-    row("destination not writable", {"--server", refused, "download", "a", "--to", underAFile}, ExitUsage,
-        "cannot write in the destination folder");
-    row("temp not writable", {"--server", refused, "--temp", underAFile, "download", "a"}, ExitUsage,
-        "folder for partial downloads " + underAFile);
-    row("upload of a missing file", {"--server", refused, "upload", missing}, ExitUsage, "is not a readable file");
-    row("unreachable service", {"--server", refused, "list"}, ExitServer, "ConnectionRefused \\(20480\\)");
-    row("unreachable service from ZT_SERVER", {"download", "a"}, ExitServer, "ConnectionRefused", {"ZT_SERVER=" + refused});
-    row("plugin missing", {"--server", refused, "list"}, ExitSetup, "plugin not found", {"ZT_PLUGIN=" + missing});
-    row("--verbose shows the plugin's log", {"-v", "--server", refused, "list"}, ExitServer, "zephyrtide\\.dll: ");
-    row("list", {"--server", m_url, "list"}, ExitSuccess, "listed-b\\.bin +1000 +1000 B ");
-    row("list --json", {"list", "--json"}, ExitSuccess, "\"fileName\": \"listed-b\\.bin\",\\s+\"fileSize\": 1000",
-        {"ZT_SERVER=" + m_url});
-    row("delete", {"--server", m_url, "delete", "del-b"}, ExitSuccess, "deleted del-b", {}, "del-b");
-    // The stored one still goes; the missing one sets the status.
-    row("delete, one name not stored", {"--server", m_url, "delete", "del-gone", "del-a"}, ExitNotFound,
-        "del-gone: not on the service", {}, "del-a");
-    row("exists", {"--server", m_url, "exists", "listed-a.txt"}, ExitSuccess,
+    usage("destination not writable", refused + QStringList{"download", "a", "--to", underAFile}, "cannot write in the destination folder");
+    usage("temp not writable", refused + QStringList{"--temp", underAFile, "download", "a"}, "folder for partial downloads " + underAFile);
+    usage("upload of a missing file", refused + QStringList{"upload", missing}, missing + " is not a readable file");
+    row("help of a command", {"help", "download"}, ExitSuccess, "--to <DIR>");
+    row("--version", {"list", "--version"}, ExitSuccess, "ztcli 1\\.5\\.20, host of plugin interface Zephyrtide");
+    // Every command's options are known before the command word is found: no value is taken for it.
+    row("unreachable service, value before the command", {"-s", "http://127.0.0.1:1", "list"}, ExitServer, "ConnectionRefused \\(20480\\)");
+    row("unreachable service from ZT_SERVER", {"ZT_SERVER=" + refused[1], "--chunk-size-mb", "0", "download", "a"}, ExitServer,
+        "ConnectionRefused");
+    row("plugin missing", QStringList{"ZT_PLUGIN=" + missing} + refused + QStringList{"list"}, ExitSetup, "plugin not found");
+    row("--verbose shows the plugin's log", QStringList{"-v"} + refused + QStringList{"list"}, ExitServer, "zephyrtide\\.dll: ");
+    row("list", served + QStringList{"list"}, ExitSuccess, "listed-b\\.bin +1000 +1000 B ");
+    row("list --json", {"ZT_SERVER=" + m_url, "list", "--json"}, ExitSuccess, "\"fileName\": \"listed-b\\.bin\",\\s+\"fileSize\": 1000");
+    row("delete", served + QStringList{"delete", "del-b"}, ExitSuccess, "deleted del-b", "del-b");
+    // The stored one still goes; the missing one sets the status. "--" keeps a name that starts with a dash.
+    row("delete, one name not stored", served + QStringList{"delete", "del-a", "--", "--gone"}, ExitNotFound,
+        "--gone: not on the service", "del-a");
+    // A name the service does not have is reported; the others still come.
+    row("options between names", served + QStringList{"download", "nope", "--to", m_home.path(), "listed-a.txt"}, ExitNotFound,
+        "(?s)downloaded listed-a\\.txt to .*ztcli: nope: not on the service");
+    row("exists", served + QStringList{"exists", "listed-a.txt"}, ExitSuccess,
         "listed-a\\.txt: stored, 5 bytes \\(5 B\\); no partial download under " + defaultTemp);
-    row("exists, not stored", {"--server", m_url, "exists", "nowhere.txt"}, ExitNotFound, "nowhere\\.txt: not on the service");
-    row("exists, a blank and an umlaut", {"--server", m_url, "exists", "ä b.txt"}, ExitSuccess,
-        QString::fromUtf8("ä b\\.txt: stored, 11 bytes"));
+    row("exists, not stored", served + QStringList{"exists", "nowhere.txt"}, ExitNotFound, "nowhere\\.txt: not on the service");
+    row("exists, a blank and an umlaut", served + QStringList{"exists", "ä b.txt"}, ExitSuccess, "ä b\\.txt: stored, 11 bytes");
 }
 
 void tst_Ztcli::commands()
 {
     QFETCH(QStringList, args);
-    QFETCH(QStringList, env);
     QFETCH(ExitCode, status);
     QFETCH(QString, says);
     QFETCH(QString, gone);
-
     CliRun cli(m_home.path());
-    for (const QString &pair : env)
-        cli.setEnv(pair.section(QLatin1Char('='), 0, 0), pair.section(QLatin1Char('='), 1));
+    for (; !args.isEmpty() && args.first().startsWith("ZT_"); args.removeFirst())
+        cli.setEnv(args.first().section('=', 0, 0), args.first().section('=', 1));
     QCOMPARE(cli.run(args), status);
     QVERIFY2(cli.output().contains(QRegularExpression(says)), qPrintable(cli.output()));
     // The plugin's own log stays out of sight unless asked for.
-    if (!args.contains(QLatin1String("-v")))
-        QVERIFY2(!cli.output().contains(QLatin1String("zephyrtide.dll")), qPrintable(cli.output()));
-    if (!gone.isEmpty())
-        QVERIFY(!QFile::exists(QDir(m_store.path()).filePath(gone)));
+    QVERIFY2(args.contains("-v") || !cli.output().contains("zephyrtide.dll"), qPrintable(cli.output()));
+    QVERIFY(gone.isEmpty() || !QFile::exists(QDir(m_store.path()).filePath(gone)));
 }
 
 void tst_Ztcli::helpMatchesReadme_data()
 {
     QTest::addColumn<QString>("command"); // empty: the general help
-    QTest::newRow("general") << QString();
-    for (const char *command : {"serve", "list", "delete", "upload", "download", "exists", "partial", "demo"})
-        QTest::newRow(command) << QString::fromLatin1(command);
+    for (const char *command : {"", "serve", "list", "delete", "upload", "download", "exists", "partial", "demo"})
+        QTest::newRow(*command ? command : "general") << QString::fromLatin1(command);
 }
 
-// The README carries the general help verbatim, each command's usage line and
-// every option a command's help names.
+// The README carries the general help verbatim, with every command's options,
+// and each command's usage line.
 void tst_Ztcli::helpMatchesReadme()
 {
     QFETCH(QString, command);
     QFile file(QStringLiteral(ZT_README));
     QVERIFY(file.open(QIODevice::ReadOnly));
-    const QString text = QString::fromUtf8(file.readAll());
-    const int start = text.indexOf(QLatin1String("\n## ztcli"));
-    QVERIFY2(start >= 0, "README.md has no \"## ztcli\" section");
-    const QString readme = text.mid(start, text.indexOf(QRegularExpression(QStringLiteral("\n## (?!#)")), start + 1) - start);
+    const QString readme = QRegularExpression("(?s)\n## ztcli.*?(?=\n## [^#]|$)").match(QString::fromUtf8(file.readAll())).captured();
+    QVERIFY2(!readme.isEmpty(), "README.md has no \"## ztcli\" section");
 
     CliRun cli(m_home.path());
     QCOMPARE(cli.run(command.isEmpty() ? QStringList{"--help"} : QStringList{command, "--help"}), ExitSuccess);
     const QString help = cli.out();
-    if (command.isEmpty()) {
-        QVERIFY2(readme.contains(help), "README's ztcli section does not carry `ztcli --help` verbatim");
-        return;
-    }
-    const QString usage = help.section(QLatin1Char('\n'), 0, 0).remove(QStringLiteral("Usage: "));
-    QVERIFY2(readme.contains(usage), qPrintable(usage + QStringLiteral(" is not in the README")));
-    auto options = QRegularExpression(QStringLiteral("--[a-z][a-z-]*")).globalMatch(help);
-    while (options.hasNext()) {
-        const QString option = options.next().captured();
-        QVERIFY2(readme.contains(option), qPrintable(option + QStringLiteral(" of ") + command + QStringLiteral(" is not in the README")));
-    }
-}
-
-// What interrupted downloads left, as the plugin lays it out: a folder per
-// content with its plan record and chunk files, and a lock file beside it
-// while a download runs. One folder here is locked by this (live) process.
-void tst_Ztcli::partialListsAndClears()
-{
-    QTemporaryDir temp;
-    const QDir root(temp.path());
-    const auto makeFolder = [&root](const QString &tag, const QByteArray &plan, int bytes) {
-        QVERIFY(root.mkpath(tag));
-        QFile record(root.filePath(tag + "/.plan"));
-        QVERIFY(record.open(QIODevice::WriteOnly) && record.write(plan) == plan.size());
-        QFile chunk(root.filePath(tag + "/1"));
-        QVERIFY(chunk.open(QIODevice::WriteOnly) && chunk.write(QByteArray(bytes, 'x')) == bytes);
-    };
-    makeFolder("aa", R"({"chunkSize": 50, "sha256": "", "fileName": "a.bin", "fileSize": 200})", 50);
-    makeFolder("bb", R"({"chunkSize": 50, "sha256": "", "fileName": "b.bin", "fileSize": 100})", 30);
-    makeFolder("cc", R"({"chunkSize": 50, "sha256": ""})", 10); // written before names were recorded
-    QLockFile running(root.filePath("bb.lock"));
-    QVERIFY(running.tryLock());
-
-    CliRun cli(m_home.path());
-    QCOMPARE(cli.run({"--temp", temp.path(), "partial"}), ExitSuccess);
-    for (const QString &line : {QStringLiteral("a.bin  50 B of 200 B (25%)"), QStringLiteral("b.bin  30 B of 100 B (30%)"),
-                                QStringLiteral("being downloaded by process %1").arg(QCoreApplication::applicationPid()),
-                                QStringLiteral("(unnamed) cc  10 B"), QStringLiteral("3 partial download(s), 90 B")})
-        QVERIFY2(cli.out().contains(line), qPrintable(line + " in " + cli.output()));
-
-    QCOMPARE(cli.run({"--temp", temp.path(), "partial", "--clear", "nope.bin"}), ExitNotFound);
-    QCOMPARE(cli.run({"--temp", temp.path(), "partial", "--clear", "a.bin"}), ExitSuccess);
-    QCOMPARE(root.entryList(QDir::Dirs | QDir::NoDotAndDotDot), QStringList({"bb", "cc"}));
-    // A download that runs now is never taken from under it.
-    QCOMPARE(cli.run({"--temp", temp.path(), "partial", "--clear"}), ExitSuccess);
-    QVERIFY2(cli.err().contains(QLatin1String("kept b.bin: being downloaded")), qPrintable(cli.output()));
-    QCOMPARE(root.entryList(QDir::Dirs | QDir::NoDotAndDotDot), QStringList({"bb"}));
+    const QString usage = help.section('\n', 0, 0).remove("Usage: ");
+    QVERIFY2(readme.contains(command.isEmpty() ? help : usage), qPrintable(usage + " or more of its help is not in the README"));
 }
 
 QTEST_GUILESS_MAIN(tst_Ztcli)
