@@ -13,21 +13,12 @@ FileServiceProcess::~FileServiceProcess()
     stop();
 }
 
-void FileServiceProcess::setLauncher(const QString &program, const QStringList &arguments)
-{
-    m_program = program;
-    m_launcherArguments = arguments;
-}
-
 bool FileServiceProcess::start(int timeoutMs)
 {
-    if (m_program.isEmpty())
-        setLauncher(QStringLiteral("/usr/bin/python3"),
-                    {QStringLiteral("-B"), QStringLiteral(ZT_SOURCE_DIR "/fileservice/zt-fileservice")});
-    m_process.start(m_program, m_launcherArguments
-                                   + QStringList{QStringLiteral("--root"), m_root, QStringLiteral("--port"),
-                                                 QStringLiteral("0")}
-                                   + m_options);
+    m_process.start(QStringLiteral("/usr/bin/python3"),
+                    QStringList{QStringLiteral("-B"), QStringLiteral(ZT_SOURCE_DIR "/fileservice/zt-fileservice"),
+                                QStringLiteral("--root"), m_root, QStringLiteral("--port"), QStringLiteral("0")}
+                        + m_options);
     if (!m_process.waitForStarted(timeoutMs))
         return false;
     while (!m_process.canReadLine()) {

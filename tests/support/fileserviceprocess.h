@@ -2,25 +2,18 @@
 
 #include <QByteArray>
 #include <QProcess>
-#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 
 #include <functional>
 
 // The reference file service, run as a child process on loopback port 0 over a
-// folder of the test's. Stopped (or killed) on destruction. It is started
-// directly, or through a launcher that takes "--root R --port 0" and prints
-// the base address first (ztcli's "serve", say).
+// folder of the test's. Stopped (or killed) on destruction.
 class FileServiceProcess
 {
 public:
     explicit FileServiceProcess(const QString &root, const QStringList &options = QStringList());
     ~FileServiceProcess();
-
-    // Before start(): the program and its first arguments, and the environment.
-    void setLauncher(const QString &program, const QStringList &arguments);
-    void setEnvironment(const QProcessEnvironment &environment) { m_process.setProcessEnvironment(environment); }
 
     bool start(int timeoutMs = 15000); // waits for the base address it prints
     void stop();                       // SIGTERM, bounded wait, then SIGKILL
@@ -39,8 +32,6 @@ public:
 private:
     QString m_root;
     QStringList m_options;
-    QString m_program; // empty: python3 runs the service's script
-    QStringList m_launcherArguments;
     QProcess m_process;
     QString m_baseUrl;
     QByteArray m_log;
