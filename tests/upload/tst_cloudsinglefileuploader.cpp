@@ -7,7 +7,7 @@
 #include "upload/cloudsinglefileuploader.h"
 #include "upload/fileitem.h"
 #include "upload/uploadglobal.h"
-#include "uploadservice.h"
+#include "uploadfixture.h"
 
 #include <zephyrtide/manager.h>
 
@@ -38,25 +38,8 @@ class tst_CloudSingleFileUploader : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void init()
-    {
-        m_server.reset(new ScriptedServer);
-        QVERIFY(m_server->start());
-        m_service.reset(new UploadService(m_server.data()));
-        m_host.reset(new Zephyrtide::Manager);
-        GlobalManager::instance()->setManager(m_host.data());
-        GlobalManager::instance()->setFileServiceAddress(m_server->baseUrl());
-        UploadGlobal::instance()->setManager(m_host.data());
-        UploadGlobal::instance()->removeAll();
-    }
-    void cleanup()
-    {
-        m_service.reset();
-        m_server.reset();
-        UploadGlobal::destroy();
-        GlobalManager::destroy();
-        m_host.reset();
-    }
+    void init() { QVERIFY(m_upload.setUp()); }
+    void cleanup() { m_upload.tearDown(); }
 
     void uploadsEveryPart_data()
     {
@@ -81,7 +64,7 @@ private Q_SLOTS:
         QList<int> numbers;
         for (int part = parts; part >= 1; --part)
             numbers << part;
-        m_service->info = m_service->session("s1", chunkSize, numbers);
+        m_upload.service->info = m_upload.service->session("s1", chunkSize, numbers);
 
         CloudSingleFileUploader uploader;
         uploader.setFileItem(item);
@@ -144,7 +127,7 @@ private Q_SLOTS:
         QFETCH(int, completes);
         auto item = makeItem(content);
         QVERIFY(item);
-        m_service->info = m_service->session("s", 8, {}, exist);
+        m_upload.service->info = m_upload.service->session("s", 8, {}, exist);
         CloudSingleFileUploader uploader;
         uploader.setFileItem(item);
         QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
@@ -155,7 +138,7 @@ private Q_SLOTS:
         QCOMPARE(progress.first().at(0).toLongLong(), item->totalSize);
         QCOMPARE(item->totalChunks, 0);
         QCOMPARE(requestsTo("/upload/complete").size(), completes);
-        QCOMPARE(m_server->requestCount(), 1 + completes);
+        QCOMPARE(m_upload.server->requestCount(), 1 + completes);
     }
 
     void sessionChoice_data()
@@ -180,7 +163,7 @@ private Q_SLOTS:
         item->chunks[0] = QVariantMap{{"url", partUrl("cached", 1)},
                                       {"headers", QVariantMap{{"X-Upload-Token", "cached-token"}}}};
         item->bytesSent = 7; // what the cached session had sent
-        m_service->info = m_service->session(serviceSession, 10, {1});
+        m_upload.service->info = m_upload.service->session(serviceSession, 10, {1});
 
         CloudSingleFileUploader uploader;
         uploader.setFileItem(item);
@@ -220,7 +203,7 @@ private Q_SLOTS:
         QMap<int, int> held;
         if (serverHolds >= 0)
             held.insert(2, serverHolds);
-        m_service->info = m_service->session("s", 5, serverParts, false, held);
+        m_upload.service->info = m_upload.service->session("s", 5, serverParts, false, held);
 
         CloudSingleFileUploader uploader;
         uploader.setFileItem(item);
@@ -270,22 +253,22 @@ private Q_SLOTS:
         QFETCH(bool, startAgain);
         auto item = makeItem("AAAAABBBBB");
         QVERIFY(item);
-        m_service->info = m_service->session("once", 5, {1, 2});
-        m_service->holdComplete = true;
+        m_upload.service->info = m_upload.service->session("once", 5, {1, 2});
+        m_upload.service->holdComplete = true;
         CloudSingleFileUploader uploader;
         uploader.setFileItem(item);
         QSignalSpy finished(&uploader, &CloudSingleFileUploader::finished);
-        connect(m_server.data(), &ScriptedServer::requestReceived, &uploader,
+        connect(m_upload.server.data(), &ScriptedServer::requestReceived, &uploader,
                 [this, &uploader, startAgain](const ScriptedRequest &request) {
                     if (request.path() != QLatin1String("/upload/complete"))
                         return;
                     // Queued: the held answer is registered once this signal returns.
                     QMetaObject::invokeMethod(&uploader, [this, &uploader, startAgain] {
                         uploader.stop();
-                        m_service->info = m_service->session("once", 5, {}, true);
+                        m_upload.service->info = m_upload.service->session("once", 5, {}, true);
                         if (startAgain)
                             QVERIFY(uploader.start());
-                        m_server->release();
+                        m_upload.server->release();
                     }, Qt::QueuedConnection);
                 });
         LogCapture log;
@@ -351,7 +334,7 @@ private:
     }
     QString partUrl(const QString &uploadID, int part) const
     {
-        return m_server->baseUrl() + QStringLiteral("/upload/part?uploadID=%1&partNumber=%2").arg(uploadID).arg(part);
+        return m_upload.server->baseUrl() + QStringLiteral("/upload/part?uploadID=%1&partNumber=%2").arg(uploadID).arg(part);
     }
     // A session of an earlier run, ageSeconds old, that has urls left to send.
     static void cachedSession(FileItem &item, qint64 chunkSize, const QStringList &urls, int ageSeconds = 0)
@@ -365,13 +348,11 @@ private:
         for (const QString &url : urls)
             item.chunks << QVariantMap{{"url", url}, {"headers", QVariantMap()}};
     }
-    QList<ScriptedRequest> requestsTo(const QString &path) const { return m_service->requestsTo(path); }
+    QList<ScriptedRequest> requestsTo(const QString &path) const { return m_upload.service->requestsTo(path); }
 
     TestEnvironment m_environment;
     QTemporaryDir m_dir;
-    QScopedPointer<ScriptedServer> m_server;
-    QScopedPointer<UploadService> m_service;
-    QScopedPointer<Zephyrtide::Manager> m_host;
+    UploadFixture m_upload;
 };
 
 QTEST_MAIN(tst_CloudSingleFileUploader)

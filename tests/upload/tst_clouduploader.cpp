@@ -5,7 +5,7 @@
 #include "upload/clouduploader.h"
 #include "upload/fileitem.h"
 #include "upload/uploadglobal.h"
-#include "uploadservice.h"
+#include "uploadfixture.h"
 
 #include <zephyrtide/manager.h>
 
@@ -21,25 +21,8 @@ class tst_CloudUploader : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void init()
-    {
-        m_server.reset(new ScriptedServer);
-        QVERIFY(m_server->start());
-        m_service.reset(new UploadService(m_server.data()));
-        m_host.reset(new Zephyrtide::Manager);
-        GlobalManager::instance()->setManager(m_host.data());
-        GlobalManager::instance()->setFileServiceAddress(m_server->baseUrl());
-        UploadGlobal::instance()->setManager(m_host.data());
-        UploadGlobal::instance()->removeAll();
-    }
-    void cleanup()
-    {
-        m_service.reset();
-        m_server.reset();
-        UploadGlobal::destroy();
-        GlobalManager::destroy();
-        m_host.reset();
-    }
+    void init() { QVERIFY(m_upload.setUp()); }
+    void cleanup() { m_upload.tearDown(); }
 
     void filesFinishOnceWithResults()
     {
@@ -61,7 +44,7 @@ private Q_SLOTS:
         QVERIFY(finished.wait(10000));
         QCOMPARE(finished.count(), 1);
         QCOMPARE(error.count(), 0);
-        QCOMPARE(m_service->requestsTo("/upload/part").size(), 3 + 3 + 3); // 9, 10, 11 bytes
+        QCOMPARE(m_upload.service->requestsTo("/upload/part").size(), 3 + 3 + 3); // 9, 10, 11 bytes
 
         QStringList paths;
         for (const QVariant &entry : finished.first().first().toList()) {
@@ -94,22 +77,22 @@ private Q_SLOTS:
         QVERIFY(!job.setFiles({}));
         QVERIFY(!job.start());
         QCOMPARE(error.takeFirst().first().value<ZTErrorCode>(), Error::ParseError);
-        m_service->holdParts = true;
+        m_upload.service->holdParts = true;
         QVERIFY(job.setFiles(files(1)));
         QVERIFY(job.start());
-        QTRY_VERIFY_WITH_TIMEOUT(m_server->heldCount() > 0, 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(m_upload.server->heldCount() > 0, 5000);
         QVERIFY(job.start()); // accepted: it runs already
         QCOMPARE(error.count(), 1);
         QCOMPARE(error.first().first().value<ZTErrorCode>(), Error::AlreadyRunning);
         QCOMPARE(job.state(), int(CloudUploader::Running));
-        m_server->release();
+        m_upload.server->release();
     }
 
     // A part fails: the job reports that failure, never finished(), and keeps
     // the file's session, less the parts that went through, for a later run.
     void failingFileFailsJob()
     {
-        m_service->partStatus.insert(2, 500);
+        m_upload.service->partStatus.insert(2, 500);
         CloudUploader job;
         QVERIFY(job.setFiles(files(1)));
         QSignalSpy finished(&job, &CloudUploader::finished);
@@ -121,9 +104,9 @@ private Q_SLOTS:
         QCOMPARE(job.fileItems().first()->state, Upload::Failed);
         // Parts 1 and 3 are answered too, and end nothing more.
         QTRY_COMPARE_WITH_TIMEOUT(UploadGlobal::instance()->networkManager()->runningCount(), 0, 5000);
-        QCOMPARE(m_service->requestsTo("/upload/part").size(), 3);
+        QCOMPARE(m_upload.service->requestsTo("/upload/part").size(), 3);
         QCOMPARE(finished.count() + error.count(), 1);
-        QCOMPARE(m_service->requestsTo("/upload/complete").size(), 0);
+        QCOMPARE(m_upload.service->requestsTo("/upload/complete").size(), 0);
         const QVariantMap cached = UploadGlobal::instance()->getInfo(job.fileItems().first()->identifier);
         QCOMPARE(cached.value("uploadInfo").toMap().value("chunks").toList().size(), 1);
     }
@@ -144,9 +127,7 @@ private:
 
     TestEnvironment m_environment;
     QTemporaryDir m_dir;
-    QScopedPointer<ScriptedServer> m_server;
-    QScopedPointer<UploadService> m_service;
-    QScopedPointer<Zephyrtide::Manager> m_host;
+    UploadFixture m_upload;
 };
 
 QTEST_MAIN(tst_CloudUploader)
