@@ -60,7 +60,7 @@ bool CliRun::finish(int timeoutMs)
 ExitCode CliRun::run(const QStringList &arguments, int timeoutMs)
 {
     start(arguments);
-    return finish(timeoutMs) ? exitCode() : ExitCode(-1);
+    return finish(timeoutMs) ? exitCode() : NoExit;
 }
 
 QString CliRun::serve(const QString &root)
@@ -78,7 +78,7 @@ void CliRun::interrupt()
 
 ExitCode CliRun::exitCode() const
 {
-    return m_process.exitStatus() == QProcess::NormalExit ? ExitCode(m_process.exitCode()) : ExitCode(-1);
+    return m_process.exitStatus() == QProcess::NormalExit ? ExitCode(m_process.exitCode()) : NoExit;
 }
 
 bool writeFile(const QString &path, const QByteArray &content)

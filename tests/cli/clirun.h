@@ -27,7 +27,7 @@ public:
     void start(const QStringList &arguments);
     // True when it ended by itself within timeoutMs; otherwise it is killed.
     bool finish(int timeoutMs = 60000);
-    // start() and finish(); the exit status, or -1 after a time-out or crash.
+    // start() and finish(); the exit status, or NoExit after a time-out or crash.
     ExitCode run(const QStringList &arguments, int timeoutMs = 60000);
     // Starts `ztcli serve` over root and returns the address it prints.
     QString serve(const QString &root);
@@ -51,6 +51,10 @@ private:
 
 bool writeFile(const QString &path, const QByteArray &content);
 
+// No status ztcli exits with: it was killed, crashed or timed out. Not -1,
+// which is no value of the enumeration (the sanitizer build refuses it).
+constexpr ExitCode NoExit = ExitCode(255);
+
 Q_DECLARE_METATYPE(ExitCode)
 
 namespace QTest {
@@ -58,7 +62,9 @@ template <>
 inline char *toString(const ExitCode &code) // a failed comparison names the statuses
 {
     static const char *const names[] = {"ExitSuccess", "ExitNotFound", "ExitUsage", "ExitServer", "ExitTransfer", "ExitSetup"};
-    const QByteArray name = code == ExitInterrupted ? "ExitInterrupted" : code >= 0 && code <= ExitSetup ? names[code] : "?";
+    const QByteArray name = code == ExitInterrupted ? "ExitInterrupted"
+                            : code == NoExit        ? "no exit status"
+                            : code <= ExitSetup     ? names[code] : "?";
     return qstrdup(name + " (" + QByteArray::number(int(code)) + ')');
 }
 } // namespace QTest

@@ -111,7 +111,7 @@ bool DownloadFixture::writeFile(const QString &path, const QByteArray &bytes)
 ZTErrorCode DownloadFixture::downloadOne(const QString &destination, const QString &name,
                                          const std::function<void(Downloader &)> &whenStarted)
 {
-    const auto none = ZTErrorCode(-1);
+    const auto none = DownloadFixture::NotEnded;
     Downloader downloader;
     if (!addTask(downloader, destination, name))
         return none;

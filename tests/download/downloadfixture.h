@@ -24,6 +24,9 @@ class DownloadFixture
 {
 public:
     static constexpr qint64 MiB = 1024 * 1024;
+    // No code a batch ends with: -1 is no value of the enumeration, and the
+    // sanitizer build refuses to load it as one.
+    static constexpr ZTErrorCode NotEnded = ZTErrorCode(1);
 
     // Fresh folders, server and host, chunks of 1 MiB; the host talks to the
     // scripted server, or to the service at address.
@@ -44,7 +47,7 @@ public:
     // A task probed and added to the downloader, which shares it; null when refused.
     QSharedPointer<DownloadTask> addTask(Downloader &downloader, const QString &destination, const QString &name) const;
     // One file through a downloader of its own; whenStarted runs once the batch
-    // has started. The batch's code, or -1 when it did not end in time.
+    // has started. The batch's code, or NotEnded when it did not end in time.
     ZTErrorCode downloadOne(const QString &destination, const QString &name,
                             const std::function<void(Downloader &)> &whenStarted = nullptr);
 
