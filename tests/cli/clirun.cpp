@@ -86,3 +86,11 @@ bool writeFile(const QString &path, const QByteArray &content)
     QFile file(path);
     return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
 }
+
+bool ServedStore::start()
+{
+    if (!home.isValid() || !store.isValid())
+        return false;
+    url = service.serve(store.path());
+    return url.startsWith(QLatin1String("http://127.0.0.1:"));
+}

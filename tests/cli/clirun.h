@@ -2,10 +2,12 @@
 
 #include "../../cli/exitcode.h" // the support folder has a fileserviceprocess.h of its own
 
+#include <QDir>
 #include <QMetaType>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QStringList>
+#include <QTemporaryDir>
 #include <QTest>
 
 // Runs the built ztcli as a user would, in a private home (HOME, the XDG folders and TMPDIR under
@@ -50,6 +52,19 @@ private:
 };
 
 bool writeFile(const QString &path, const QByteArray &content);
+
+// `ztcli serve` over a temporary store, with a home of its own for the ztcli
+// runs of a test; the service is killed with it.
+struct ServedStore
+{
+    QTemporaryDir home;
+    QTemporaryDir store;
+    CliRun service{home.path()};
+    QString url;
+
+    bool start(); // the address printed; false, with the reason in service.output()
+    QString path(const QString &name) const { return QDir(store.path()).filePath(name); }
+};
 
 // No status ztcli exits with: it was killed, crashed or timed out. Not -1,
 // which is no value of the enumeration (the sanitizer build refuses it).

@@ -19,18 +19,13 @@ private Q_SLOTS:
     void helpMatchesReadme();
 
 private:
-    QTemporaryDir m_home;
-    QTemporaryDir m_store;
-    CliRun m_service{m_home.path()}; // kills the service at the end
-    QString m_url;
+    ServedStore m_served;
 };
 
 void tst_Ztcli::initTestCase()
 {
-    QVERIFY(m_home.isValid() && m_store.isValid());
-    m_url = m_service.serve(m_store.path());
-    QVERIFY2(m_url.startsWith(QLatin1String("http://127.0.0.1:")), qPrintable(m_service.output()));
-    const QDir store(m_store.path());
+    QVERIFY2(m_served.start(), qPrintable(m_served.service.output()));
+    const QDir store(m_served.store.path());
     for (const auto &[name, content] : {std::pair{"listed-a.txt", QByteArray("hello")}, {"listed-b.bin", QByteArray(1000, 'x')},
                                         {"ä b.txt", QByteArray("hello world")}, {"del-a", {}}, {"del-b", {}}})
         QVERIFY(writeFile(store.filePath(QString::fromUtf8(name)), content));
@@ -45,10 +40,10 @@ void tst_Ztcli::commands_data()
 
     // Nothing listens on port 1 of the loopback interface: connections are refused at once.
     const QStringList refused{"--server", "http://127.0.0.1:1"};
-    const QStringList served{"--server", m_url};
-    const QString missing = QDir(m_home.path()).filePath(QStringLiteral("no-such-file"));
+    const QStringList served{"--server", m_served.url};
+    const QString missing = QDir(m_served.home.path()).filePath(QStringLiteral("no-such-file"));
     const QString underAFile = QStringLiteral(ZT_README "/sub");
-    const QString defaultTemp = QRegularExpression::escape(QDir(m_home.path()).filePath("cache/ztcli/partial"));
+    const QString defaultTemp = QRegularExpression::escape(QDir(m_served.home.path()).filePath("cache/ztcli/partial"));
     const auto row = [](const char *tag, const QStringList &args, ExitCode status, const QString &says, const QString &gone = {}) {
         QTest::newRow(tag) << args << status << says << gone;
     };
@@ -87,13 +82,13 @@ void tst_Ztcli::commands_data()
     row("plugin missing", QStringList{"ZT_PLUGIN=" + missing} + refused + QStringList{"list"}, ExitSetup, "plugin not found");
     row("--verbose shows the plugin's log", QStringList{"-v"} + refused + QStringList{"list"}, ExitServer, "zephyrtide\\.dll: ");
     row("list", served + QStringList{"list"}, ExitSuccess, "listed-b\\.bin +1000 +1000 B ");
-    row("list --json", {"ZT_SERVER=" + m_url, "list", "--json"}, ExitSuccess, "\"fileName\": \"listed-b\\.bin\",\\s+\"fileSize\": 1000");
+    row("list --json", {"ZT_SERVER=" + m_served.url, "list", "--json"}, ExitSuccess, "\"fileName\": \"listed-b\\.bin\",\\s+\"fileSize\": 1000");
     row("delete", served + QStringList{"delete", "del-b"}, ExitSuccess, "deleted del-b", "del-b");
     // The stored one still goes; the missing one sets the status. "--" keeps a name that starts with a dash.
     row("delete, one name not stored", served + QStringList{"delete", "del-a", "--", "--gone"}, ExitNotFound,
         "--gone: not on the service", "del-a");
     // A name the service does not have is reported; the others still come.
-    row("options between names", served + QStringList{"download", "nope", "--to", m_home.path(), "listed-a.txt"}, ExitNotFound,
+    row("options between names", served + QStringList{"download", "nope", "--to", m_served.home.path(), "listed-a.txt"}, ExitNotFound,
         "(?s)downloaded listed-a\\.txt to .*ztcli: nope: not on the service");
     row("exists", served + QStringList{"exists", "listed-a.txt"}, ExitSuccess,
         "listed-a\\.txt: stored, 5 bytes \\(5 B\\); no partial download under " + defaultTemp);
@@ -107,14 +102,14 @@ void tst_Ztcli::commands()
     QFETCH(ExitCode, status);
     QFETCH(QString, says);
     QFETCH(QString, gone);
-    CliRun cli(m_home.path());
+    CliRun cli(m_served.home.path());
     for (; !args.isEmpty() && args.first().startsWith("ZT_"); args.removeFirst())
         cli.setEnv(args.first().section('=', 0, 0), args.first().section('=', 1));
     QCOMPARE(cli.run(args), status);
     QVERIFY2(cli.output().contains(QRegularExpression(says)), qPrintable(cli.output()));
     // The plugin's own log stays out of sight unless asked for.
     QVERIFY2(args.contains("-v") || !cli.output().contains("zephyrtide.dll"), qPrintable(cli.output()));
-    QVERIFY(gone.isEmpty() || !QFile::exists(QDir(m_store.path()).filePath(gone)));
+    QVERIFY(gone.isEmpty() || !QFile::exists(m_served.path(gone)));
 }
 
 void tst_Ztcli::helpMatchesReadme_data()
@@ -134,7 +129,7 @@ void tst_Ztcli::helpMatchesReadme()
     const QString readme = QRegularExpression("(?s)\n## ztcli.*?(?=\n## [^#]|$)").match(QString::fromUtf8(file.readAll())).captured();
     QVERIFY2(!readme.isEmpty(), "README.md has no \"## ztcli\" section");
 
-    CliRun cli(m_home.path());
+    CliRun cli(m_served.home.path());
     QCOMPARE(cli.run(command.isEmpty() ? QStringList{"--help"} : QStringList{command, "--help"}), ExitSuccess);
     const QString help = cli.out();
     const QString usage = help.section('\n', 0, 0).remove("Usage: ");

@@ -92,19 +92,13 @@ private Q_SLOTS:
     void barFitsANarrowTerminal();
 
 private:
-    QString inStore(const QString &name) const { return QDir(m_store.path()).filePath(name); }
 
-    QTemporaryDir m_home;
-    QTemporaryDir m_store;
-    CliRun m_service{m_home.path()}; // kills the service at the end
-    QString m_url;
+    ServedStore m_served;
 };
 
 void tst_ZtcliTransfers::initTestCase()
 {
-    QVERIFY(m_home.isValid() && m_store.isValid());
-    m_url = m_service.serve(m_store.path());
-    QVERIFY2(m_url.startsWith(QLatin1String("http://127.0.0.1:")), qPrintable(m_service.output()));
+    QVERIFY2(m_served.start(), qPrintable(m_served.service.output()));
 }
 
 void tst_ZtcliTransfers::uploadThenDownload_data()
@@ -129,9 +123,9 @@ void tst_ZtcliTransfers::uploadThenDownload()
     const QString name = QStringLiteral("round-%1.bin").arg(size);
     const QByteArray content = randomBytes(size);
     QTemporaryDir local, guardedRoot;
-    QStringList server{"--server", m_url};
-    QString root = m_store.path();
-    CliRun cli(m_home.path());
+    QStringList server{"--server", m_served.url};
+    QString root = m_served.store.path();
+    CliRun cli(m_served.home.path());
     QScopedPointer<FileServiceProcess> guarded; // parts of 64 KiB, so that an upload has several
     if (!guard.isEmpty()) {
         QStringList options{"--chunk-size", "65536", "--token", "s3cret"};
@@ -242,7 +236,7 @@ void tst_ZtcliTransfers::stopThenResume()
     const QStringList args = QStringList{"--server", server.baseUrl()} + download(temp.path(), "r.bin", target.path());
 
     Terminal terminal(80);
-    CliRun first(m_home.path());
+    CliRun first(m_served.home.path());
     // A write past the limit then fails with EFBIG, as on a full disk; an
     // ignored SIGXFSZ stays ignored across exec.
     if (blocks >= 0)
@@ -255,7 +249,7 @@ void tst_ZtcliTransfers::stopThenResume()
         first.setEnv("ASAN_OPTIONS", qEnvironmentVariable("ASAN_OPTIONS") + ":verify_asan_link_order=0");
     }
     first.start(options + args);
-    CliRun ask(m_home.path());
+    CliRun ask(m_served.home.path());
     const QStringList partial{"--temp", temp.path(), "partial"};
     if (ending <= CtrlCTwiceAfterStop) {
         QTRY_VERIFY_WITH_TIMEOUT(server.heldCount() > 0 && (ending != CtrlC || bytesUnder(temp.path()) >= 2 * MiB), 30000);
@@ -324,7 +318,7 @@ void tst_ZtcliTransfers::stopThenResume()
     }
 
     const qint64 sentBefore = server.bodyBytesSent();
-    CliRun second(m_home.path());
+    CliRun second(m_served.home.path());
     QCOMPARE(second.run(args), ExitSuccess);
     QVERIFY(readFile(result) == content);
     // It says how far the first run had come, from what was on disk.
@@ -348,15 +342,15 @@ void tst_ZtcliTransfers::manyFilesUnderASmallDescriptorLimit()
     QStringList names;
     for (int i = 0; i < 400; ++i) {
         names << QStringLiteral("limit-%1.bin").arg(i, 3, 10, QLatin1Char('0'));
-        QVERIFY(writeFile(inStore(names.last()), randomBytes(1000 + 4 * i, quint32(i))));
+        QVERIFY(writeFile(m_served.path(names.last()), randomBytes(1000 + 4 * i, quint32(i))));
     }
     QTemporaryDir temp, target;
-    CliRun cli(m_home.path());
+    CliRun cli(m_served.home.path());
     cli.setWrapper(shellFirst("ulimit -Sn 256"));
-    QCOMPARE(cli.run(QStringList{"-q", "--server", m_url, "--temp", temp.path(), "download"} + names
+    QCOMPARE(cli.run(QStringList{"-q", "--server", m_served.url, "--temp", temp.path(), "download"} + names
                      + QStringList{"--to", target.path()}, 120000), ExitSuccess);
     for (const QString &name : names)
-        QVERIFY2(readFile(QDir(target.path()).filePath(name)) == readFile(inStore(name)), qPrintable(name));
+        QVERIFY2(readFile(QDir(target.path()).filePath(name)) == readFile(m_served.path(name)), qPrintable(name));
 }
 
 // Peak memory of ztcli moving a file larger than its bounds. Bodies stream
@@ -374,14 +368,14 @@ void tst_ZtcliTransfers::largeFileStaysWithinMemoryBounds()
     const QString source = local.filePath(QStringLiteral("large.bin"));
     QFile file(source);
     QVERIFY(file.open(QIODevice::WriteOnly) && file.resize(256 * MiB));
-    CliRun cli(m_home.path());
+    CliRun cli(m_served.home.path());
     cli.setWrapper({"/usr/bin/time", "-f", "%M"}); // the peak in KiB, as the last line on stderr
     const auto peakMiB = [&cli] { return cli.err().trimmed().section('\n', -1).toDouble() / 1024; };
-    QCOMPARE(cli.run({"-q", "--server", m_url, "upload", source}, 300000), ExitSuccess);
+    QCOMPARE(cli.run({"-q", "--server", m_served.url, "upload", source}, 300000), ExitSuccess);
     // At most 4 transfers at once x 8 MiB parts (the service's) + 64 MiB.
     QVERIFY2(peakMiB() > 0 && peakMiB() <= 4 * 8 + 64, qPrintable(cli.err()));
-    QCOMPARE(sha256OfFile(inStore("large.bin")), sha256OfFile(source));
-    QCOMPARE(cli.run({"-q", "--server", m_url, "--temp", local.filePath("partial"), "download", "large.bin", "--to", local.path()},
+    QCOMPARE(sha256OfFile(m_served.path("large.bin")), sha256OfFile(source));
+    QCOMPARE(cli.run({"-q", "--server", m_served.url, "--temp", local.filePath("partial"), "download", "large.bin", "--to", local.path()},
                      300000), ExitSuccess); // beside the source: "large(1).bin"
     QVERIFY2(peakMiB() > 0 && peakMiB() <= 128, qPrintable(cli.err()));
     QCOMPARE(sha256OfFile(local.filePath(QStringLiteral("large(1).bin"))), sha256OfFile(source));
@@ -402,13 +396,13 @@ void tst_ZtcliTransfers::barFitsANarrowTerminal()
 {
     QFETCH(int, columns);
     const QString name = QStringLiteral("a-file-name-longer-than-the-terminal-%1.bin").arg(columns);
-    QVERIFY(writeFile(inStore(name), randomBytes(4 * MiB)));
+    QVERIFY(writeFile(m_served.path(name), randomBytes(4 * MiB)));
     Terminal terminal(columns);
     QVERIFY(!terminal.path.isEmpty());
     QTemporaryDir target;
-    CliRun cli(m_home.path());
+    CliRun cli(m_served.home.path());
     cli.setStderrFile(terminal.path);
-    cli.start(QStringList{"--server", m_url} + download(target.filePath("partial"), name, target.path()));
+    cli.start(QStringList{"--server", m_served.url} + download(target.filePath("partial"), name, target.path()));
     QVERIFY(QTest::qWaitFor([&] { terminal.read(); return !cli.isRunning(); }, 60000));
     terminal.read();
     QCOMPARE(cli.exitCode(), ExitSuccess);
