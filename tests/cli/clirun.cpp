@@ -1,7 +1,6 @@
 #include "clirun.h"
 
-#include <QDir>
-#include <QFile>
+#include <QtTest>
 
 #include <csignal>
 

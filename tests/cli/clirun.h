@@ -2,13 +2,7 @@
 
 #include "../../cli/exitcode.h" // the support folder has a fileserviceprocess.h of its own
 
-#include <QDir>
-#include <QMetaType>
-#include <QProcess>
-#include <QProcessEnvironment>
-#include <QStringList>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 // Runs the built ztcli as a user would, in a private home (HOME, the XDG folders and TMPDIR under
 // it), so that settings, caches and partial downloads never touch the real user's. Waits are bounded

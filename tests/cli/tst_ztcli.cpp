@@ -1,10 +1,6 @@
 #include "clirun.h"
 
-#include <QDir>
-#include <QFile>
-#include <QRegularExpression>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 // ztcli as a user meets it: exit statuses and messages, the environment it reads, its help
 // against the README, and the service commands against the file service `ztcli serve` runs.

@@ -7,10 +7,7 @@
 #include <zephyrtide/error.h>
 #include <zephyrtide/reply.h>
 
-#include <QBuffer>
-#include <QRegularExpression>
-#include <QTest>
-#include <QTimer>
+#include <QtTest>
 
 #include <csignal>
 

@@ -4,12 +4,7 @@
 #include "randomfile.h"
 #include "scriptedserver.h"
 
-#include <QCryptographicHash>
-#include <QDir>
-#include <QDirIterator>
-#include <QFile>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 #include <fcntl.h>
 #include <pty.h>

@@ -12,11 +12,7 @@
 #include <zephyrtide/manager.h>
 #include <zephyrtide/reply.h>
 
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QUrlQuery>
+#include <QtTest>
 
 using Zephyrtide::Error;
 

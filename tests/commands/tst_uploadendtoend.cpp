@@ -10,11 +10,7 @@
 #include <zephyrtide/manager.h>
 #include <zephyrtide/reply.h>
 
-#include <QFile>
-#include <QRegularExpression>
-#include <QSet>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 #include <sys/resource.h>
 

@@ -1,9 +1,7 @@
 // A cipher program for tests. Prints {"data": "<arg 1>\n<arg 2>\n..."} on one
 // line. With ZT_CIPHER_STUB_MODE=silent it exits without printing anything.
 
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QStringList>
+#include <QtCore>
 
 #include <cstdio>
 

@@ -1,14 +1,7 @@
 #include "core/encryption.h"
 #include "logcapture.h"
 
-#include <QCryptographicHash>
-#include <QDir>
-#include <QElapsedTimer>
-#include <QJsonDocument>
-#include <QRegularExpression>
-#include <QScopeGuard>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 namespace {
 // A key of the tests' own, so they can build texts the way a record is built.

@@ -5,15 +5,7 @@
 #include <zephyrtide/manager.h>
 #include <zephyrtide/reply.h>
 
-#include <QDir>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QSignalSpy>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QThread>
-#include <QTimer>
+#include <QtTest>
 
 using Zephyrtide::Error;
 using Zephyrtide::Manager;

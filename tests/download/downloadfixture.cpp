@@ -9,12 +9,7 @@
 
 #include <zephyrtide/manager.h>
 
-#include <QCoreApplication>
-#include <QCryptographicHash>
-#include <QDir>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QTest>
+#include <QtTest>
 
 bool DownloadFixture::setUp(const QString &address)
 {

@@ -7,10 +7,7 @@
 
 #include <zephyrtide/manager.h>
 
-#include <QDir>
-#include <QMap>
-#include <QScopedPointer>
-#include <QTemporaryDir>
+#include <QtTest>
 
 #include <functional>
 

@@ -1,8 +1,7 @@
 #include "download/accessmanagerpool.h"
 
-#include <QNetworkAccessManager>
-#include <QPointer>
-#include <QTest>
+#include <QtTest>
+#include <QtNetwork>
 
 // The access managers that chunks share: never more connections on one than
 // Qt opens to a host, and a manager goes with its last lease.

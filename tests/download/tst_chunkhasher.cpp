@@ -1,10 +1,7 @@
 #include "download/chunkhasher.h"
 #include "randomfile.h"
 
-#include <QCryptographicHash>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 namespace {
 constexpr qint64 MiB = 1024 * 1024;

@@ -5,12 +5,8 @@
 #include "scriptedserver.h"
 #include "testenvironment.h"
 
-#include <QCryptographicHash>
-#include <QNetworkAccessManager>
-#include <QRegularExpression>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
+#include <QtNetwork>
 
 namespace {
 constexpr qint64 MiB = 1024 * 1024;

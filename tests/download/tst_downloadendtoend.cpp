@@ -7,9 +7,7 @@
 
 #include <zephyrtide/reply.h>
 
-#include <QDir>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 #include <memory>
 

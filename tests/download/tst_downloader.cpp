@@ -10,16 +10,7 @@
 
 #include <zephyrtide/reply.h>
 
-#include <QDir>
-#include <QElapsedTimer>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QRegularExpression>
-#include <QScopeGuard>
-#include <QSignalSpy>
-#include <QStandardPaths>
-#include <QStorageInfo>
-#include <QTest>
+#include <QtTest>
 
 #include <algorithm>
 #include <memory>

@@ -7,11 +7,7 @@
 #include "hostcall.h"
 #include "core/globalmanager.h"
 
-#include <QDir>
-#include <QLockFile>
-#include <QProcess>
-#include <QRegularExpression>
-#include <QTest>
+#include <QtTest>
 
 #include <cstdio>
 

@@ -4,10 +4,7 @@
 #include "scriptedserver.h"
 #include "testenvironment.h"
 
-#include <QCryptographicHash>
-#include <QDir>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 // The probe against a scripted server: the size, the file's name and the
 // content folder's tag (without a server tag, the address and the name tell

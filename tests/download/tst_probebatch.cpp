@@ -5,9 +5,7 @@
 #include "network/networkmanager.h"
 #include "core/globalmanager.h"
 
-#include <QCryptographicHash>
-#include <QScopeGuard>
-#include <QTest>
+#include <QtTest>
 
 using Error = Zephyrtide::Error;
 

@@ -18,9 +18,7 @@
 #include "download/downloadglobal.h"
 #include "download/downloadtask.h"
 
-#include <QDir>
-#include <QFileInfo>
-#include <QRegularExpression>
+#include <QtCore>
 
 #include <cstddef>
 #include <cstdint>

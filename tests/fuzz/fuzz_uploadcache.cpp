@@ -14,9 +14,7 @@
 #include "core/encryption.h"
 #include "upload/fileitem.h"
 
-#include <QDateTime>
-#include <QJsonDocument>
-#include <QJsonObject>
+#include <QtCore>
 
 #include <algorithm>
 #include <cstddef>

@@ -1,11 +1,6 @@
 #include "fuzzenvironment.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QFile>
-#include <QLoggingCategory>
-#include <QStandardPaths>
-#include <QTemporaryDir>
+#include <QtCore>
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <QString>
+#include <QtCore>
 
 // What every fuzz target sets up before its first input, and how it reports a
 // broken invariant. Shared by the libFuzzer build and the replay tests.

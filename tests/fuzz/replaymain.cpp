@@ -3,8 +3,7 @@
 // hold at least one file, so that a moved or emptied folder fails the test
 // instead of passing with nothing run.
 
-#include <QDir>
-#include <QFile>
+#include <QtCore>
 
 #include <cstdint>
 #include <cstdio>

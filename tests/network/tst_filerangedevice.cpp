@@ -1,8 +1,7 @@
 #include "network/filerangedevice.h"
 #include "randomfile.h"
 
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 // A window on a file, sent as a request body: exactly its bytes, seekable
 // within it, and refused when the file cannot give all of them.

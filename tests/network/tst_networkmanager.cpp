@@ -4,13 +4,7 @@
 #include "randomfile.h"
 #include "scriptedserver.h"
 
-#include <QBuffer>
-#include <QCryptographicHash>
-#include <QMutex>
-#include <QSignalSpy>
-#include <QStandardPaths>
-#include <QTest>
-#include <QThread>
+#include <QtTest>
 
 using NetLimit = Zephyrtide::Manager::NetLimit;
 

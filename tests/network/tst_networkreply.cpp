@@ -2,9 +2,7 @@
 #include "network/networkreply.h"
 #include "scriptedserver.h"
 
-#include <QSignalSpy>
-#include <QStandardPaths>
-#include <QTest>
+#include <QtTest>
 
 // The handle of one transfer: which answers finish it and which fail it, that
 // nothing follows its end, and a retry that sends the same request again.

@@ -3,11 +3,7 @@
 
 #include <zephyrtide/manager.h>
 
-#include <QJsonObject>
-#include <QPluginLoader>
-#include <QPointer>
-#include <QStandardPaths>
-#include <QTest>
+#include <QtTest>
 
 // Loads the built module exactly as the host does and talks to it only through
 // the meta-object system.

@@ -7,12 +7,7 @@
 #include <zephyrtide/manager.h>
 #include <zephyrtide/reply.h>
 
-#include <QElapsedTimer>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QStandardPaths>
-#include <QTest>
-#include <QTimer>
+#include <QtTest>
 
 using Zephyrtide::Error;
 

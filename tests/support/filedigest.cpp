@@ -1,7 +1,6 @@
 #include "filedigest.h"
 
-#include <QCryptographicHash>
-#include <QFile>
+#include <QtTest>
 
 QByteArray sha256OfFile(const QString &path)
 {

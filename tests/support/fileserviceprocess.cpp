@@ -1,6 +1,6 @@
 #include "fileserviceprocess.h"
 
-#include <QRegularExpression>
+#include <QtTest>
 
 FileServiceProcess::FileServiceProcess(const QString &root, const QStringList &options)
     : m_root(root)

@@ -2,7 +2,7 @@
 
 #include <zephyrtide/reply.h>
 
-#include <QTest>
+#include <QtTest>
 
 HostCall::HostCall(QObject *root, const char *slot, const QVariantMap &params,
                    const std::function<void(Zephyrtide::Reply *)> &beforeCall)

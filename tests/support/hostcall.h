@@ -1,9 +1,6 @@
 #pragma once
 
-#include <QList>
-#include <QPair>
-#include <QScopedPointer>
-#include <QVariantMap>
+#include <QtTest>
 
 #include <zephyrtide/error.h>
 

@@ -1,10 +1,6 @@
 #pragma once
 
-#include <QList>
-#include <QLoggingCategory>
-#include <QMutex>
-#include <QString>
-#include <QtGlobal>
+#include <QtTest>
 
 // Records every log line while it lives, so a test can ask whether the plugin
 // wrote a given line; warnings and worse are still printed. It turns the

@@ -1,7 +1,6 @@
 #include "randomfile.h"
 
-#include <QFile>
-#include <QRandomGenerator>
+#include <QtTest>
 
 namespace {
 constexpr qint64 BlockSize = 1 << 20;

@@ -1,7 +1,6 @@
 #pragma once
 
-#include <QByteArray>
-#include <QString>
+#include <QtTest>
 
 // Bytes without a pattern a transfer could get right by accident; the same
 // bytes for the same size and seed.

@@ -1,12 +1,7 @@
 #include "scriptedserver.h"
 
-#include <QElapsedTimer>
-#include <QJsonDocument>
-#include <QPointer>
-#include <QRegularExpression>
-#include <QTcpSocket>
-#include <QTest>
-#include <QTimer>
+#include <QtTest>
+#include <QtNetwork>
 
 QByteArray ScriptedRequest::header(const QByteArray &name) const
 {

@@ -1,12 +1,7 @@
 #pragma once
 
-#include <QByteArray>
-#include <QHash>
-#include <QList>
-#include <QMetaType>
-#include <QPair>
-#include <QTcpServer>
-#include <QUrl>
+#include <QtTest>
+#include <QtNetwork>
 
 #include <functional>
 

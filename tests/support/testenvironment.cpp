@@ -1,9 +1,6 @@
 #include "testenvironment.h"
 
-#include <QDir>
-#include <QFile>
-#include <QSettings>
-#include <QStandardPaths>
+#include <QtTest>
 
 TestEnvironment::TestEnvironment()
 {

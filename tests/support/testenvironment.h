@@ -1,7 +1,6 @@
 #pragma once
 
-#include <QString>
-#include <QTemporaryDir>
+#include <QtTest>
 
 // Keeps a test away from the real user's files: standard paths in test mode,
 // HOME and the XDG folders in a temporary folder (test mode leaves Documents,

@@ -1,9 +1,6 @@
 #include "uploadservice.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QUrlQuery>
+#include <QtTest>
 
 UploadService::UploadService(ScriptedServer *server)
     : m_server(server)

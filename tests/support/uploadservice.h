@@ -2,7 +2,7 @@
 
 #include "scriptedserver.h"
 
-#include <QMap>
+#include <QtTest>
 
 // The upload service's three addresses, scripted on a ScriptedServer:
 // "/upload/info" hands out a session (by default one whose parts of chunkSize

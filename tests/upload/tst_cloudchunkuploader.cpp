@@ -8,11 +8,7 @@
 #include "upload/cloudchunkuploader.h"
 #include "upload/uploadglobal.h"
 
-#include <QCryptographicHash>
-#include <QDir>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 using Zephyrtide::Error;
 

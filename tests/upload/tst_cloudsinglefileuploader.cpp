@@ -11,14 +11,7 @@
 
 #include <zephyrtide/manager.h>
 
-#include <QCryptographicHash>
-#include <QElapsedTimer>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QUrlQuery>
+#include <QtTest>
 
 namespace {
 int partNumber(const ScriptedRequest &request)

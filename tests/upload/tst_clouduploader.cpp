@@ -9,9 +9,7 @@
 
 #include <zephyrtide/manager.h>
 
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 using Zephyrtide::Error;
 

@@ -1,11 +1,8 @@
 #include "randomfile.h"
 #include "upload/filechunkbody.h"
 
-#include <QCryptographicHash>
-#include <QNetworkRequest>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QThread>
+#include <QtTest>
+#include <QtNetwork>
 
 // The body of one part: its bytes from the file, their digest computed once.
 class tst_FileChunkBody : public QObject

@@ -2,7 +2,7 @@
 #include "upload/chunkitem.h"
 #include "upload/fileitem.h"
 
-#include <QTest>
+#include <QtTest>
 
 // A file's upload state: its form in the session cache (the keys an older
 // version wrote and reads back, every field surviving a round trip, the parts

@@ -7,15 +7,7 @@
 
 #include <zephyrtide/manager.h>
 
-#include <QCryptographicHash>
-#include <QFile>
-#include <QFileInfo>
-#include <QRegularExpression>
-#include <QSettings>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QTimer>
+#include <QtTest>
 
 #include <memory>
 

@@ -7,7 +7,7 @@
 
 #include <zephyrtide/manager.h>
 
-#include <QScopedPointer>
+#include <QtTest>
 
 // What the file and job tests share: a scripted upload service on loopback and
 // a host manager, installed where the plugin's globals look for them, and an
