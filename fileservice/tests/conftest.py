@@ -38,6 +38,7 @@ def pytest_pyfunc_call(pyfuncitem):
 def loop():
     loop = asyncio.new_event_loop()
     yield loop
+
     # Connections a test left open (a lingering body, a client gone quiet) end with it.
     async def end(tasks):
         for task in tasks:
@@ -176,6 +177,7 @@ def clients(exits):
 def serve(exits, clients, tmp_path, caplog):
     """await serve(chunk_size=8, tokens=(), front=None, expires=86400, **store_options): the service in this process."""
     caplog.set_level(logging.INFO, logger="zt-fileservice")
+
     async def start(chunk_size=8, tokens=(), front=None, expires=86400, **store_options):
         store = Store(str(tmp_path / "root"), chunk_size, expires, **store_options)
         exits.callback(store.digests.shutdown)

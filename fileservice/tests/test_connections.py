@@ -20,8 +20,6 @@ from ztfileservice.server import Front
     # Every piece comes well within the bound (1 s), the whole body (1.6 s) does not.
     ([b"PART12", b"3", b"4", b"56", b"78"], 8, b"200", 1),
 ], ids=["nothing", "half a head", "one request", "half a body", "bad request line", "bad header", "bad chunk", "slow body"])
-
-
 async def test_quiet_and_malformed_connections_are_closed(launch, sent, held, status, lines):
     service = await launch("--chunk-size", "8", "--idle-timeout", "1" if len(sent) > 1 else "0.5")
     head, before = service.part_head((await service.chunks("q.bin", 8))[0], 8, md5_header(b"12345678")), service.log()
@@ -37,8 +35,6 @@ async def test_quiet_and_malformed_connections_are_closed(launch, sent, held, st
     ((1024, 4096), "60", 1100),   # more quiet clients than the usual soft limit allows
     ((64, 64), "1", 100),         # more than the service may ever hold: the quiet ones are let go
 ], ids=["soft limit", "hard limit"])
-
-
 async def test_quiet_clients_do_not_lock_others_out(launch, exits, descriptors, idle_timeout, count):
     ours = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (max(ours[0], min(ours[1], count + 256)), ours[1]))
@@ -60,8 +56,6 @@ async def test_quiet_clients_do_not_lock_others_out(launch, exits, descriptors, 
      "https://files.example"),
     (Front("https://files.example/zt/", ["127.0.0.1"]), {"X-Forwarded-Proto": "http"}, "https://files.example/zt"),
 ], ids=["no front trusted", "another front trusted", "X-Forwarded", "Forwarded", "public URL"])
-
-
 async def test_addresses_follow_the_front(serve, front, headers, base):
     service = await serve(front=front)
     status, answer = await service.call("/upload/info", {"fileName": "a b", "fileMD5": IDENTIFIER, "fileSize": 3}, headers)

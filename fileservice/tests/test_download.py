@@ -23,11 +23,9 @@ def ranged(service, tmp_path):
     return service
 
 
-@pytest.mark.parametrize("method", ["GET", "HEAD", "POST"])
-
-
 # Ranges: the plugin's probe, the whole, ends past the size (clamped; one past the last byte, as chunk plans ask),
 # the last byte, a suffix; starts past the end and reversed ranges (416).
+@pytest.mark.parametrize("method", ["GET", "HEAD", "POST"])
 @pytest.mark.parametrize("name, headers, status, first, last", [
     ("r.bin", {}, 200, 0, 1023),
     *(("r.bin", {"Range": "bytes=" + spec}, status, first, last) for spec, status, first, last in [
@@ -40,8 +38,6 @@ def ranged(service, tmp_path):
     ("r.bin", {"If-None-Match": "*"}, 304, None, None),
     ("empty", {}, 200, 0, -1), ("empty", {"Range": "bytes=0-1"}, 416, None, None),
 ], ids=lambda value: repr(value) if isinstance(value, dict) else None)
-
-
 async def test_answers_to_a_stored_file(ranged, method, name, headers, status, first, last):
     content = ranged.stored(name)
     etag = (await known_digest(ranged, name, content))["ETag"]
@@ -66,8 +62,6 @@ async def test_answers_to_a_stored_file(ranged, method, name, headers, status, f
     ("POST", [None], b'{"fileName": "../r.bin"}', 403), ("POST", [None], b"not json", 400), ("POST", [None], b"{}", 400),
     ("POST", ["r.bin"], b'{"fileName": ""}', 200),   # the name in the address
 ])
-
-
 async def test_download_answers(ranged, method, paths, body, status):
     for path in paths:
         code, _, got = await ranged.request(method, "/download" + ("?fileName=" + path if path else ""), body)
@@ -135,8 +129,6 @@ async def test_tag_and_digest_follow_the_content(service, change):
     "curl -sSf -o {out} {url}", "curl -sSf -C - -o {out} {url}",   # the second resumes the first 3 MiB already there
     "aria2c -q -x4 -s4 --min-split-size=1M --allow-overwrite=true --auto-file-renaming=false -d {folder} -o out.bin {url}",
 ], ids=["curl", "curl-resume", "aria2c-x4"])
-
-
 async def test_real_clients(service, tmp_path, client):
     content, out, url = os.urandom(8 << 20), tmp_path / "out.bin", service.url + "/download?fileName=big.bin"
     service.put_file("big.bin", content)

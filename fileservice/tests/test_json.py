@@ -26,8 +26,6 @@ BAD_NAMES = ["../a", "..", "a..b", "a/b", "/etc/passwd", "a\\b", "a\x00b", "a\nb
     ("/delete", [{"fileName": "absent.txt"}], "notExist"),
     ("/upload/complete", [{"fileName": "a", "fileMD5": IDENTIFIER}], "notExist"),
 ])
-
-
 async def test_answer_words(service, path, bodies, word):
     # Beside the word, the host's code for it, as the host library reads it.
     code = {"require": 20693, "parseErr": 20695, "illegalErr": 20707, "notExist": 20712}[word]
@@ -42,8 +40,6 @@ async def test_answer_words(service, path, bodies, word):
     ("POST", "/upload/complete", {"fileName": "a.txt", "fileMD5": IDENTIFIER}), ("POST", "/download", {"fileName": "a.txt"}),
     ("GET", "/download?fileName=a.txt", None), ("HEAD", "/download?fileName=a.txt", None), ("POST", "part", None),
 ], ids=lambda value: value if isinstance(value, str) else None)
-
-
 async def test_token(serve, clients, method, path, body):
     service = await serve(tokens=["s3cret", "other"])
     service.put_file("a.txt", b"abc")
@@ -75,7 +71,5 @@ PAD = b'{"pad": "' + b" " * (2 << 20) + b'"}'
     *((b"POST %s HTTP/1.1\r\nHost: h\r\nExpect: 100-continue\r\nContent-Length: %d\r\n\r\n" % (path, (8 << 20) + 1),
        StreamReader.readline) for path in (b"/upload/info", b"/download", b"/upload/part?uploadID=x&partNumber=1")),
 ], ids=["length", "chunked", "info announced", "download announced", "part announced"])
-
-
 async def test_oversized_bodies_are_refused(service, request_bytes, read):
     assert (await raw_exchange(service, request_bytes, read=read)).startswith(b"HTTP/1.1 413 ")

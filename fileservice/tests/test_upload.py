@@ -16,8 +16,6 @@ LAST = b"wxyz"  # the last part of a 12-byte file cut into parts of 8
 
 @pytest.mark.parametrize("name, size", [("u.bin", 0), ("u.bin", 1), ("Grüße ñ 文件.txt", 7), ('a "b"; c=d.txt', 8),
                                         ("50% off,+&=.txt", 9), ("emoji 😀", 17)])
-
-
 async def test_upload_and_download_back(service, name, size):
     content, quoted, answer = os.urandom(size), quote(name, safe=""), await service.info(name, size)
     url, upload = service.url + "/download?fileName=" + quoted, answer["uploadInfo"]
@@ -109,8 +107,6 @@ def fold_logs_into_records(root):
 @pytest.mark.parametrize("signum, code, earlier_layout", [
     (signal.SIGTERM, 0, False), (signal.SIGINT, 0, False), (signal.SIGKILL, -signal.SIGKILL, False),
     (signal.SIGKILL, -signal.SIGKILL, True)])
-
-
 async def test_sessions_survive_a_restart(launch, signum, code, earlier_layout):
     content, first = os.urandom(24), await launch("--chunk-size", "8")
     assert (await first.upload("done.bin", b"done"))[0] == "success"
@@ -153,8 +149,6 @@ async def test_sessions_expire_and_are_bounded_per_client(serve, clients):
 @pytest.mark.parametrize("second, tokens", [
     ({"identifier": OTHER}, ()), ({"address": "127.0.0.2"}, ()), ({"token": "t2"}, ("t1", "t2"))],
     ids=["one client, two identifiers", "two addresses, one identifier", "two tokens, one identifier"])
-
-
 async def test_two_uploads_of_one_name(serve, clients, second, tokens):
     part, size = 1 << 20, (2 << 20) + 100   # three parts each, the first two written in place as they come
     service = await serve(chunk_size=part, tokens=tokens)
