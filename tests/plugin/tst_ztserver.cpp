@@ -129,7 +129,7 @@ private Q_SLOTS:
         QVERIFY(!call.result().value("result").isValid());
     }
 
-    void refusedCommands()
+    void downloadWithoutFiles()
     {
         LogCapture log;
         for (const QVariantMap &params : {QVariantMap(), QVariantMap{{"files", QVariantList()}}}) {
@@ -139,16 +139,6 @@ private Q_SLOTS:
             QCOMPARE(call.error(), Error::ParseError);
         }
         QCOMPARE(log.count("files is empty", QtCriticalMsg), 2);
-
-        ZTServer root; // shares the process-wide manager binding with m_root
-        GlobalManager::instance()->setManager(nullptr);
-        setAddress(m_server->baseUrl());
-        for (const char *slot : {"zt_apply_fileList", "zt_apply_delete"}) {
-            HostCall call(&root, slot, {{"filename", "a"}});
-            call.wait();
-            QCOMPARE(call.error(), Error::NoManager);
-        }
-        QCOMPARE(m_server->requestCount(), 0);
     }
 
 private:
