@@ -143,7 +143,10 @@ void tst_ZtcliTransfers::uploadThenDownload()
     const QString source = local.filePath(name);
     QVERIFY(writeFile(source, content));
     QCOMPARE(cli.run(server + QStringList{"upload", source}), ExitSuccess);
-    QVERIFY2(cli.out().contains("uploaded " + source), qPrintable(cli.output()));
+    // The address the service gave the file comes back through the plugin's result.
+    QVERIFY2(cli.out().contains(QStringLiteral("uploaded %1 as %2 (").arg(source, name))
+                 && cli.out().contains(", " + server[1] + "/download?fileName="),
+             qPrintable(cli.output()));
     QVERIFY(readFile(QDir(root).filePath(name)) == content);
     // Off a terminal progress is whole lines on stderr; stdout carries only the results.
     QVERIFY2(cli.err().contains("done:") && !cli.err().contains('\r') && !cli.out().contains("done:"), qPrintable(cli.output()));
