@@ -30,8 +30,7 @@ QVariantMap cachedSession()
 }
 } // namespace
 
-// The upload command as the host drives it through the root object, against a
-// scripted upload service whose parts are of 4 bytes.
+// The upload command as the host drives it through the root object, against a scripted service with parts of 4 bytes.
 class tst_StartUpload : public QObject
 {
     Q_OBJECT
@@ -103,12 +102,10 @@ private Q_SLOTS:
         QTest::newRow("resumed, aborted while the service answers: nothing sent, session forgotten")
             << true << true << Error::Aborted;
     }
-    // The host ends the upload with stop() or abort(), then sends the other one
-    // too; the reply gets the first one's code, once. When the end comes while
-    // the plugin waits for "/upload/info", no part may go out after it, and the
-    // cache holds what stop() or abort() left: the earlier session, or nothing.
-    // When it comes right after parts went in, the store says so by the time
-    // the host hears of the end.
+    // The host ends the upload with stop() or abort(), then sends the other one too; the reply gets the first one's
+    // code, once. When the end comes while the plugin waits for "/upload/info", no part may go out after it, and the
+    // cache holds what stop() or abort() left: the earlier session, or nothing. When it comes right after parts went
+    // in, the store says so by the time the host hears of the end.
     void stopAndAbortEndTheReply()
     {
         QFETCH(bool, abort);
@@ -158,9 +155,11 @@ private Q_SLOTS:
             // The job knows the four parts left; the end must see them stored.
             const QString identifier =
                 QJsonDocument::fromJson(m_server->requests().first().body).object().value("fileMD5").toString();
-            QTRY_COMPARE_WITH_TIMEOUT(
-                UploadGlobal::instance()->getInfo(identifier).value("uploadInfo").toMap().value("chunks").toList().size(),
-                4, 5000);
+            const auto listed = [identifier] {
+                const QVariantMap info = UploadGlobal::instance()->getInfo(identifier).value("uploadInfo").toMap();
+                return info.value("chunks").toList().size();
+            };
+            QTRY_COMPARE_WITH_TIMEOUT(listed(), 4, 5000);
             endTwice(call.reply());
         }
         call.wait();
@@ -174,8 +173,8 @@ private Q_SLOTS:
             QCOMPARE(parts, QStringList({"7", "8", "9", "10"}));
         }
         QCOMPARE(log.count("request fail error", QtCriticalMsg), 1);
-        // What would come before anything more of this run: the session answer
-        // taken and dropped, or the cut parts' connections closed.
+        // What would come before anything more of this run: the session answer dropped, or the cut parts'
+        // connections closed.
         if (whileAskingForSession) {
             QTRY_COMPARE_WITH_TIMEOUT(log.count("upload ended while asking for its session"), 1, 5000);
             // A part sent now would already be in the queue.

@@ -63,7 +63,9 @@ private Q_SLOTS:
         const QVariantMap query{{"owner", "me"}, {"n", 2}};
         const QVariantMap both{{"fileName", "a.txt"}, {"filename", "a.txt"}};
         const auto row = [](const char *tag, const char *slot, const QVariantMap &params, const char *path,
-                            const QVariantMap &sent) { QTest::newRow(tag) << QByteArray(slot) << params << path << sent; };
+                            const QVariantMap &sent) {
+            QTest::newRow(tag) << QByteArray(slot) << params << path << sent;
+        };
         row("fileList", "zt_apply_fileList", query, "/download/pathList", query);
         row("zt_apply(reply, map) is fileList", "zt_apply", query, "/download/pathList", query);
         row("zt_apply(reply) is fileList", "zt_apply", {}, "/download/pathList", {});
@@ -85,7 +87,7 @@ private Q_SLOTS:
         QVERIFY(other.start());
         setAddress(other.baseUrl());
         setAddress(m_server->baseUrl());
-        m_server->enqueue(ScriptedResponse::json(R"({"status":"success","result":[{"fileName":"a.txt","fileSize":3}]})"));
+        m_server->enqueue(ScriptedResponse::json(R"({"status":"success","result":[{"fileName":"a.txt"}]})"));
         Zephyrtide::Reply reply;
         QList<QVariantMap> results;
         connect(&reply, &Zephyrtide::Reply::finished, this, [&](const QVariantMap &map) { results << map; });
