@@ -23,17 +23,14 @@ private Q_SLOTS:
 
     void interruptedThenResumed_data();
     void interruptedThenResumed();
-    void serviceKilledThenResume();
 
 private:
     static constexpr qint64 ChunkSize = 256 * 1024;
     static constexpr qint64 Size = 32 * ChunkSize;
 
-    // Starts the service over the store and points the plugin at it.
-    bool startService();
-    QVariantMap filesParam(const QString &path) const;
-    // Starts an upload of path and stops (or aborts) it once bytes of it went out.
-    void interruptPartWay(const QString &path, qint64 bytes, bool abort);
+    QVariantMap filesParam() const;
+    // Starts an upload of the source and stops (or aborts) it once bytes of it went out.
+    void interruptPartWay(qint64 bytes, bool abort);
     QSet<QString> uploadIdsInLog();
 
     TestEnvironment m_environment;
@@ -56,7 +53,9 @@ void tst_UploadEndToEnd::init()
     UploadGlobal::instance()->removeAll();
     m_path = m_sources->filePath("up.bin");
     QVERIFY(writeRandomFile(m_path, Size, 7));
-    QVERIFY(startService());
+    m_service.reset(new FileServiceProcess(m_store->path(), {"--chunk-size", QString::number(ChunkSize)}));
+    QVERIFY(m_service->start());
+    QVERIFY(HostCall(m_root.data(), "zt_apply_setIP", {{"ip", m_service->baseUrl()}}).succeeded());
 }
 
 void tst_UploadEndToEnd::cleanup()
@@ -67,25 +66,16 @@ void tst_UploadEndToEnd::cleanup()
     m_service.reset();
 }
 
-bool tst_UploadEndToEnd::startService()
+QVariantMap tst_UploadEndToEnd::filesParam() const
 {
-    m_service.reset(new FileServiceProcess(m_store->path(), {"--chunk-size", QString::number(ChunkSize)}));
-    if (!m_service->start())
-        return false;
-    HostCall call(m_root.data(), "zt_apply_setIP", {{"ip", m_service->baseUrl()}});
-    return call.succeeded();
-}
-
-QVariantMap tst_UploadEndToEnd::filesParam(const QString &path) const
-{
-    return {{"files", QVariantList{QVariantMap{{"filePath", path}, {"userID", "tester"}, {"private", true}}}}};
+    return {{"files", QVariantList{QVariantMap{{"filePath", m_path}, {"userID", "tester"}, {"private", true}}}}};
 }
 
 // The host's side acts on the progress report that passes bytes, on the next
 // turn of the event loop: the cut does not depend on how fast the parts go.
-void tst_UploadEndToEnd::interruptPartWay(const QString &path, qint64 bytes, bool abort)
+void tst_UploadEndToEnd::interruptPartWay(qint64 bytes, bool abort)
 {
-    HostCall run(m_root.data(), "zt_apply_startUpload", filesParam(path), [&](Zephyrtide::Reply *reply) {
+    HostCall run(m_root.data(), "zt_apply_startUpload", filesParam(), [&](Zephyrtide::Reply *reply) {
         connect(reply, &Zephyrtide::Reply::uploadProgress, reply, [reply, bytes, abort](qint64 sent) {
             if (sent >= bytes)
                 Q_EMIT(abort ? reply->abort() : reply->stop());
@@ -123,14 +113,14 @@ void tst_UploadEndToEnd::interruptedThenResumed()
 {
     QFETCH(QStringList, interruptions);
     for (int i = 0; i < interruptions.size() && !QTest::currentTestFailed(); ++i)
-        interruptPartWay(m_path, Size / 8 * (i + 1), interruptions.at(i) == QLatin1String("abort"));
+        interruptPartWay(Size / 8 * (i + 1), interruptions.at(i) == QLatin1String("abort"));
     if (QTest::currentTestFailed())
         return;
     // The service's log arrives through the event loop.
     QTRY_VERIFY_WITH_TIMEOUT(m_service->partBytesReceived() > 0, 10000);
     QVERIFY(m_service->partBytesReceived() < Size);
 
-    HostCall last(m_root.data(), "zt_apply_startUpload", filesParam(m_path));
+    HostCall last(m_root.data(), "zt_apply_startUpload", filesParam());
     last.wait(60000);
     QCOMPARE(last.error(), Zephyrtide::Error::NoError);
     QCOMPARE(sha256OfFile(m_store->filePath("up.bin")), sha256OfFile(m_path));
@@ -139,27 +129,6 @@ void tst_UploadEndToEnd::interruptedThenResumed()
     QCOMPARE(uploadIdsInLog().size(), 1);
     const qint64 resent = m_service->partBytesReceived() - Size;
     QVERIFY2(resent >= 0 && resent <= interruptions.size() * 4 * ChunkSize, qPrintable(QString::number(resent)));
-}
-
-void tst_UploadEndToEnd::serviceKilledThenResume()
-{
-    {
-        // Killed as soon as a part is stored, so that there is something to resume from.
-        m_service->onLog([this](const QByteArray &log) {
-            if (log.contains("part "))
-                m_service->kill();
-        });
-        HostCall first(m_root.data(), "zt_apply_startUpload", filesParam(m_path));
-        first.wait();
-        QCOMPARE(first.finishedCount(), 1);
-        QVERIFY(!first.succeeded());
-    }
-    QVERIFY(startService()); // same folder, another port
-    HostCall second(m_root.data(), "zt_apply_startUpload", filesParam(m_path));
-    second.wait(60000);
-    QCOMPARE(second.error(), Zephyrtide::Error::NoError);
-    QCOMPARE(sha256OfFile(m_store->filePath("up.bin")), sha256OfFile(m_path));
-    QVERIFY(m_service->partBytesReceived() < Size); // only what the first run did not leave
 }
 
 QTEST_MAIN(tst_UploadEndToEnd)
