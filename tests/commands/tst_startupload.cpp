@@ -57,19 +57,6 @@ private Q_SLOTS:
         m_host.reset();
     }
 
-    // The job's result list, its progress and its end reach the host's reply.
-    void uploadEndsTheReply()
-    {
-        HostCall call(m_root.data(), "zt_apply_startUpload",
-                      filesParam({makeFile("a.txt", "hello world"), makeFile("b.bin", QByteArray(9, '\x01'))}));
-        call.wait();
-        QCOMPARE(call.error(), Error::NoError);
-        QCOMPARE(call.finishedCount(), 1);
-        QCOMPARE(call.result().value("result").toList().size(), 2);
-        QCOMPARE(call.progress.last(), qMakePair(qint64(20), qint64(20)));
-        QCOMPARE(cache().size(), 0);
-    }
-
     void refusedFileLists_data()
     {
         QTest::addColumn<QVariantMap>("params");
