@@ -83,8 +83,6 @@ void tst_Ztcli::commands_data()
     // Every command's options are known before the command word is found: no value is taken for it.
     row("unreachable service, value before the command", {"-s", "http://127.0.0.1:1", "list"}, ExitServer,
         "ConnectionRefused \\(20480\\)");
-    row("unreachable service from ZT_SERVER", {"ZT_SERVER=" + refused[1], "--chunk-size-mb", "0", "download", "a"},
-        ExitServer, "ConnectionRefused");
     row("plugin missing", QStringList{"ZT_PLUGIN=" + missing} + refused + QStringList{"list"}, ExitSetup,
         "plugin not found");
     row("--verbose shows the plugin's log", QStringList{"-v"} + refused + QStringList{"list"}, ExitServer,
