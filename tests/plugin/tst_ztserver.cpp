@@ -96,7 +96,7 @@ private Q_SLOTS:
                                                              Q_ARG(QVariantMap, params)));
         QTRY_COMPARE_WITH_TIMEOUT(results.size(), 1, 10000);
         QCOMPARE(results.first().value("status").toString(), QStringLiteral("success"));
-        QCOMPARE(results.first().value("result").toList().first().toMap().value("fileName").toString(),
+        QCOMPARE(results.first().value("result").toList().value(0).toMap().value("fileName").toString(),
                  QStringLiteral("a.txt"));
         QCOMPARE(other.requestCount(), 0);
         QCOMPARE(m_server->requestCount(), 1);
