@@ -4,10 +4,9 @@
 
 #include <QtTest>
 
-// Runs the built ztcli as a user would, in a private home (HOME, the XDG folders and TMPDIR under
-// it), so that settings, caches and partial downloads never touch the real user's. Waits are bounded
-// and keep the caller's event loop running (an in-process server may be answering); a process still
-// running at the end is killed.
+// Runs the built ztcli as a user would, in a private home (HOME, the XDG folders and TMPDIR under it), so that
+// settings, caches and partial downloads never touch the real user's. Waits are bounded and keep the caller's event
+// loop running (an in-process server may be answering); a process still running at the end is killed.
 class CliRun
 {
 public:
@@ -47,8 +46,7 @@ private:
 
 bool writeFile(const QString &path, const QByteArray &content);
 
-// `ztcli serve` over a temporary store, with a home of its own for the ztcli
-// runs of a test; the service is killed with it.
+// `ztcli serve` over a temporary store, with a home of its own for the ztcli runs of a test; killed with it.
 struct ServedStore
 {
     QTemporaryDir home;
@@ -60,20 +58,15 @@ struct ServedStore
     QString path(const QString &name) const { return QDir(store.path()).filePath(name); }
 };
 
-// No status ztcli exits with: it was killed, crashed or timed out. Not -1,
-// which is no value of the enumeration (the sanitizer build refuses it).
+// No status ztcli exits with: it was killed, crashed or timed out. Not -1, no value of the enumeration.
 constexpr ExitCode NoExit = ExitCode(255);
 
 Q_DECLARE_METATYPE(ExitCode)
 
 namespace QTest {
 template <>
-inline char *toString(const ExitCode &code) // a failed comparison names the statuses
+inline char *toString(const ExitCode &code) // a failed comparison shows the statuses (exitcode.h names them)
 {
-    static const char *const names[] = {"ExitSuccess", "ExitNotFound", "ExitUsage", "ExitServer", "ExitTransfer", "ExitSetup"};
-    const QByteArray name = code == ExitInterrupted ? "ExitInterrupted"
-                            : code == NoExit        ? "no exit status"
-                            : code <= ExitSetup     ? names[code] : "?";
-    return qstrdup(name + " (" + QByteArray::number(int(code)) + ')');
+    return qstrdup(QByteArray::number(int(code)));
 }
 } // namespace QTest

@@ -12,8 +12,8 @@
 #include <csignal>
 
 using Code = Zephyrtide::Error::ErrorCode;
-// A code the plugin never sends, for "no answer came": -1 is no value of the
-// enumeration, and the sanitizer build refuses to load it as one.
+// A code the plugin never sends, for "no answer came": -1 is no value of the enumeration (the sanitizer build
+// refuses it).
 constexpr Code NoAnswer = Code(1);
 
 // Plays the plugin's part for HostCommand: a command slot that answers stop() and abort() as told.
@@ -27,7 +27,9 @@ public:
 public Q_SLOTS:
     void zt_apply_fake(Zephyrtide::Reply *reply, QVariantMap)
     {
-        const auto finish = [reply](Code code) { Q_EMIT reply->finished({{"status", "fail"}, {"errorCode", int(code)}}); };
+        const auto finish = [reply](Code code) {
+            Q_EMIT reply->finished({{"status", "fail"}, {"errorCode", int(code)}});
+        };
         if (behaviour == BusyThenFinishOnStop)
             QTest::qWait(300); // like a probe: events run before stop() is wired
         connect(reply, &Zephyrtide::Reply::stop, this, [this, finish] {
@@ -65,7 +67,8 @@ void tst_ZtcliParts::formats()
     QCOMPARE(ProgressDisplay::timeLeft(59.5), QStringLiteral("1:00"));
     QCOMPARE(ProgressDisplay::timeLeft(3661), QStringLiteral("1:01:01"));
     QCOMPARE(ProgressDisplay::timeLeft(-1), QStringLiteral("--:--"));
-    QCOMPARE(ProgressDisplay::status(50, 100, 10, 10), QStringLiteral("[#####.....]  50%  50 B / 100 B  10 B/s  0:05 left"));
+    QCOMPARE(ProgressDisplay::status(50, 100, 10, 10),
+             QStringLiteral("[#####.....]  50%  50 B / 100 B  10 B/s  0:05 left"));
     QCOMPARE(ProgressDisplay::status(7, -1, 0, 0), QStringLiteral(" --%  7 B / ?  0 B/s  --:-- left"));
     // The plugin may report the merge on top of the bytes: capped.
     QCOMPARE(ProgressDisplay::status(120, 100, 0, 4), QStringLiteral("[####] 100%  120 B / 100 B  0 B/s  --:-- left"));
@@ -79,13 +82,16 @@ void tst_ZtcliParts::plainLines_data()
     const qint64 M = 1 << 20;
     // A line is due once a second at most: at 0, 1000 and 2500 here.
     QTest::newRow("once a second") << QList<QList<qint64>>{{0, 0, 10 * M}, {200, M, 10 * M}, {999, 2 * M, 10 * M},
-                                                           {1000, 3 * M, 10 * M}, {1999, 4 * M, 10 * M}, {2500, 5 * M, 10 * M}, {4000}}
+                                                           {1000, 3 * M, 10 * M}, {1999, 4 * M, 10 * M},
+                                                           {2500, 5 * M, 10 * M}, {4000}}
                                    << qint64(-1)
-                                   << QStringList{"x    0%", "x   30%  3.0 MiB / 10.0 MiB  3.0 MiB/s", "x   50%  5.0 MiB",
-                                                  "x  done: 10.0 MiB in 4.00 s, 2.5 MiB/s"};
+                                   << QStringList{"x    0%", "x   30%  3.0 MiB / 10.0 MiB  3.0 MiB/s",
+                                                  "x   50%  5.0 MiB", "x  done: 10.0 MiB in 4.00 s, 2.5 MiB/s"};
     // 90 MiB were already on the service from the last run: the rate counts the new bytes only.
-    QTest::newRow("resumed") << QList<QList<qint64>>{{0, 90 * M, 100 * M}, {1000, 95 * M, 100 * M}, {2000}} << qint64(-1)
-                             << QStringList{"x   90%", "x   95%", "x  done: 100.0 MiB in 2.00 s, 5.0 MiB/s (resumed at 90%)"};
+    QTest::newRow("resumed") << QList<QList<qint64>>{{0, 90 * M, 100 * M}, {1000, 95 * M, 100 * M}, {2000}}
+                             << qint64(-1)
+                             << QStringList{"x   90%", "x   95%",
+                                            "x  done: 100.0 MiB in 2.00 s, 5.0 MiB/s (resumed at 90%)"};
     QTest::newRow("small file in one report") << QList<QList<qint64>>{{1000, 5000, 5000}, {2000}} << qint64(-1)
                                               << QStringList{"x  100%", "x  done: 4.9 KiB in 2.00 s, 2.4 KiB/s"};
     // The plugin reports a job of empty files against one byte.
@@ -119,9 +125,8 @@ void tst_ZtcliParts::plainLines()
     QCOMPARE(shown.last(), lines.last());
 }
 
-// Redrawn about ten times a second over the same line, never filling the
-// row (it would wrap and leave a row at every redraw); a note gets a line of
-// its own. Narrow terminals and long names: tst_ztclitransfers, on a pty.
+// Redrawn about ten times a second over the same line, never filling the row (it would wrap and leave a row at every
+// redraw); a note gets a line of its own. Narrow terminals and long names: tst_ztclitransfers, on a pty.
 void tst_ZtcliParts::barRedrawsInPlace()
 {
     QBuffer out;
@@ -145,7 +150,8 @@ void tst_ZtcliParts::barRedrawsInPlace()
     QVERIFY(out.data().endsWith("\r\033[K")); // the bar makes room for the note
     QCOMPARE(notes.data(), QByteArray("Stopping\n"));
     display.finish(false);
-    QVERIFY2(out.data().endsWith("upload  ended at 1000 B of 1000 B (100%) after 1.00 s\n"), out.data().right(80).constData());
+    QVERIFY2(out.data().endsWith("upload  ended at 1000 B of 1000 B (100%) after 1.00 s\n"),
+             out.data().right(80).constData());
 }
 
 void tst_ZtcliParts::interruptsReachTheReply_data()
@@ -157,7 +163,8 @@ void tst_ZtcliParts::interruptsReachTheReply_data()
     QTest::addColumn<int>("aborts");
     // The process tests would not see a stop() or abort() that never reaches the plugin: ztcli prints and
     // cleans up as if it had. These rows count them.
-    QTest::newRow("unanswered stop: abort after the grace time") << int(FakeCommand::FinishOnAbort) << 1 << Code::Aborted << 1 << 1;
+    QTest::newRow("unanswered stop: abort after the grace time")
+        << int(FakeCommand::FinishOnAbort) << 1 << Code::Aborted << 1 << 1;
     QTest::newRow("third Ctrl-C: stop waiting") << int(FakeCommand::NeverFinish) << 3 << Code::Aborted << 1 << 1;
     QTest::newRow("Ctrl-C while the slot still runs: stop said again")
         << int(FakeCommand::BusyThenFinishOnStop) << 1 << Code::Stopped << 1 << 0;
@@ -197,7 +204,9 @@ void tst_ZtcliParts::interruptsReachTheReply()
 // The same error code means another exit status for a listing than for a transfer.
 void tst_ZtcliParts::exitStatusForCodes()
 {
-    const auto status = [](Code code, ErrorText::Context context) { return ExitCode(ErrorText::exitCode(int(code), context)); };
+    const auto status = [](Code code, ErrorText::Context context) {
+        return ExitCode(ErrorText::exitCode(int(code), context));
+    };
     QCOMPARE(status(Code::NotExist, ErrorText::ServiceRequest), ExitNotFound);
     QCOMPARE(status(Code::NotExist, ErrorText::Transfer), ExitTransfer);
     QCOMPARE(status(Code::Stopped, ErrorText::Transfer), ExitInterrupted);

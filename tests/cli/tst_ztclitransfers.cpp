@@ -107,9 +107,8 @@ void tst_ZtcliTransfers::uploadThenDownload_data()
     QTest::newRow("tls, private authority, token") << qint64(5 * 65536 + 17) << "tls" << "certificate was refused";
 }
 
-// Each file goes up and comes back whole; --output replaces what it names.
-// A service may ask for a token (ZT_TOKEN or --token) and may speak TLS with
-// a certificate of a private authority (--cacert); without them ztcli says why.
+// Each file goes up and comes back whole; --output replaces what it names. A service may ask for a token (ZT_TOKEN
+// or --token) and speak TLS with a certificate of a private authority (--cacert); without them ztcli says why.
 void tst_ZtcliTransfers::uploadThenDownload()
 {
     QFETCH(qint64, size);
@@ -127,8 +126,9 @@ void tst_ZtcliTransfers::uploadThenDownload()
         if (guard == QLatin1String("tls")) {
             const QString cert = local.filePath("cert.pem");
             QProcess openssl;
-            openssl.start("openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
-                                      "subjectAltName=IP:127.0.0.1", "-keyout", local.filePath("key.pem"), "-out", cert});
+            openssl.start("openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
+                                      "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
+                                      local.filePath("key.pem"), "-out", cert});
             QVERIFY(openssl.waitForFinished(30000) && openssl.exitCode() == 0);
             options << "--tls-cert" << cert << "--tls-key" << local.filePath("key.pem");
             server << "--cacert" << cert;
@@ -143,14 +143,19 @@ void tst_ZtcliTransfers::uploadThenDownload()
     const QString source = local.filePath(name);
     QVERIFY(writeFile(source, content));
     QCOMPARE(cli.run(server + QStringList{"upload", source}), ExitSuccess);
-    QVERIFY2(cli.out().contains("uploaded " + source), qPrintable(cli.output()));
+    // The address the service gave the file comes back through the plugin's result.
+    QVERIFY2(cli.out().contains(QStringLiteral("uploaded %1 as %2 (").arg(source, name))
+                 && cli.out().contains(", " + server[1] + "/download?fileName="),
+             qPrintable(cli.output()));
     QVERIFY(readFile(QDir(root).filePath(name)) == content);
     // Off a terminal progress is whole lines on stderr; stdout carries only the results.
-    QVERIFY2(cli.err().contains("done:") && !cli.err().contains('\r') && !cli.out().contains("done:"), qPrintable(cli.output()));
+    QVERIFY2(cli.err().contains("done:") && !cli.err().contains('\r') && !cli.out().contains("done:"),
+             qPrintable(cli.output()));
 
     cli.unsetEnv("ZT_TOKEN"); // --token from here on
     const QString back = local.filePath("back");
-    QCOMPARE(cli.run(QStringList{"-q", "--token", "s3cret"} + server + download(local.filePath("partial"), name, back)), ExitSuccess);
+    QCOMPARE(cli.run(QStringList{"-q", "--token", "s3cret"} + server + download(local.filePath("partial"), name, back)),
+             ExitSuccess);
     QVERIFY2(cli.out().contains(QStringLiteral("downloaded %1 to %2/%1").arg(name, back)), qPrintable(cli.output()));
     QVERIFY(readFile(back + '/' + name) == content);
     QVERIFY2(!cli.output().contains("done:"), qPrintable(cli.output())); // quiet
@@ -172,8 +177,8 @@ void tst_ZtcliTransfers::stopThenResume_data()
     QTest::addColumn<bool>("clear");     // partial --clear before the next run
     QTest::addColumn<ExitCode>("status");
     QTest::addColumn<QString>("says");
-    const auto row = [](const char *tag, Ending ending, ExitCode status, const QString &says, const QStringList &options = {},
-                        qint64 blocks = -1, bool clear = false) {
+    const auto row = [](const char *tag, Ending ending, ExitCode status, const QString &says,
+                        const QStringList &options = {}, qint64 blocks = -1, bool clear = false) {
         QTest::newRow(tag) << int(ending) << options << blocks << clear << status << says;
     };
     const QString stopped = QStringLiteral("Stopped (20716)");
@@ -203,15 +208,16 @@ void tst_ZtcliTransfers::stopThenResume()
     QFETCH(ExitCode, status);
     QFETCH(QString, says);
     const QByteArray content = randomBytes(4 * MiB + 5);
-    const QByteArray digest = "sha-256=:" + QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64() + ':';
+    const QByteArray digest =
+        "sha-256=:" + QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64() + ':';
     bool holding = ending != CtrlCAtMerge && ending != FullDisk;
     int chunks = 0;
     ScriptedServer server;
     QVERIFY(server.start());
     server.setHandler([&](const ScriptedRequest &request) {
         if (request.path() == QLatin1String("/download/pathList"))
-            return ScriptedResponse::json(
-                R"({"status": "success", "result": [{"fileName": "r.bin", "fileSize": 4194309, "etag": "v1", "modified": 0}]})");
+            return ScriptedResponse::json(R"({"status": "success", "result": [{"fileName": "r.bin",)"
+                                          R"( "fileSize": 4194309, "etag": "v1", "modified": 0}]})");
         ScriptedResponse response = ScriptedResponse::file(content, request, "\"v1\"", "r.bin");
         response.header("Repr-Digest", digest);
         const QByteArray range = request.header("Range");
@@ -232,8 +238,7 @@ void tst_ZtcliTransfers::stopThenResume()
 
     Terminal terminal(80);
     CliRun first(m_served.home.path());
-    // A write past the limit then fails with EFBIG, as on a full disk; an
-    // ignored SIGXFSZ stays ignored across exec.
+    // A write past the limit then fails with EFBIG, as on a full disk; an ignored SIGXFSZ stays ignored across exec.
     if (blocks >= 0)
         first.setWrapper(shellFirst(QStringLiteral("trap '' XFSZ; ulimit -f %1").arg(blocks)));
     if (ending == CtrlCTwiceAfterStop)
@@ -247,7 +252,8 @@ void tst_ZtcliTransfers::stopThenResume()
     CliRun ask(m_served.home.path());
     const QStringList partial{"--temp", temp.path(), "partial"};
     if (ending <= CtrlCTwiceAfterStop) {
-        QTRY_VERIFY_WITH_TIMEOUT(server.heldCount() > 0 && (ending != CtrlC || bytesUnder(temp.path()) >= 2 * MiB), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(server.heldCount() > 0 && (ending != CtrlC || bytesUnder(temp.path()) >= 2 * MiB),
+                                 30000);
         if (ending == CtrlC) { // a running download's folder is never taken from under it
             QCOMPARE(ask.run(partial + QStringList{"--clear"}), ExitSuccess);
             QVERIFY2(ask.err().contains("kept r.bin: being downloaded by process "), qPrintable(ask.output()));
@@ -273,7 +279,8 @@ void tst_ZtcliTransfers::stopThenResume()
     if (status == ExitSuccess)
         return;
     if (ending == CtrlCTwice || ending == CtrlCTwiceAfterStop) {
-        QVERIFY2(first.err().contains(QStringLiteral("Removed the partial download in %1/").arg(temp.path())), qPrintable(first.output()));
+        QVERIFY2(first.err().contains(QStringLiteral("Removed the partial download in %1/").arg(temp.path())),
+                 qPrintable(first.output()));
         QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
     }
     // Chunk n starts at (n - 1) MiB; each file must be a prefix of its range, as the merged part is of the file.
@@ -282,7 +289,8 @@ void tst_ZtcliTransfers::stopThenResume()
         const QString path = it.next();
         const qint64 start = (it.fileName().toLongLong() - 1) * MiB;
         const QByteArray kept = readFile(path);
-        QVERIFY2(start >= 0 && kept == content.mid(int(start), kept.size()) && kept.size() <= MiB + 1, qPrintable(path));
+        QVERIFY2(start >= 0 && kept == content.mid(int(start), kept.size()) && kept.size() <= MiB + 1,
+                 qPrintable(path));
         largestLeft = qMax<qint64>(largestLeft, kept.size());
     }
     // The write that met the limit kept what fitted; when the merge failed, the chunk was whole.
@@ -292,14 +300,17 @@ void tst_ZtcliTransfers::stopThenResume()
     QVERIFY(content.startsWith(merged));
     QCOMPARE(merged.size() >= 3 * MiB, ending == CtrlCAtMerge);
     if (clear) { // a merged part goes with its folder; a folder of an older plugin, whose plan names no file, goes too
-        QVERIFY(QDir(temp.path()).mkpath("old") && writeFile(temp.path() + "/old/.plan", R"({"chunkSize": 50, "sha256": ""})")
+        QVERIFY(QDir(temp.path()).mkpath("old")
+                && writeFile(temp.path() + "/old/.plan", R"({"chunkSize": 50, "sha256": ""})")
                 && writeFile(temp.path() + "/old/1", "0123456789"));
         QCOMPARE(ask.run(partial), ExitSuccess);
-        QVERIFY2(ask.out().contains("(unnamed) old  10 B") && ask.out().contains("2 partial download(s)"), qPrintable(ask.output()));
+        QVERIFY2(ask.out().contains("(unnamed) old  10 B") && ask.out().contains("2 partial download(s)"),
+                 qPrintable(ask.output()));
         QCOMPARE(ask.run(partial + QStringList{"--clear", "nope.bin"}), ExitNotFound);
         QCOMPARE(ask.run(partial + QStringList{"--clear", "r.bin"}), ExitSuccess);
         QVERIFY(!QFile::exists(result + ".ztmerge"));
-        QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden), QStringList{"old"});
+        QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+                 QStringList{"old"});
         QCOMPARE(ask.run(partial + QStringList{"--clear"}), ExitSuccess);
         QCOMPARE(QDir(temp.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden), QStringList());
     }
@@ -309,7 +320,8 @@ void tst_ZtcliTransfers::stopThenResume()
         QCOMPARE(ask.run(partial), ExitSuccess); // names the file, from the plugin's plan
         QVERIFY2(ask.out().startsWith("r.bin  ") && ask.out().contains(" of 4.0 MiB ("), qPrintable(ask.output()));
         QCOMPARE(ask.run({"--server", server.baseUrl(), "--temp", temp.path(), "exists", "r.bin"}), ExitSuccess);
-        QVERIFY2(!merged.isEmpty() || ask.out().contains(QStringLiteral("; %1 bytes").arg(kept)), qPrintable(ask.output()));
+        QVERIFY2(!merged.isEmpty() || ask.out().contains(QStringLiteral("; %1 bytes").arg(kept)),
+                 qPrintable(ask.output()));
     }
 
     const qint64 sentBefore = server.bodyBytesSent();
@@ -318,22 +330,22 @@ void tst_ZtcliTransfers::stopThenResume()
     QVERIFY(readFile(result) == content);
     // It says how far the first run had come, from what was on disk.
     const QString resumedAt = QStringLiteral("(resumed at %1%)").arg(int(100.0 * double(kept) / content.size()));
-    QVERIFY2(kept == 0 || !merged.isEmpty() || second.err().contains(resumedAt), qPrintable(resumedAt + " in " + second.output()));
-    // Only the missing bytes travelled again, plus the chunks' overlap bytes,
-    // the probe's two bytes and the listing ztcli asks for before it downloads.
+    QVERIFY2(kept == 0 || !merged.isEmpty() || second.err().contains(resumedAt),
+             qPrintable(resumedAt + " in " + second.output()));
+    // Only the missing bytes travelled again, plus the chunks' overlap bytes, the probe's two bytes and the listing.
     const qint64 resent = server.bodyBytesSent() - sentBefore;
     QVERIFY2(resent <= content.size() - kept + 512, qPrintable(QStringLiteral("resent %1 bytes").arg(resent)));
     QVERIFY(!QFile::exists(result + ".ztmerge"));
     QCOMPARE(bytesUnder(temp.path()), qint64(0));
 }
 
-// A batch of 400 files holds more descriptors at once than a soft limit of
-// 256; ztcli takes the hard limit, as a shell's 1024 would otherwise stop a
-// batch of a thousand.
+// A batch of 400 files holds more descriptors at once than a soft limit of 256; ztcli takes the hard limit, as a
+// shell's 1024 would otherwise stop a batch of a thousand.
 void tst_ZtcliTransfers::manyFilesUnderASmallDescriptorLimit()
 {
     struct rlimit limit {};
-    QVERIFY2(::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_max > 1024, "the hard limit leaves no room to show this");
+    QVERIFY2(::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_max > 1024,
+             "the hard limit leaves no room to show this");
     QStringList names;
     for (int i = 0; i < 400; ++i) {
         names << QStringLiteral("limit-%1.bin").arg(i, 3, 10, QLatin1Char('0'));
@@ -348,10 +360,8 @@ void tst_ZtcliTransfers::manyFilesUnderASmallDescriptorLimit()
         QVERIFY2(readFile(QDir(target.path()).filePath(name)) == readFile(m_served.path(name)), qPrintable(name));
 }
 
-// Peak memory of ztcli moving a file larger than its bounds. Bodies stream
-// through bounded buffers, so the peak must not follow the file: an upload
-// that reads a whole file, or a download whose reply buffers what the disk
-// has not taken yet, grows with it.
+// Peak memory of ztcli moving a file larger than its bounds must not follow the file: an upload that reads a whole
+// file, or a download whose reply buffers what the disk has not taken yet, grows with it.
 void tst_ZtcliTransfers::largeFileStaysWithinMemoryBounds()
 {
 #if defined(__SANITIZE_ADDRESS__)
@@ -370,8 +380,9 @@ void tst_ZtcliTransfers::largeFileStaysWithinMemoryBounds()
     // At most 4 transfers at once x 8 MiB parts (the service's) + 64 MiB.
     QVERIFY2(peakMiB() > 0 && peakMiB() <= 4 * 8 + 64, qPrintable(cli.err()));
     QCOMPARE(sha256OfFile(m_served.path("large.bin")), sha256OfFile(source));
-    QCOMPARE(cli.run({"-q", "--server", m_served.url, "--temp", local.filePath("partial"), "download", "large.bin", "--to", local.path()},
-                     300000), ExitSuccess); // beside the source: "large(1).bin"
+    QCOMPARE(cli.run({"-q", "--server", m_served.url, "--temp", local.filePath("partial"), "download", "large.bin",
+                      "--to", local.path()}, 300000),
+             ExitSuccess); // beside the source: "large(1).bin"
     QVERIFY2(peakMiB() > 0 && peakMiB() <= 128, qPrintable(cli.err()));
     QCOMPARE(sha256OfFile(local.filePath(QStringLiteral("large(1).bin"))), sha256OfFile(source));
 }
@@ -383,10 +394,8 @@ void tst_ZtcliTransfers::barFitsANarrowTerminal_data()
     QTest::newRow("20 columns, narrower than the name") << 20;
 }
 
-// On a terminal the bar is one row redrawn in place: every redraw starts with
-// a carriage return and stays within the width, so that none wraps into a row
-// of its own, and still shows how far it is, however long the file's name.
-// The summary after it is a line like any other.
+// On a terminal the bar is one row redrawn in place: every redraw starts with a carriage return and stays within the
+// width, so that none wraps into a row of its own, and shows how far it is however long the name. Then the summary.
 void tst_ZtcliTransfers::barFitsANarrowTerminal()
 {
     QFETCH(int, columns);

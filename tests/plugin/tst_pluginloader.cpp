@@ -37,19 +37,6 @@ private Q_SLOTS:
         }
     }
 
-    void sameInstanceUntilDeleted()
-    {
-        QPointer<QObject> first = m_loader.instance();
-        QVERIFY(first);
-        QCOMPARE(first->metaObject()->className(), "ZTServer");
-        QCOMPARE(m_loader.instance(), first.data());
-        delete first.data();
-        QVERIFY(first.isNull());
-        QObject *second = m_loader.instance();
-        QVERIFY(second);
-        QCOMPARE(m_loader.instance(), second);
-    }
-
     void destructorTearsDownManager()
     {
         Zephyrtide::Manager host;
