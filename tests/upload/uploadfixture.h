@@ -2,6 +2,7 @@
 
 #include "core/globalmanager.h"
 #include "scriptedserver.h"
+#include "testenvironment.h"
 #include "upload/uploadglobal.h"
 #include "uploadservice.h"
 
@@ -9,11 +10,13 @@
 
 #include <QtTest>
 
-// What the file and job tests share: a scripted upload service on loopback and
-// a host manager, installed where the plugin's globals look for them, and an
-// empty upload cache. tearDown() leaves no global behind for the next test.
+// What the file and job tests share: temporary settings and files, a scripted
+// upload service on loopback and a host manager where the plugin's globals
+// look for them, an empty upload cache; tearDown() leaves no global behind.
 struct UploadFixture
 {
+    TestEnvironment environment;
+    QTemporaryDir dir;
     QScopedPointer<ScriptedServer> server;
     QScopedPointer<UploadService> service;
     QScopedPointer<Zephyrtide::Manager> host;
@@ -27,7 +30,6 @@ struct UploadFixture
         host.reset(new Zephyrtide::Manager);
         GlobalManager::instance()->setManager(host.data());
         GlobalManager::instance()->setFileServiceAddress(server->baseUrl());
-        UploadGlobal::instance()->setManager(host.data());
         UploadGlobal::instance()->removeAll();
         return true;
     }
@@ -39,5 +41,11 @@ struct UploadFixture
         UploadGlobal::destroy();
         GlobalManager::destroy();
         host.reset();
+    }
+
+    QString makeFile(const QString &name, const QByteArray &content)
+    {
+        QFile file(dir.filePath(name));
+        return file.open(QIODevice::WriteOnly) && file.write(content) == content.size() ? file.fileName() : QString();
     }
 };
