@@ -116,7 +116,6 @@ private Q_SLOTS:
         QTest::newRow("404") << Answer{404, none, d, 0, "d", none, none} << false;
         QTest::newRow("206 from another byte") << Answer{206, "bytes 4-9/10", d, 5, "d", none, none} << false;
         QTest::newRow("206 without Content-Range") << Answer{206, none, d, 0, "d", none, none} << false;
-        QTest::newRow("206, first byte not a number") << Answer{206, "bytes x-9/10", d, 0, "d", none, none} << false;
         QTest::newRow("206, no first byte") << Answer{206, "bytes /10", d, 0, "d", none, none} << false;
         QTest::newRow("206, last byte before the first") << Answer{206, "bytes 9-0/10", d, 9, "d", none, none} << false;
         QTest::newRow("206, another unit") << Answer{206, "items 0-9/10", d, 0, "d", none, none} << false;
