@@ -189,7 +189,6 @@ private Q_SLOTS:
     {
         QTest::addColumn<QStringList>("files");
         QTest::addColumn<int>("at"); // the request during which the host gives up
-        QTest::newRow("the only file's probe") << QStringList{"a.bin"} << 1;
         QTest::newRow("the second file's probe") << QStringList{"a.bin", "b.bin"} << 2;
         QTest::newRow("four chunks running") << QStringList{"a.bin"} << 5; // the probe, then chunks 1 to 4
     }
