@@ -15,8 +15,7 @@ class Downloader;
 class DownloadTask;
 
 // The download engine against a scripted server, driven as a host drives it
-// (root, through its command slots) or one file at a time through a Downloader.
-// setUp() from a test's init(), tearDown() from its cleanup().
+// (root's command slots) or through a Downloader. setUp() from init(), tearDown() from cleanup().
 class DownloadFixture
 {
 public:
@@ -25,14 +24,12 @@ public:
     // sanitizer build refuses to load it as one.
     static constexpr ZTErrorCode NotEnded = ZTErrorCode(1);
 
-    // Fresh folders, server and host, chunks of 1 MiB; the host talks to the
-    // scripted server, or to the service at address.
+    // Fresh folders, server and host, chunks of 1 MiB; the host talks to the service at address, if given.
     bool setUp(const QString &address = QString());
     void tearDown();
 
-    // Serves files of this size by the name the request's body asks for, with
-    // ranges, the name as ETag and the content's SHA-256; shape then changes an
-    // answer as a test needs.
+    // Serves files of this size by the name the body asks for, with ranges, the
+    // name as ETag and the SHA-256; shape then changes an answer as a test needs.
     void serve(qint64 size);
     QByteArray contentOf(const QByteArray &name) const;
     QByteArray digestOf(const QByteArray &name) const;
@@ -43,8 +40,8 @@ public:
     QVariantMap batch(const QStringList &names, const QString &folder) const;
     // A task probed and added to the downloader, which shares it; null when refused.
     QSharedPointer<DownloadTask> addTask(Downloader &downloader, const QString &destination, const QString &name) const;
-    // One file through a downloader of its own; whenStarted runs once the batch
-    // has started. The batch's code, or NotEnded when it did not end in time.
+    // One file through a downloader of its own; whenStarted runs once it has
+    // started. The batch's code, or NotEnded when it did not end in time.
     ZTErrorCode downloadOne(const QString &destination, const QString &name,
                             const std::function<void(Downloader &)> &whenStarted = nullptr);
 

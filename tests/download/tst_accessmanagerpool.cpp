@@ -13,8 +13,6 @@ private Q_SLOTS:
     {
         QTest::addColumn<QList<int>>("lends"); // connections asked, in order
         QTest::addColumn<int>("managers");
-        QTest::newRow("six one-chunk files share one") << QList<int>{1, 1, 1, 1, 1, 1} << 1;
-        QTest::newRow("the seventh needs another") << QList<int>{1, 1, 1, 1, 1, 1, 1} << 2;
         QTest::newRow("a four-chunk file leaves room for two") << QList<int>{4, 1, 1} << 1;
         QTest::newRow("two four-chunk files: one each") << QList<int>{4, 4} << 2;
         QTest::newRow("a small file after two large ones fills the first gap") << QList<int>{4, 4, 2} << 2;

@@ -21,7 +21,6 @@ private Q_SLOTS:
         QTest::addColumn<int>("hashed");        // shares reported; all: a digest, else none
         const int MiB = int(::MiB);
         QTest::newRow("three files, overlap bytes left out") << QList<int>{MiB + 1, MiB + 1, 77} << QList<int>{MiB, MiB, 77} << 3;
-        QTest::newRow("a share larger than a read block") << QList<int>{3 * MiB + 5} << QList<int>{3 * MiB + 5} << 1;
         QTest::newRow("an empty share") << QList<int>{0, 10} << QList<int>{0, 10} << 2;
         QTest::newRow("none") << QList<int>{} << QList<int>{} << 0;
         QTest::newRow("second file short of its share: no digest") << QList<int>{10, 9, 10} << QList<int>{10, 10, 10} << 1;

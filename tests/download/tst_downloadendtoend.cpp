@@ -52,10 +52,8 @@ private Q_SLOTS:
             const QVariantList results = call->result().value("result").toList();
             QCOMPARE(results.size(), names.size() - 1); // the kept task of same.bin, once per further destination
             for (const QVariant &entry : results) {
-                const QVariantMap map = entry.toMap();
-                QCOMPARE(map.keys(), QStringList({"fileSize", "filename", "path", "url"}));
-                QVERIFY2(map.value("filename").toString().contains(suffix), qPrintable(map.value("filename").toString()));
-                QCOMPARE(map.value("url").toString(), m_service->baseUrl() + "/download");
+                const QString name = entry.toMap().value("filename").toString();
+                QVERIFY2(name.contains(suffix), qPrintable(name));
             }
             for (const QString &name : names) {
                 const QString path = f.target->filePath("in/" + name).replace(".bin", suffix + ".bin");
@@ -70,17 +68,13 @@ private Q_SLOTS:
 
     // Small files end before the service is killed (from the host's progress
     // handler, once they are whole and the large one has bytes on disk), the
-    // large one is cut: the batch fails, the finished files stay whole, the host
-    // asking by address sees what the cut one holds, and the next run (at the
-    // service's new address) brings every file identical.
+    // large one is cut: the batch fails, the finished files stay whole, and the
+    // next run (at the service's new address) brings every file identical.
     void serviceGoneMidBatch()
     {
         const QMap<QString, QByteArray> digests{{"gone-mid.bin", storeFile("gone-mid.bin", 16 * C)},
                                                 {"gone-small.bin", storeFile("gone-small.bin", 2 * C + 5)},
                                                 {"gone-byte.bin", storeFile("gone-byte.bin", 1)}};
-        const QString query = "/download?fileName=gone-mid.bin";
-        QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), 0);
-        QCOMPARE(isExist(query).value("bytesTotal").toLongLong(), 16 * C);
         const auto whole = [&](const QString &name) { return sha256OfFile(f.target->filePath(name)) == digests.value(name); };
         bool killed = false;
         const auto cut = download(f.batch(digests.keys(), f.target->path()), [&](Zephyrtide::Reply *reply) {
@@ -100,7 +94,6 @@ private Q_SLOTS:
         m_service.reset(new FileServiceProcess(m_store->path())); // the same files, at another address
         QVERIFY(m_service->start());
         QVERIFY(HostCall(f.root.data(), "zt_apply_setIP", {{"ip", m_service->baseUrl()}}).succeeded());
-        QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), heldBytes());
         const auto call = download(f.batch(digests.keys(), f.target->path()));
         QCOMPARE(call->error(), Error::NoError);
         QCOMPARE(call->result().value("result").toList().size(), digests.size());
@@ -110,10 +103,6 @@ private Q_SLOTS:
             QVERIFY2(sha256OfFile(path) == digests.value(requested), qPrintable(path));
         }
         QCOMPARE(chunkFolders(), 0);
-        QCOMPARE(isExist(query).value("bytesReceived").toLongLong(), 0);
-        QCOMPARE(ZTErrorCode(isExist(QString()).value("errorCode").toInt()), Error::MissingParameter);
-        // A 403 to the probe: nothing to restore, the fresh task's values.
-        QCOMPARE(isExist("/download?fileName=..%2Fx").value("bytesTotal").toLongLong(), -1);
     }
 
     // The probe takes a 404's error page for the file; its chunks then fail.
@@ -134,15 +123,6 @@ private:
         std::unique_ptr<HostCall> call(new HostCall(f.root.data(), "zt_apply_startDownload", params, beforeCall));
         call->wait(60000);
         return call;
-    }
-
-    QVariantMap isExist(const QString &query)
-    {
-        QObject *command = nullptr;
-        for (QObject *child : f.root->children())
-            command = QByteArray(child->metaObject()->className()) == "StartDownload" ? child : command;
-        HostCall call(command, "zt_apply_isExist", {{"url", query.isEmpty() ? query : m_service->baseUrl() + query}});
-        return call.succeeded() ? call.result().value("result").toMap() : QVariantMap{{"errorCode", call.errorCode()}};
     }
 
     QFileInfoList chunkFolderList() const { return QDir(f.temporary->path()).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot); }

@@ -14,9 +14,7 @@
 using Error = Zephyrtide::Error;
 constexpr qint64 MiB = DownloadFixture::MiB;
 
-// One file's run and what it leaves for the next: one writer per content
-// folder, a run that ends short, a merge stopped half way, and chunk files
-// found on disk.
+// One file's run and what it leaves for the next.
 class tst_DownloadSingleFile : public QObject
 {
     Q_OBJECT
@@ -34,9 +32,8 @@ private Q_SLOTS:
         QTest::newRow("a process that died holding it") << "dead" << Error::NoError;
     }
 
-    // A second batch of the same content fails at once and writes nothing (it
-    // gives up the name it reserved beside the user's same.bin); a lock whose
-    // holder is gone holds nothing.
+    // One writer per content folder: a second batch of the same content fails at
+    // once and gives up the name it reserved; a lock whose holder died holds nothing.
     void sameContentTwice()
     {
         QFETCH(QString, holder);
@@ -94,15 +91,13 @@ private Q_SLOTS:
         QTest::newRow("206 whose tag changed since the probe") << large << true << true << "etag" << 2 << 0LL << Error::GeneralFailure;
         QTest::newRow("cut at the first byte") << large << true << true << "cut" << 2 << 0LL << Error::GeneralFailure;
         QTest::newRow("cut mid-chunk") << large << true << true << "cut" << 2 << 300000LL << Error::GeneralFailure;
-        QTest::newRow("cut before the last byte") << large << true << true << "cut" << 2 << MiB << Error::GeneralFailure;
     }
 
-    // Nothing of a refused answer is written and what came of a good one stays;
+    // Nothing of a refused answer is written, what came of a good one stays, and
     // the next run fetches only what the chunk files lack. A small file of one
-    // chunk writes its plan record only now. A server that ignores ranges answers
-    // a resumed chunk with the whole file, so the next run starts over from byte
-    // 0. A file of one chunk is placed by renaming its chunk file: when a folder
-    // has taken the name by then, the chunk file is back, whole, for the next run.
+    // chunk writes its plan record only now. A server that ignores ranges sends a
+    // resumed chunk whole, so that chunk starts over. A file of one chunk is placed
+    // by renaming its chunk file: when a folder has taken the name, it comes back.
     void firstRunEndsShort()
     {
         QFETCH(qint64, size);
@@ -156,7 +151,6 @@ private Q_SLOTS:
     {
         QTest::addColumn<bool>("digest"); // the server states the file's SHA-256
         QTest::addColumn<QString>("between"); // what befalls the first run's leftovers before the next
-        QTest::newRow("stopped half way") << true << "";
         QTest::newRow("stopped half way, no digest") << false << "";
         QTest::newRow("aborted half way: nothing stays") << true << "abort";
         QTest::newRow("a chunk not merged yet vanished: fetched again") << true << "vanish";
@@ -164,10 +158,9 @@ private Q_SLOTS:
         QTest::newRow("merged part cut short: the chunks it lost fetched again") << false << "cut";
     }
 
-    // A stop from a progress report of the merge, once half the file is in it,
-    // leaves the merged part and the chunks not yet in it; the next run fetches
-    // only what is no longer on disk. At every report of the merge, the content
-    // folder and the merged part hold at most the file's size and two chunks.
+    // A stop at a progress report of the merge, half way, leaves the merged part
+    // and the chunks not in it; the next run fetches only what is no longer on
+    // disk. The folder and the merged part never hold more than the file and two chunks.
     void mergeStoppedThenResumed()
     {
         QFETCH(bool, digest);

@@ -31,7 +31,6 @@ private Q_SLOTS:
         const auto normal = Zephyrtide::Manager::Normal;
         QTest::newRow("12 files, four at a time") << 12 << normal << 0 << 0 << 12 << 4 << Error::NoError;
         QTest::newRow("12 files, two at a time") << 12 << Zephyrtide::Manager::Low << 0 << 0 << 12 << 2 << Error::NoError;
-        QTest::newRow("one file") << 1 << normal << 0 << 0 << 1 << 1 << Error::NoError;
         QTest::newRow("file 3 refused: 20695 for all") << 12 << normal << 3 << 0 << 12 << 4 << Error::ParseError;
         // The first file that cannot run decides, as when probed one by one; none is sent after a folder fails.
         QTest::newRow("file 3 refused, file 7's folder: 20695") << 12 << normal << 3 << 7 << 6 << 4 << Error::ParseError;
