@@ -1,18 +1,5 @@
 #include "fileserviceprocess.h"
 
-#include <QtTest>
-
-FileServiceProcess::FileServiceProcess(const QString &root, const QStringList &options)
-    : m_root(root)
-    , m_options(options)
-{
-}
-
-FileServiceProcess::~FileServiceProcess()
-{
-    stop();
-}
-
 bool FileServiceProcess::start(int timeoutMs)
 {
     m_process.start(QStringLiteral("/usr/bin/python3"),

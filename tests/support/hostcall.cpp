@@ -2,8 +2,6 @@
 
 #include <zephyrtide/reply.h>
 
-#include <QtTest>
-
 HostCall::HostCall(QObject *root, const char *slot, const QVariantMap &params,
                    const std::function<void(Zephyrtide::Reply *)> &beforeCall)
     : m_reply(new Zephyrtide::Reply(QString::fromLatin1(slot), params))
@@ -16,10 +14,6 @@ HostCall::HostCall(QObject *root, const char *slot, const QVariantMap &params,
     QObject::connect(reply, &Zephyrtide::Reply::uploadProgress,
                      [this](qint64 done, qint64 total) { progress.append({done, total}); });
     QObject::connect(reply, &Zephyrtide::Reply::keepAlive, [this] { ++keepAlives; });
-    QObject::connect(reply, &Zephyrtide::Reply::oneErrorOccurred,
-                     [this](const QString &name, Zephyrtide::Error::ErrorCode code) {
-                         itemErrors.append({name, code});
-                     });
     if (beforeCall)
         beforeCall(reply);
     m_invoked = QMetaObject::invokeMethod(root, slot, Qt::DirectConnection,

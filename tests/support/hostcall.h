@@ -37,7 +37,6 @@ public:
 
     QList<QPair<qint64, qint64>> progress; // download or upload progress, as emitted
     int keepAlives = 0;
-    QList<QPair<QString, Zephyrtide::Error::ErrorCode>> itemErrors;
 
 private:
     QScopedPointer<Zephyrtide::Reply> m_reply;

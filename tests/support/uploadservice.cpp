@@ -1,7 +1,5 @@
 #include "uploadservice.h"
 
-#include <QtTest>
-
 UploadService::UploadService(ScriptedServer *server)
     : m_server(server)
 {
