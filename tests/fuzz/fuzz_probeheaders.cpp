@@ -18,9 +18,6 @@
 #include "download/downloadglobal.h"
 #include "download/downloadtask.h"
 
-#include <QtCore>
-
-#include <cstddef>
 #include <cstdint>
 #include <limits>
 
@@ -71,20 +68,11 @@ QString destinationFolder()
 void resetDestination()
 {
     QDir folder(destinationFolder());
-    const QFileInfoList entries =
-        folder.entryInfoList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot);
-    for (const QFileInfo &entry : entries) {
-        if (PresentFiles.contains(entry.fileName()) && entry.isFile())
-            continue;
-        if (entry.isDir() && !entry.isSymLink())
-            QDir(entry.filePath()).removeRecursively();
-        else
-            folder.remove(entry.fileName());
-    }
+    folder.removeRecursively();
+    folder.mkpath(QStringLiteral("."));
     for (const QString &name : PresentFiles) {
         QFile file(folder.filePath(name));
-        if (!file.exists())
-            require(file.open(QIODevice::WriteOnly), "a present file can be made", file.fileName());
+        require(file.open(QIODevice::WriteOnly), "a present file can be made", file.fileName());
     }
 }
 
@@ -174,7 +162,6 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     require(global->temporaryStoragePath().startsWith(FuzzEnvironment::scratchPath()),
             "the default storage path is in the scratch home", global->temporaryStoragePath());
     global->setTemporaryStoragePath(FuzzEnvironment::scratchPath() + QLatin1String("/temporary"));
-    QDir().mkpath(destinationFolder());
     return 0;
 }
 
