@@ -205,6 +205,18 @@ private Q_SLOTS:
         thread.quit();
         thread.wait();
     }
+
+    void makePath()
+    {
+        QTemporaryDir dir;
+        const QString nested = dir.path() + "/a/b/c";
+        QVERIFY(GlobalManager::makePath(nested));
+        QVERIFY(QDir(nested).exists());
+        QVERIFY(GlobalManager::makePath(nested));
+        QFile blocker(dir.path() + "/file");
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        QVERIFY(!GlobalManager::makePath(dir.path() + "/file/sub"));
+    }
 };
 
 QTEST_MAIN(tst_GlobalManager)

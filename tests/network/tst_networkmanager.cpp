@@ -24,7 +24,7 @@ protected:
     }
 };
 
-// Counts how often the queue prepares it.
+// Counts how often the queue prepares it, and says on which thread.
 class RecordingBody : public RequestBody
 {
 public:
@@ -37,20 +37,11 @@ public:
     }
     void prepare() override
     {
-        QMutexLocker locker(&mutex);
-        ++prepared;
         preparedOn = QThread::currentThread();
+        ++prepared;
     }
-    QPair<int, QThread *> record() const
-    {
-        QMutexLocker locker(&mutex);
-        return {prepared, preparedOn};
-    }
-
-private:
-    mutable QMutex mutex;
-    int prepared = 0;
-    QThread *preparedOn = nullptr;
+    std::atomic<int> prepared{0};
+    std::atomic<QThread *> preparedOn{nullptr};
 };
 } // namespace
 
@@ -200,12 +191,12 @@ private Q_SLOTS:
         const auto preparedWindow = [&bodies] {
             QList<int> counts;
             for (const auto &body : bodies)
-                counts << body->record().first;
+                counts << body->prepared;
             return counts;
         };
         QTRY_COMPARE_WITH_TIMEOUT(preparedWindow(), QList<int>({0, 0, 1, 1, 0, 0, 0, 0}), 5000);
-        QVERIFY(bodies.at(2)->record().second != QThread::currentThread());
-        QVERIFY(bodies.at(2)->record().second != nullptr);
+        QVERIFY(bodies.at(2)->preparedOn != QThread::currentThread());
+        QVERIFY(bodies.at(2)->preparedOn != nullptr);
 
         m_server->release(1);
         QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), 3, 5000);
@@ -217,7 +208,10 @@ private Q_SLOTS:
     }
 
 private:
-    QNetworkRequest request(int n) const { return QNetworkRequest(QUrl(m_server->baseUrl() + "/" + QString::number(n))); }
+    QNetworkRequest request(int n) const
+    {
+        return QNetworkRequest(QUrl(m_server->baseUrl() + '/' + QString::number(n)));
+    }
     // Sends count GETs that the server holds until release().
     void getHeld(int count)
     {

@@ -28,20 +28,3 @@ HostCall::~HostCall()
     // The plugin may still hold connections to the reply; let it go from the loop.
     m_reply.take()->deleteLater();
 }
-
-QVariantMap HostCall::wait(int timeoutMs)
-{
-    if (m_results.isEmpty())
-        (void)QTest::qWaitFor([this] { return !m_results.isEmpty(); }, timeoutMs);
-    return result();
-}
-
-int HostCall::errorCode() const
-{
-    return result().value(QStringLiteral("errorCode"), -1).toInt();
-}
-
-bool HostCall::succeeded() const
-{
-    return result().value(QStringLiteral("status")).toString() == QLatin1String("success");
-}
