@@ -25,12 +25,9 @@ namespace {
 
 using FuzzEnvironment::require;
 
-// The address the plugin asks every file from; the name goes in the body.
-const QString ProbeUrl = QStringLiteral("http://127.0.0.1:8080/download");
 // Present in the destination folder before every input, so that a name the
 // host or the server gives can collide with an existing file.
-const QStringList PresentFiles{QStringLiteral("report.pdf"), QStringLiteral("Grüße.txt"),
-                               QStringLiteral("noext")};
+const QStringList PresentFiles{QStringLiteral("report.pdf"), QStringLiteral("Grüße.txt"), QStringLiteral("noext")};
 
 struct ProbeAnswer
 {
@@ -80,7 +77,7 @@ void resetDestination()
 void prepare(DownloadTask &task, const QString &hostName)
 {
     task.m_path = destinationFolder();
-    task.url = ProbeUrl;
+    task.url = QStringLiteral("http://127.0.0.1:8080/download"); // every file's; the name goes in the body
     if (hostName.isEmpty())
         return;
     task.fileName = hostName;
