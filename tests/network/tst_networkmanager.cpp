@@ -98,30 +98,6 @@ private Q_SLOTS:
         m_server->release();
     }
 
-    void deletedReplyLeaves_data()
-    {
-        QTest::addColumn<bool>("running");
-        QTest::newRow("the waiting one: never sent") << false;
-        QTest::newRow("a running one: cancelled, its slot taken on the next turn") << true;
-    }
-    void deletedReplyLeaves()
-    {
-        QFETCH(bool, running);
-        getHeld(5);
-        QTRY_COMPARE_WITH_TIMEOUT(m_server->heldCount(), 4, 5000);
-        QPointer<QNetworkReply> inner = m_replies.first()->reply();
-        (running ? m_replies.takeFirst() : m_replies.takeLast()).reset();
-        QCOMPARE(m_manager->waitingCount(), running ? 1 : 0);
-        QCOMPARE(m_manager->runningCount(), running ? 3 : 4);
-        QTRY_COMPARE_WITH_TIMEOUT(m_manager->runningCount(), 4, 5000);
-        QCOMPARE(m_manager->waitingCount(), 0);
-        QTRY_VERIFY_WITH_TIMEOUT(inner.isNull() == running, 5000);
-        QTRY_COMPARE_WITH_TIMEOUT(m_server->requestCount(), running ? 5 : 4, 5000);
-        m_server->release();
-        QTRY_COMPARE_WITH_TIMEOUT(m_manager->runningCount(), 0, 5000);
-        QCOMPARE(m_server->requestCount(), running ? 5 : 4);
-    }
-
     void netLimitLevels_data()
     {
         QTest::addColumn<QList<int>>("levels");
