@@ -17,7 +17,12 @@ class tst_Encryption : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase() { QVERIFY2(QFileInfo(QStringLiteral(ZT_CIPHER_STUB)).isExecutable(), ZT_CIPHER_STUB); }
+    void initTestCase()
+    {
+        QVERIFY2(QFileInfo(QStringLiteral(ZT_CIPHER_STUB)).isExecutable(), ZT_CIPHER_STUB);
+        QFile plain(m_dir.filePath("cipher.txt"));
+        QVERIFY(plain.open(QIODevice::WriteOnly) && plain.write("not a program\n") > 0);
+    }
 
     // FIPS-197 Appendix C: plaintext 00112233..ff under the keys 000102.. of each length.
     void aesKnownAnswers_data()
@@ -48,17 +53,13 @@ private Q_SLOTS:
     {
         QTest::addColumn<QVariantMap>("map");
         QTest::newRow("empty") << QVariantMap();
-        QTest::newRow("strings") << QVariantMap{{"filePath", "/home/ann/report 2024.pdf"}, {"empty", ""},
-                                                {"quote", "a \"quoted\" \\ back}slash{"}};
-        QTest::newRow("numbers") << QVariantMap{{"int", 42}, {"negative", -7}, {"fraction", 3.25},
-                                                {"large", qlonglong(1) << 40}};
-        QTest::newRow("booleans") << QVariantMap{{"yes", true}, {"no", false}};
-        QTest::newRow("nested map and list") << QVariantMap{
+        QTest::newRow("every JSON type") << QVariantMap{
+            {"filePath", "/home/ann/report 2024.pdf"}, {"empty", ""}, {"quote", "a \"quoted\" \\ back}slash{"},
+            {"int", 42}, {"negative", -7}, {"fraction", 3.25}, {"large", qlonglong(1) << 40}, {"yes", true},
+            {"no", false}, {"名前", "写真 🌄"}, {"list", QVariantList{}},
             {"uploadInfo", QVariantMap{{"uploadID", "u-1"},
                                        {"chunks", QVariantList{QVariantMap{{"url", "http://h/p?partNumber=1"}},
-                                                               QVariantList{1, "two", false}}}}},
-            {"list", QVariantList{}}};
-        QTest::newRow("unicode") << QVariantMap{{"名前", "写真 🌄"}, {"café", "Ærø"}};
+                                                               QVariantList{1, "two", false}}}}}};
         // 48 bytes of indented JSON exactly: the text needs no padding at all.
         QTest::newRow("whole blocks") << QVariantMap{{"abcdefghijklmnopqrstuvwxyz01234", "zz"}};
     }
@@ -90,16 +91,12 @@ private Q_SLOTS:
         const QByteArray goodBytes = QByteArray::fromBase64(good.toLatin1());
         const QByteArray json = QJsonDocument::fromVariant(Padded).toJson();
 
-        QTest::newRow("padded with nothing") << recordText(json) << QString();
         QTest::newRow("padded with zeros") << recordText(json + QByteArray(11, '\0')) << QString();
         QTest::newRow("padded with a block of 0x10") << recordText(json + QByteArray(16, '\x10')) << QString();
-        QTest::newRow("padded with white space") << recordText(json + "\n   \n") << QString();
         QTest::newRow("padded with bytes that are not text") << recordText(json + QByteArray("\xff\x01{\x80\x7f", 5))
                                                              << QString();
         QTest::newRow("written under another key") << Encryption(QByteArray(16, 'k')).serializeDataToFile(big)
                                                    << parseLine;
-        QTest::newRow("written under the compiled-in key") << Encryption::instance()->serializeDataToFile(big)
-                                                           << parseLine;
         QTest::newRow("truncated mid-block") << good.left(good.size() - 10) << emptyLine;
         // Whole blocks are gone: what is left deciphers, but its last "}" closes
         // a nested map, so the text is not a document.
@@ -107,11 +104,9 @@ private Q_SLOTS:
             << QString::fromLatin1(goodBytes.left(goodBytes.size() - 32).toBase64()) << parseLine;
         QTest::newRow("not base64") << QStringLiteral("this is not base64!") << emptyLine;
         QTest::newRow("stray character in base64") << good.left(8) + QLatin1Char('*') + good.mid(8) << emptyLine;
-        QTest::newRow("non-Latin text") << QStringLiteral("密文密文") << emptyLine;
         QTest::newRow("empty") << QString() << emptyLine;
         QTest::newRow("deciphers to prose") << recordText("no braces in here at all") << parseLine;
         QTest::newRow("deciphers to broken JSON") << recordText("{\"a\": }") << parseLine;
-        QTest::newRow("deciphers to a list of maps") << recordText("[{\"a\": 1}]") << parseLine;
     }
     // A refused text leaves the map as it was and says why.
     void reading()
@@ -156,6 +151,7 @@ private Q_SLOTS:
                  QStringList({"encrypt", QString::fromLatin1(hexDigest.toBase64()), json}));
     }
 
+    // A program that exits without an answer must not leave encrypt() waiting (the test's time limit).
     void cipherProgramFailures_data()
     {
         QTest::addColumn<QString>("program");
@@ -164,7 +160,7 @@ private Q_SLOTS:
         QTest::newRow("no path") << QString() << QByteArray() << true;
         QTest::newRow("missing file") << QStringLiteral("/nonexistent/cipher") << QByteArray() << true;
         QTest::newRow("a folder") << QDir::tempPath() << QByteArray() << true;
-        QTest::newRow("not executable") << QStringLiteral("plain-file") << QByteArray() << false;
+        QTest::newRow("not executable") << m_dir.filePath("cipher.txt") << QByteArray() << false;
         QTest::newRow("exits without an answer") << QStringLiteral(ZT_CIPHER_STUB) << QByteArray("silent") << false;
     }
     void cipherProgramFailures()
@@ -172,26 +168,18 @@ private Q_SLOTS:
         QFETCH(QString, program);
         QFETCH(QByteArray, mode);
         QFETCH(bool, encryptFail);
-        QTemporaryDir dir;
-        if (program == QLatin1String("plain-file")) {
-            program = dir.filePath("cipher.txt");
-            QFile file(program);
-            QVERIFY(file.open(QIODevice::WriteOnly) && file.write("not a program\n") > 0);
-        }
         qputenv("ZT_CIPHER_STUB_MODE", mode);
         const auto restore = qScopeGuard([] { qunsetenv("ZT_CIPHER_STUB_MODE"); });
         LogCapture log;
         Encryption encryption;
         encryption.setCipherProgram(program);
-        QElapsedTimer clock;
-        clock.start();
         QCOMPARE(encryption.encrypt("seed", QVariantList{1, 2}), QByteArray());
         QCOMPARE(encryption.encrypt("seed", QVariantMap{{"a", 1}}), QByteArray());
-        QVERIFY(clock.elapsed() < 10000);
         QCOMPARE(log.count("Encrypt fail"), encryptFail ? 2 : 0);
     }
 
 private:
+    QTemporaryDir m_dir;
     const QVariantMap Padded{{"uploadInfo", QVariantMap{{"uploadID", "s-9"}}}, {"n", 5}};
 };
 

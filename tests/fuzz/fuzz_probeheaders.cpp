@@ -18,9 +18,6 @@
 #include "download/downloadglobal.h"
 #include "download/downloadtask.h"
 
-#include <QtCore>
-
-#include <cstddef>
 #include <cstdint>
 #include <limits>
 
@@ -28,12 +25,9 @@ namespace {
 
 using FuzzEnvironment::require;
 
-// The address the plugin asks every file from; the name goes in the body.
-const QString ProbeUrl = QStringLiteral("http://127.0.0.1:8080/download");
 // Present in the destination folder before every input, so that a name the
 // host or the server gives can collide with an existing file.
-const QStringList PresentFiles{QStringLiteral("report.pdf"), QStringLiteral("Grüße.txt"),
-                               QStringLiteral("noext")};
+const QStringList PresentFiles{QStringLiteral("report.pdf"), QStringLiteral("Grüße.txt"), QStringLiteral("noext")};
 
 struct ProbeAnswer
 {
@@ -71,20 +65,11 @@ QString destinationFolder()
 void resetDestination()
 {
     QDir folder(destinationFolder());
-    const QFileInfoList entries =
-        folder.entryInfoList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot);
-    for (const QFileInfo &entry : entries) {
-        if (PresentFiles.contains(entry.fileName()) && entry.isFile())
-            continue;
-        if (entry.isDir() && !entry.isSymLink())
-            QDir(entry.filePath()).removeRecursively();
-        else
-            folder.remove(entry.fileName());
-    }
+    folder.removeRecursively();
+    folder.mkpath(QStringLiteral("."));
     for (const QString &name : PresentFiles) {
         QFile file(folder.filePath(name));
-        if (!file.exists())
-            require(file.open(QIODevice::WriteOnly), "a present file can be made", file.fileName());
+        require(file.open(QIODevice::WriteOnly), "a present file can be made", file.fileName());
     }
 }
 
@@ -92,7 +77,7 @@ void resetDestination()
 void prepare(DownloadTask &task, const QString &hostName)
 {
     task.m_path = destinationFolder();
-    task.url = ProbeUrl;
+    task.url = QStringLiteral("http://127.0.0.1:8080/download"); // every file's; the name goes in the body
     if (hostName.isEmpty())
         return;
     task.fileName = hostName;
@@ -174,7 +159,6 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     require(global->temporaryStoragePath().startsWith(FuzzEnvironment::scratchPath()),
             "the default storage path is in the scratch home", global->temporaryStoragePath());
     global->setTemporaryStoragePath(FuzzEnvironment::scratchPath() + QLatin1String("/temporary"));
-    QDir().mkpath(destinationFolder());
     return 0;
 }
 

@@ -14,10 +14,7 @@
 #include "core/encryption.h"
 #include "upload/fileitem.h"
 
-#include <QtCore>
-
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 
 namespace {
@@ -38,36 +35,22 @@ QString describe(const QVariantMap &map)
 bool exactInJson(const QVariant &value)
 {
     constexpr qint64 Exact = qint64(1) << 53;
-    switch (int(value.type())) {
-    case QVariant::LongLong:
-        return value.toLongLong() >= -Exact && value.toLongLong() <= Exact;
-    case QVariant::ULongLong:
+    if (value.type() == QVariant::Map || value.type() == QVariant::List) {
+        const QVariantList items = value.type() == QVariant::Map ? value.toMap().values() : value.toList();
+        return std::all_of(items.cbegin(), items.cend(), exactInJson);
+    }
+    if (value.type() == QVariant::ULongLong)
         return value.toULongLong() <= quint64(Exact);
-    case QVariant::Map: {
-        const QVariantMap map = value.toMap();
-        return std::all_of(map.cbegin(), map.cend(), exactInJson);
-    }
-    case QVariant::List: {
-        const QVariantList list = value.toList();
-        return std::all_of(list.cbegin(), list.cend(), exactInJson);
-    }
-    default:
-        return true;
-    }
+    return value.type() != QVariant::LongLong || (value.toLongLong() >= -Exact && value.toLongLong() <= Exact);
 }
 
-// What the cache holds after a read, written back as setInfo and removeInfo
-// write it, reads back the same: an entry the plugin could read once stays
-// readable, and a resumed upload meets the session it left.
-void checkWrittenBack(Encryption &encryption, const QVariantMap &cache)
+// The map written as setInfo and removeInfo write the cache, and read back.
+QVariantMap writtenAndRead(Encryption &encryption, const QVariantMap &map)
 {
-    if (!exactInJson(cache))
-        return;
     QVariantMap reread;
-    const QString text = encryption.serializeDataToFile(cache);
-    require(encryption.deserializeFileToData(text, reread), "a written cache can be read", describe(cache));
-    require(reread == cache, "a written cache reads back unchanged",
-            describe(cache) + QLatin1String("\n  read back: ") + describe(reread));
+    require(encryption.deserializeFileToData(encryption.serializeDataToFile(map), reread),
+            "a written cache can be read", describe(map));
+    return reread;
 }
 
 // The fields the cache keeps, as the item holds them: comparing these and not
@@ -79,24 +62,6 @@ QVariantList persisted(const FileItem &item)
             item.uploadedChunk, item.currentRequestTime, item.bytesSent, item.bucket, item.dfsID,
             item.cdnURL, item.originParams, item.chunks, item.chunkSize, item.expires, item.method,
             item.uploadID};
-}
-
-void checkEntry(Encryption &encryption, const QVariant &value)
-{
-    FileItem item;
-    item.fromCacheMap(value.toMap());
-    item.sessionValid(QDateTime::currentDateTime()); // the time and lifetime are the damaged value's
-
-    const QVariantMap entry = item.toCacheMap();
-    if (!exactInJson(entry))
-        return;
-    QVariantMap reread;
-    require(encryption.deserializeFileToData(encryption.serializeDataToFile({{item.identifier, entry}}), reread),
-            "a written entry can be read", describe(entry));
-    FileItem again;
-    again.fromCacheMap(reread.value(item.identifier).toMap());
-    require(persisted(again) == persisted(item), "a written entry reads back as the same item",
-            describe(entry) + QLatin1String("\n  read back: ") + describe(again.toCacheMap()));
 }
 
 } // namespace
@@ -128,8 +93,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         require(cache == untouched, "a failed read leaves the map alone", describe(cache));
         return 0;
     }
-    checkWrittenBack(encryption, cache);
-    for (const QVariant &value : qAsConst(cache))
-        checkEntry(encryption, value);
+    // What a read gave, written back, reads back the same: an entry the plugin
+    // could read once stays readable, and a resumed upload meets its session.
+    if (exactInJson(cache)) {
+        const QVariantMap reread = writtenAndRead(encryption, cache);
+        require(reread == cache, "a written cache reads back unchanged",
+                describe(cache) + QLatin1String("\n  read back: ") + describe(reread));
+    }
+    for (const QVariant &value : qAsConst(cache)) {
+        FileItem item;
+        item.fromCacheMap(value.toMap());
+        item.sessionValid(QDateTime::currentDateTime()); // the time and lifetime are the damaged value's
+        const QVariantMap entry = item.toCacheMap();
+        if (!exactInJson(entry))
+            continue;
+        FileItem again;
+        again.fromCacheMap(writtenAndRead(encryption, {{item.identifier, entry}}).value(item.identifier).toMap());
+        require(persisted(again) == persisted(item), "a written entry reads back as the same item",
+                describe(entry) + QLatin1String("\n  read back: ") + describe(again.toCacheMap()));
+    }
     return 0;
 }

@@ -132,6 +132,7 @@ private Q_SLOTS:
             QCOMPARE(sent.target, QByteArray("/retry?part=2"));
             QCOMPARE(sent.header("X-Chunk"), QByteArray("7"));
             QCOMPARE(sent.body, QByteArray("payload-bytes"));
+            QCOMPARE(sent.header("Connection"), QByteArray("close")); // as for a POST: see tst_networkmanager
         }
     }
 

@@ -1,7 +1,5 @@
 #include "filedigest.h"
 
-#include <QtTest>
-
 QByteArray sha256OfFile(const QString &path)
 {
     QFile file(path);

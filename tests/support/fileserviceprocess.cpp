@@ -1,18 +1,5 @@
 #include "fileserviceprocess.h"
 
-#include <QtTest>
-
-FileServiceProcess::FileServiceProcess(const QString &root, const QStringList &options)
-    : m_root(root)
-    , m_options(options)
-{
-}
-
-FileServiceProcess::~FileServiceProcess()
-{
-    stop();
-}
-
 bool FileServiceProcess::start(int timeoutMs)
 {
     m_process.start(QStringLiteral("/usr/bin/python3"),
@@ -32,17 +19,13 @@ bool FileServiceProcess::start(int timeoutMs)
 
 void FileServiceProcess::stop()
 {
-    if (m_process.state() == QProcess::NotRunning)
-        return;
-    m_process.terminate();
+    m_process.terminate(); // like kill(), nothing to do once the process has ended
     if (!m_process.waitForFinished(10000))
         kill();
 }
 
 void FileServiceProcess::kill()
 {
-    if (m_process.state() == QProcess::NotRunning)
-        return;
     m_process.kill();
     m_process.waitForFinished(10000);
 }

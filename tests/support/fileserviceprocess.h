@@ -9,15 +9,15 @@
 class FileServiceProcess
 {
 public:
-    explicit FileServiceProcess(const QString &root, const QStringList &options = QStringList());
-    ~FileServiceProcess();
+    explicit FileServiceProcess(const QString &root, const QStringList &options = QStringList())
+        : m_root(root), m_options(options) {}
+    ~FileServiceProcess() { stop(); }
 
     bool start(int timeoutMs = 15000); // waits for the base address it prints
     void stop();                       // SIGTERM, bounded wait, then SIGKILL
     void kill();                       // SIGKILL, as a crash would
 
     QString baseUrl() const { return m_baseUrl; }
-    QString root() const { return m_root; }
     // What the service wrote to stderr so far (one line per part received).
     QByteArray log();
     // Calls seen with log() from the event loop whenever the service writes to

@@ -2,8 +2,6 @@
 
 #include <zephyrtide/reply.h>
 
-#include <QtTest>
-
 HostCall::HostCall(QObject *root, const char *slot, const QVariantMap &params,
                    const std::function<void(Zephyrtide::Reply *)> &beforeCall)
     : m_reply(new Zephyrtide::Reply(QString::fromLatin1(slot), params))
@@ -16,10 +14,6 @@ HostCall::HostCall(QObject *root, const char *slot, const QVariantMap &params,
     QObject::connect(reply, &Zephyrtide::Reply::uploadProgress,
                      [this](qint64 done, qint64 total) { progress.append({done, total}); });
     QObject::connect(reply, &Zephyrtide::Reply::keepAlive, [this] { ++keepAlives; });
-    QObject::connect(reply, &Zephyrtide::Reply::oneErrorOccurred,
-                     [this](const QString &name, Zephyrtide::Error::ErrorCode code) {
-                         itemErrors.append({name, code});
-                     });
     if (beforeCall)
         beforeCall(reply);
     m_invoked = QMetaObject::invokeMethod(root, slot, Qt::DirectConnection,
@@ -33,21 +27,4 @@ HostCall::~HostCall()
 {
     // The plugin may still hold connections to the reply; let it go from the loop.
     m_reply.take()->deleteLater();
-}
-
-QVariantMap HostCall::wait(int timeoutMs)
-{
-    if (m_results.isEmpty())
-        (void)QTest::qWaitFor([this] { return !m_results.isEmpty(); }, timeoutMs);
-    return result();
-}
-
-int HostCall::errorCode() const
-{
-    return result().value(QStringLiteral("errorCode"), -1).toInt();
-}
-
-bool HostCall::succeeded() const
-{
-    return result().value(QStringLiteral("status")).toString() == QLatin1String("success");
 }

@@ -28,16 +28,19 @@ public:
     Zephyrtide::Reply *reply() const { return m_reply.data(); }
 
     // Waits (bounded) for finished() and returns its map; empty on time-out.
-    QVariantMap wait(int timeoutMs = 20000);
+    QVariantMap wait(int timeoutMs = 20000)
+    {
+        (void)QTest::qWaitFor([this] { return !m_results.isEmpty(); }, timeoutMs);
+        return result();
+    }
     QVariantMap result() const { return m_results.value(0); }
     int finishedCount() const { return m_results.size(); }
-    int errorCode() const;
+    int errorCode() const { return result().value(QStringLiteral("errorCode"), -1).toInt(); }
     Zephyrtide::Error::ErrorCode error() const { return Zephyrtide::Error::ErrorCode(errorCode()); }
-    bool succeeded() const;
+    bool succeeded() const { return result().value(QStringLiteral("status")).toString() == QLatin1String("success"); }
 
     QList<QPair<qint64, qint64>> progress; // download or upload progress, as emitted
     int keepAlives = 0;
-    QList<QPair<QString, Zephyrtide::Error::ErrorCode>> itemErrors;
 
 private:
     QScopedPointer<Zephyrtide::Reply> m_reply;

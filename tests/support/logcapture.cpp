@@ -33,43 +33,18 @@ void LogCapture::handler(QtMsgType type, const QMessageLogContext &context, cons
     LogCapture *self = s_current;
     if (!self)
         return;
-    {
+    if (PluginCategory == QLatin1String(context.category)) {
         QMutexLocker locker(&self->m_mutex);
-        self->m_lines.append({type, QString::fromLatin1(context.category), message});
+        self->m_lines.append({type, message});
     }
     if (self->m_previous && type != QtDebugMsg)
         self->m_previous(type, context, message);
 }
 
-QList<LogCapture::Line> LogCapture::lines() const
+int LogCapture::count(const QString &text, int type) const
 {
     QMutexLocker locker(&m_mutex);
-    return m_lines;
-}
-
-int LogCapture::countLines(const QString &text, const QtMsgType *type) const
-{
-    QMutexLocker locker(&m_mutex);
-    int n = 0;
-    for (const Line &line : m_lines) {
-        if ((!type || line.type == *type) && line.category == PluginCategory && line.message.contains(text))
-            ++n;
-    }
-    return n;
-}
-
-int LogCapture::count(const QString &text, QtMsgType type) const
-{
-    return countLines(text, &type);
-}
-
-int LogCapture::count(const QString &text) const
-{
-    return countLines(text, nullptr);
-}
-
-void LogCapture::clear()
-{
-    QMutexLocker locker(&m_mutex);
-    m_lines.clear();
+    return int(std::count_if(m_lines.cbegin(), m_lines.cend(), [&](const QPair<int, QString> &line) {
+        return (type < 0 || line.first == type) && line.second.contains(text);
+    }));
 }

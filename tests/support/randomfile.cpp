@@ -1,7 +1,5 @@
 #include "randomfile.h"
 
-#include <QtTest>
-
 namespace {
 constexpr qint64 BlockSize = 1 << 20;
 

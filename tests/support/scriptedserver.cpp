@@ -1,8 +1,5 @@
 #include "scriptedserver.h"
 
-#include <QtTest>
-#include <QtNetwork>
-
 QByteArray ScriptedRequest::header(const QByteArray &name) const
 {
     for (const auto &pair : headers) {
@@ -52,36 +49,6 @@ ScriptedResponse ScriptedResponse::file(const QByteArray &content, const Scripte
     return response;
 }
 
-ScriptedServer::ScriptedServer(QObject *parent)
-    : QTcpServer(parent)
-{
-}
-
-ScriptedServer::~ScriptedServer()
-{
-    close();
-}
-
-bool ScriptedServer::start()
-{
-    return listen(QHostAddress::LocalHost, 0);
-}
-
-QString ScriptedServer::baseUrl() const
-{
-    return QStringLiteral("http://127.0.0.1:%1").arg(serverPort());
-}
-
-void ScriptedServer::setHandler(Handler handler)
-{
-    m_handler = std::move(handler);
-}
-
-void ScriptedServer::enqueue(const ScriptedResponse &response)
-{
-    m_queue.append(response);
-}
-
 void ScriptedServer::release(int n)
 {
     while (!m_held.isEmpty() && n-- != 0) {
@@ -109,13 +76,6 @@ bool ScriptedServer::waitUntilQuiet(int quietMs, int boundMs)
             return true;
     }
     return false;
-}
-
-void ScriptedServer::dropAll()
-{
-    const auto sockets = m_buffers.keys();
-    for (QTcpSocket *socket : sockets)
-        socket->abort();
 }
 
 void ScriptedServer::incomingConnection(qintptr socketDescriptor)
@@ -151,15 +111,13 @@ void ScriptedServer::readFrom(QTcpSocket *socket)
         const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
         request.method = requestLine.value(0);
         request.target = requestLine.value(1);
-        qint64 length = 0;
         for (int i = 1; i < lines.size(); ++i) {
             const QByteArray line = lines.at(i).trimmed();
             const int colon = line.indexOf(':');
-            if (colon <= 0)
-                continue;
-            request.headers.append({line.left(colon).trimmed(), line.mid(colon + 1).trimmed()});
+            if (colon > 0)
+                request.headers.append({line.left(colon).trimmed(), line.mid(colon + 1).trimmed()});
         }
-        length = request.header("Content-Length").toLongLong();
+        const qint64 length = request.header("Content-Length").toLongLong();
         if (buffer.size() < headerEnd + 4 + length)
             return;
         request.body = buffer.mid(headerEnd + 4, length);
@@ -183,20 +141,10 @@ void ScriptedServer::dispatch(QTcpSocket *socket, const ScriptedRequest &request
         response.status = 404;
 
     // As an HTTP/1.1 server does: the client that asks for it gets the connection closed.
-    if (request.header("Connection").compare("close", Qt::CaseInsensitive) == 0) {
-        response.closeAfterAnswer = true;
+    if (request.header("Connection").compare("close", Qt::CaseInsensitive) == 0)
         response.header("Connection", "close");
-    }
     if (response.hold) {
         m_held.append({socket, response});
-        return;
-    }
-    if (response.delayMs > 0) {
-        QPointer<QTcpSocket> guard(socket);
-        QTimer::singleShot(response.delayMs, this, [this, guard, response] {
-            if (guard && m_buffers.contains(guard))
-                answer(guard, response);
-        });
         return;
     }
     answer(socket, response);
@@ -236,24 +184,9 @@ void ScriptedServer::sendBody(QTcpSocket *socket, const ScriptedResponse &respon
 {
     const bool drop = response.dropAfterBytes >= 0 && response.dropAfterBytes < response.body.size();
     const QByteArray body = drop ? response.body.left(response.dropAfterBytes) : response.body;
-    drip(socket, response, body, 0);
-}
-
-void ScriptedServer::drip(QTcpSocket *socket, const ScriptedResponse &response, const QByteArray &body,
-                          int offset)
-{
-    const int piece = response.dripBytes > 0 ? response.dripBytes : body.size() - offset;
-    socket->write(body.mid(offset, piece));
-    m_bodyBytesSent += qMin(piece, body.size() - offset);
-    if (offset + piece < body.size()) {
-        QPointer<QTcpSocket> guard(socket);
-        QTimer::singleShot(response.dripIntervalMs, this, [this, guard, response, body, offset, piece] {
-            if (guard && m_buffers.contains(guard))
-                drip(guard, response, body, offset + piece);
-        });
-        return;
-    }
-    if (body.size() < response.body.size() || response.closeAfterAnswer) {
+    socket->write(body);
+    m_bodyBytesSent += body.size();
+    if (drop || response.headers.contains({"Connection", "close"})) {
         socket->flush();
         socket->disconnectFromHost();
     }

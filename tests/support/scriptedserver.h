@@ -5,8 +5,6 @@
 
 #include <functional>
 
-class QTcpSocket;
-
 // A request as the server received it.
 struct ScriptedRequest
 {
@@ -26,15 +24,10 @@ struct ScriptedResponse
     int status = 200;
     QList<QPair<QByteArray, QByteArray>> headers;
     QByteArray body;
-    int delayMs = 0;            // wait this long before answering
     qint64 dropAfterBytes = -1; // close the connection after this many body bytes
     bool closeWithoutAnswer = false;
     bool hold = false;          // answer only when release() is called
     qint64 holdAfterBytes = -1; // send this many body bytes, the rest when release() is called
-    bool closeAfterAnswer = false; // set when the request says "Connection: close"
-    // Paces the body: dripBytes at a time, one piece every dripIntervalMs.
-    int dripBytes = 0;
-    int dripIntervalMs = 0;
 
     ScriptedResponse &header(const QByteArray &name, const QByteArray &value)
     {
@@ -61,14 +54,11 @@ class ScriptedServer : public QTcpServer
 public:
     using Handler = std::function<ScriptedResponse(const ScriptedRequest &)>;
 
-    explicit ScriptedServer(QObject *parent = nullptr);
-    ~ScriptedServer() override;
+    bool start() { return listen(QHostAddress::LocalHost, 0); }
+    QString baseUrl() const { return QStringLiteral("http://127.0.0.1:%1").arg(serverPort()); }
 
-    bool start(); // listens on 127.0.0.1, port 0
-    QString baseUrl() const; // "http://127.0.0.1:port"
-
-    void setHandler(Handler handler);
-    void enqueue(const ScriptedResponse &response);
+    void setHandler(Handler handler) { m_handler = std::move(handler); }
+    void enqueue(const ScriptedResponse &response) { m_queue.append(response); }
 
     QList<ScriptedRequest> requests() const { return m_requests; }
     int requestCount() const { return m_requests.size(); }
@@ -85,8 +75,6 @@ public:
     // Answers held responses (or sends the rest of paused ones), oldest first;
     // all of them with n < 0.
     void release(int n = -1);
-    // Closes every open connection at once.
-    void dropAll();
 
 Q_SIGNALS:
     void requestReceived(const ScriptedRequest &request);
@@ -105,7 +93,6 @@ private:
     void dispatch(QTcpSocket *socket, const ScriptedRequest &request);
     void answer(QTcpSocket *socket, const ScriptedResponse &response);
     void sendBody(QTcpSocket *socket, const ScriptedResponse &response);
-    void drip(QTcpSocket *socket, const ScriptedResponse &response, const QByteArray &body, int offset);
 
     Handler m_handler;
     QList<ScriptedResponse> m_queue;

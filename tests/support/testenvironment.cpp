@@ -1,7 +1,5 @@
 #include "testenvironment.h"
 
-#include <QtTest>
-
 TestEnvironment::TestEnvironment()
 {
     const QDir home(m_home.path());

@@ -1,7 +1,5 @@
 #include "uploadservice.h"
 
-#include <QtTest>
-
 UploadService::UploadService(ScriptedServer *server)
     : m_server(server)
 {
@@ -14,7 +12,8 @@ QByteArray UploadService::session(const QString &uploadID, qint64 chunkSize, con
     const QString base = m_server->baseUrl();
     QJsonArray chunks;
     for (int part : parts) {
-        QJsonObject chunk{{"url", QStringLiteral("%1/upload/part?uploadID=%2&partNumber=%3").arg(base, uploadID).arg(part)},
+        const QString url = QStringLiteral("%1/upload/part?uploadID=%2&partNumber=%3").arg(base, uploadID).arg(part);
+        QJsonObject chunk{{"url", url},
                           {"headers", QJsonObject{{"X-Upload-Token", uploadID + "-token"}}}};
         if (held.contains(part))
             chunk.insert("bytesSent", held.value(part));
