@@ -17,11 +17,12 @@ from ztfileservice.server import Front
     ([b"PART123"], 3, b"400", 1), ([b"GARBAGE\r\n\r\n"], None, b"400", 1),
     ([b"GET /download HTTP/1.1\r\nHost: h\r\nContent-Length: x\r\n\r\n"], None, b"400", 1),
     ([b"POST /delete HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"], None, b"400", 1),
-    # Every piece comes well within the bound (1 s), the whole body (1.6 s) does not.
-    ([b"PART12", b"3", b"4", b"56", b"78"], 8, b"200", 1),
+    # Every gap (0.4 s) is well within the bound: 1.5 s, of which the service's look every quarter may take
+    # 0.375. The whole body (2 s) is not.
+    ([b"PART12", b"3", b"4", b"5", b"6", b"78"], 8, b"200", 1),
 ], ids=["nothing", "half a head", "one request", "half a body", "bad request line", "bad header", "bad chunk", "slow body"])
 async def test_quiet_and_malformed_connections_are_closed(launch, sent, held, status, lines):
-    service = await launch("--chunk-size", "8", "--idle-timeout", "1" if len(sent) > 1 else "0.5")
+    service = await launch("--chunk-size", "8", "--idle-timeout", "1.5" if len(sent) > 1 else "0.5")
     head, before = service.part_head((await service.chunks("q.bin", 8))[0], 8, md5_header(b"12345678")), service.log()
     # What comes back, if anything, then the end: the service let go.
     answer = await raw_exchange(service, *(piece.replace(b"PART", head) for piece in sent), gap=0.4)
