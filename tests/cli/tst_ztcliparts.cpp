@@ -32,6 +32,8 @@ public Q_SLOTS:
         };
         if (behaviour == BusyThenFinishOnStop)
             QTest::qWait(300); // like a probe: events run before stop() is wired
+        if (behaviour == NeverFinish)
+            reply->setParent(this); // ztcli leaves an unanswered reply to the plugin that holds it
         connect(reply, &Zephyrtide::Reply::stop, this, [this, finish] {
             ++stops;
             if (behaviour == BusyThenFinishOnStop)
