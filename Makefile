@@ -62,7 +62,7 @@ test: build
 test-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DZT_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug $(CMAKE_ARGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
-	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure --timeout 900
+	cd $(ASAN_BUILD) && ctest --output-on-failure --timeout 900
 
 # Only ztcli and the plugin: the tests are not needed to run the demo.
 demo: configure
